@@ -8,7 +8,7 @@ packages=(
   # toolchain
   g++ make cmake ninja-build pkg-config ccache
   # library dependencies
-  libssl-dev ca-certificates libsimdjson-dev libplist-dev libfmt-dev
+  libssl-dev ca-certificates libsimdjson-dev libplist-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
 )

@@ -637,6 +637,8 @@ namespace {
 void appendItem(std::string& out, const ZRBValue& item, int indent) {
   if (item.isString()) {
     out += ZRBQuotedDescriptionString(item.stringView());
+  } else if (item.isNull()) {
+    out += "\"<null>\"";  // the platform quotes the null object inside containers
   } else {
     item.appendDescription(out, indent);
   }

@@ -117,6 +117,10 @@ class ZRBValue {
   template <typename T>
   requires std::is_base_of_v<ZRBObject, T> ZRBValue(std::shared_ptr<T> object)
       : ZRBValue(ZRBObjectPtr(std::move(object))) {}
+  // Objects held by a value are never changed through it, so const objects (errors) fit too.
+  template <typename T>
+  requires std::is_base_of_v<ZRBObject, T> ZRBValue(std::shared_ptr<const T> object)
+      : ZRBValue(ZRBObjectPtr(std::const_pointer_cast<T>(std::move(object)))) {}
 
   static ZRBValue null() noexcept;
   static ZRBValue absent() noexcept { return ZRBValue(); }

@@ -1,1 +1,51 @@
-int main() { return 0; }
+// orvel: the command-line client of the library.
+#include <cstdio>
+#include <string_view>
+#include <vector>
+
+#include "commands.h"
+
+namespace {
+
+struct Command {
+  std::string_view name;
+  std::string_view summary;
+  int (*run)(OrvelArguments);
+};
+
+constexpr Command kCommands[] = {
+    {"version", "print the library version", orvelVersionCommand},
+    {"settings", "print the current settings", orvelSettingsCommand},
+};
+
+void printUsage(std::FILE* out) {
+  std::fprintf(
+      out,
+      "usage: orvel [COMMAND [ARGUMENTS...]]\n\nWithout a command, prints the version and the settings.\n\n");
+  for (const auto& command : kCommands) {
+    std::fprintf(out, "  %-10.*s %.*s\n", static_cast<int>(command.name.size()), command.name.data(),
+                 static_cast<int>(command.summary.size()), command.summary.data());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string_view> arguments(argv + 1, argv + argc);
+  if (arguments.empty()) {
+    int status = orvelVersionCommand({});
+    return status != 0 ? status : orvelSettingsCommand({});
+  }
+  std::string_view name = arguments.front();
+  if (name == "-h" || name == "--help" || name == "help") {
+    printUsage(stdout);
+    return 0;
+  }
+  if (name == "--version" || name == "-V") name = "version";
+  for (const auto& command : kCommands) {
+    if (command.name == name) return command.run(OrvelArguments(arguments).subspan(1));
+  }
+  std::fprintf(stderr, "orvel: unknown command '%.*s'\n\n", static_cast<int>(name.size()), name.data());
+  printUsage(stderr);
+  return 2;
+}

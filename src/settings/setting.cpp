@@ -1,0 +1,53 @@
+#include "settings/setting.h"
+
+#include <mutex>
+
+#include "settings/field_list.h"
+
+const std::shared_ptr<ZRBSetting>& ZRBSetting::sharedSetting() {
+  static std::shared_ptr<ZRBSetting> instance;
+  static std::once_flag once;
+  std::call_once(once, [] {
+    if (!instance) instance = std::make_shared<ZRBSetting>();
+  });
+  return instance;
+}
+
+void ZRBSetting::setAllDomains(std::vector<std::string> domains) {
+  allDomains_ = [domains = std::move(domains)] { return domains; };
+}
+void ZRBSetting::setIsRealStgEnv(bool value) {
+  isRealStgEnv_ = [value] { return value; };
+}
+void ZRBSetting::setIsTrustDomains(bool value) {
+  isTrustDomains_ = [value] { return value; };
+}
+void ZRBSetting::setIsInternational(bool value) {
+  isInternational_ = [value] { return value; };
+}
+
+std::string ZRBSetting::description() const {
+  ZRBArrayBuilder domains;
+  for (auto& domain : allDomains()) domains.add(ZRBValue(domain));
+  return ZRBFieldList(ZRBObject::description())
+      .add("isAlwaysFullrelay", isAlwaysFullrelay_)
+      .add("isEnabledAutoDNS", isEnabledAutoDNS_)
+      .add("openTrace", openTrace_)
+      .add("isReinitialize", isReinitialize_)
+      .add("firstInit", firstInit_)
+      .add("serverCAFilePath", serverCAFilePath_)
+      .add("serverConfigPath", serverConfigPath_)
+      .add("fullRelayServerUrl", fullRelayServerUrl_)
+      .add("dvrPlanPreUrl", dvrPlanPreUrl_)
+      .add("domainIPDic", domainIPDic_)
+      .add("isServerPro", isServerPro_)
+      .add("requestCount", requestCount_)
+      .add("cid", cid_)
+      .add("deviceCid", deviceCid_)
+      .add("mdicDomain", mdicDomain_)
+      .add("allDomains", domains.build())
+      .add("isRealStgEnv", isRealStgEnv())
+      .add("isTrustDomains", isTrustDomains())
+      .add("isInternational", isInternational())
+      .text();
+}

@@ -1,0 +1,7 @@
+#include "settings/vendor_identifier.h"
+
+#include "platform/device.h"
+
+std::optional<std::string> zrb_identifier_for_vendor() {
+  return ZRBDevice::currentDevice()->identifierForVendor();
+}
