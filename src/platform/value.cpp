@@ -13,12 +13,6 @@
 
 namespace zrb_detail {
 
-// Every shared payload starts with its reference count. The value's kind tells which node type
-// follows, so nodes need no virtual table.
-struct ValueNode {
-  std::atomic<std::uint32_t> refs{1};
-};
-
 // Long strings: the characters follow the header in the same allocation.
 struct StringNode : ValueNode {
   std::size_t size = 0;
@@ -208,24 +202,7 @@ std::string ZRBDate::description() const {
 // ---------------------------------------------------------------------------------------------
 // Construction, copying and release
 
-bool ZRBValue::hasNode() const noexcept {
-  switch (kind_) {
-    case ZRBValueKind::String: return bytes_[kInlineCapacity] == kHeapString;
-    case ZRBValueKind::Data:
-    case ZRBValueKind::Array:
-    case ZRBValueKind::Dictionary:
-    case ZRBValueKind::Set:
-    case ZRBValueKind::Object: return true;
-    default: return false;
-  }
-}
-
-void ZRBValue::retain() const noexcept {
-  if (hasNode()) node()->refs.fetch_add(1, std::memory_order_relaxed);
-}
-
-void ZRBValue::release() noexcept {
-  if (!hasNode()) return;
+void ZRBValue::releaseNode() noexcept {
   ValueNode* n = node();
   if (n->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
   switch (kind_) {
@@ -237,36 +214,6 @@ void ZRBValue::release() noexcept {
     case ZRBValueKind::Object: delete static_cast<ObjectNode*>(n); break;
     default: break;
   }
-}
-
-ZRBValue::ZRBValue(const ZRBValue& other) noexcept : kind_(other.kind_) {
-  std::memcpy(bytes_, other.bytes_, sizeof bytes_);
-  retain();
-}
-
-ZRBValue::ZRBValue(ZRBValue&& other) noexcept : kind_(other.kind_) {
-  std::memcpy(bytes_, other.bytes_, sizeof bytes_);
-  other.kind_ = ZRBValueKind::Absent;
-}
-
-ZRBValue& ZRBValue::operator=(const ZRBValue& other) noexcept {
-  if (this != &other) {
-    other.retain();
-    release();
-    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
-    kind_ = other.kind_;
-  }
-  return *this;
-}
-
-ZRBValue& ZRBValue::operator=(ZRBValue&& other) noexcept {
-  if (this != &other) {
-    release();
-    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
-    kind_ = other.kind_;
-    other.kind_ = ZRBValueKind::Absent;
-  }
-  return *this;
 }
 
 ZRBValue ZRBValue::fromNode(ZRBValueKind kind, ValueNode* n) noexcept {
@@ -306,8 +253,6 @@ ZRBValue::ZRBValue(const char* text) {
 ZRBValue::ZRBValue(std::string_view text) {
   kind_ = ZRBValueKind::String;
   if (text.size() <= kInlineCapacity) {
-    // Zero the tail so that equal inline strings are equal byte for byte.
-    std::memset(bytes_, 0, sizeof bytes_);
     std::memcpy(bytes_, text.data(), text.size());
     bytes_[kInlineCapacity] = static_cast<unsigned char>(text.size());
   } else {

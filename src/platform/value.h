@@ -74,8 +74,12 @@ struct ZRBDate {
 };
 
 namespace zrb_detail {
-struct ValueNode;
-}
+// Every shared payload starts with its reference count; the value's kind tells which node type
+// follows, so nodes need no virtual table.
+struct ValueNode {
+  std::atomic<std::uint32_t> refs{1};
+};
+}  // namespace zrb_detail
 
 class ZRBValue;
 using ZRBDictionaryEntry = std::pair<ZRBValue, ZRBValue>;
@@ -85,10 +89,32 @@ class ZRBValue {
   // Absent.
   ZRBValue() noexcept { kind_ = ZRBValueKind::Absent; }
   ~ZRBValue() { release(); }
-  ZRBValue(const ZRBValue& other) noexcept;
-  ZRBValue(ZRBValue&& other) noexcept;
-  ZRBValue& operator=(const ZRBValue& other) noexcept;
-  ZRBValue& operator=(ZRBValue&& other) noexcept;
+  ZRBValue(const ZRBValue& other) noexcept : kind_(other.kind_) {
+    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    retain();
+  }
+  ZRBValue(ZRBValue&& other) noexcept : kind_(other.kind_) {
+    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    other.kind_ = ZRBValueKind::Absent;
+  }
+  ZRBValue& operator=(const ZRBValue& other) noexcept {
+    if (this != &other) {
+      other.retain();
+      release();
+      std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+      kind_ = other.kind_;
+    }
+    return *this;
+  }
+  ZRBValue& operator=(ZRBValue&& other) noexcept {
+    if (this != &other) {
+      release();
+      std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+      kind_ = other.kind_;
+      other.kind_ = ZRBValueKind::Absent;
+    }
+    return *this;
+  }
 
   // Scalars. Every integer type keeps its signedness, so large unsigned values stay exact.
   ZRBValue(bool value) noexcept;
@@ -223,7 +249,14 @@ class ZRBValue {
   static constexpr std::size_t kInlineCapacity = 14;
   static constexpr std::uint8_t kHeapString = 0xFF;
 
-  bool hasNode() const noexcept;
+  bool hasNode() const noexcept {
+    constexpr unsigned kNodeKinds =
+        1u << static_cast<unsigned>(ZRBValueKind::Data) | 1u << static_cast<unsigned>(ZRBValueKind::Array) |
+        1u << static_cast<unsigned>(ZRBValueKind::Dictionary) |
+        1u << static_cast<unsigned>(ZRBValueKind::Set) | 1u << static_cast<unsigned>(ZRBValueKind::Object);
+    if (kind_ == ZRBValueKind::String) return bytes_[kInlineCapacity] == kHeapString;
+    return (kNodeKinds >> static_cast<unsigned>(kind_)) & 1u;
+  }
   zrb_detail::ValueNode* node() const noexcept {
     zrb_detail::ValueNode* n;
     std::memcpy(&n, bytes_, sizeof n);
@@ -240,11 +273,17 @@ class ZRBValue {
   void setScalar(T v) noexcept {
     std::memcpy(bytes_, &v, sizeof v);
   }
-  void release() noexcept;
-  void retain() const noexcept;
+  void release() noexcept {
+    if (hasNode()) releaseNode();
+  }
+  void releaseNode() noexcept;
+  void retain() const noexcept {
+    if (hasNode()) node()->refs.fetch_add(1, std::memory_order_relaxed);
+  }
   static ZRBValue fromNode(ZRBValueKind kind, zrb_detail::ValueNode* n) noexcept;
 
-  alignas(8) unsigned char bytes_[15];
+  // Zeroed first so that equal scalars and inline strings are equal byte for byte.
+  alignas(8) unsigned char bytes_[15] = {};
   ZRBValueKind kind_;
 };
 
