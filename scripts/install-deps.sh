@@ -8,7 +8,8 @@ packages=(
   # toolchain
   g++ make cmake ninja-build pkg-config ccache
   # library dependencies
-  libssl-dev ca-certificates libsimdjson-dev libplist-dev
+  libssl-dev ca-certificates libsimdjson-dev libplist-dev libboost1.81-dev libboost-url1.81-dev
+  media-types gettext
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
 )
