@@ -87,6 +87,7 @@ enum ZRBCocoaError : long {
   ZRBFileReadCorruptFileError = 259,
   ZRBFileWriteUnknownError = 512,
   ZRBFileWriteNoPermissionError = 513,
+  ZRBFileWriteFileExistsError = 516,
   ZRBFileWriteOutOfSpaceError = 640,
   // The JSON reader and the property-list reader report malformed input with this code.
   ZRBPropertyListReadCorruptError = 3840,

@@ -1,0 +1,108 @@
+#include "platform/http_url_response.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+ZRBHTTPURLResponse response(const char* url, ZRBHTTPHeaderFields headers, long status = 200) {
+  return ZRBHTTPURLResponse(ZRBURL::URLWithString(url), status, std::nullopt, std::move(headers));
+}
+
+TEST(HTTPURLResponseTest, ContentTypeGivesMIMETypeAndCharset) {
+  struct Case {
+    const char* contentType;
+    std::optional<std::string> mime;
+    std::optional<std::string> charset;
+  };
+  const Case cases[] = {
+      {"application/json", "application/json", std::nullopt},
+      {"Text/HTML; Charset=UTF-8", "text/html", "utf-8"},
+      {"text/plain;charset=\"ISO-8859-1\";format=flowed", "text/plain", "iso-8859-1"},
+      {"text/plain; format=\"a;charset=x\"; charset = Shift_JIS ", "text/plain", "shift_jis"},
+      {"text/plain; charset=\"\"", "text/plain", std::nullopt},
+      {"text/plain; charset", "text/plain", std::nullopt},
+      {"", std::nullopt, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    auto r = response("http://h/", {{"content-type", c.contentType}});
+    EXPECT_EQ(r.MIMEType(), c.mime) << c.contentType;
+    EXPECT_EQ(r.textEncodingName(), c.charset) << c.contentType;
+  }
+  auto none = response("http://h/", {});
+  EXPECT_FALSE(none.MIMEType());
+  EXPECT_FALSE(none.textEncodingName());
+}
+
+TEST(HTTPURLResponseTest, HeadersLengthAndDescription) {
+  auto r = ZRBHTTPURLResponse::make(ZRBURL::URLWithString("http://h/x"), 404, "HTTP/2",
+                                    ZRBValue::dictionary({{"Content-Length", "12"}, {"ETag", "\"v1\""}}));
+  EXPECT_EQ(r->statusCode(), 404);
+  EXPECT_EQ(r->HTTPVersion(), "HTTP/2");
+  EXPECT_EQ(r->valueForHTTPHeaderField("etag"), "\"v1\"");
+  EXPECT_EQ(r->expectedContentLength(), 12);
+  EXPECT_EQ(r->allHeaderFields()["ETag"], ZRBValue("\"v1\""));
+  EXPECT_NE(r->description().find("{ URL: http://h/x } { Status Code: 404, Headers "), std::string::npos);
+  for (const char* bad : {"", "-5", "12abc", "lots"}) {
+    EXPECT_EQ(response("http://h/", {{"Content-Length", bad}}).expectedContentLength(), -1) << bad;
+  }
+  EXPECT_EQ(response("http://h/", {}).expectedContentLength(), -1);
+}
+
+TEST(HTTPURLResponseTest, SuggestedFilenames) {
+  struct Case {
+    const char* url;
+    const char* disposition;  // null: no header
+    const char* expected;
+  };
+  const Case cases[] = {
+      {"http://h/files/report.pdf?x=1", nullptr, "report.pdf"},
+      {"http://h/a%20b.txt", nullptr, "a b.txt"},
+      {"http://h/", nullptr, "Unknown"},
+      {"http://h", nullptr, "Unknown"},
+      {"http://h/dir/", nullptr, "dir"},
+      {"http://h/x", "attachment; filename=\"quoted name.zip\"", "quoted name.zip"},
+      {"http://h/x", "attachment; filename=plain.txt", "plain.txt"},
+      {"http://h/x", "attachment; filename=\"a.txt\"; filename*=UTF-8''%E2%82%AC%20rates.txt",
+       "\u20ac rates.txt"},
+      {"http://h/x", "attachment; filename*=iso-8859-1'en'caf%E9.txt", "caf\u00e9.txt"},
+      {"http://h/x", "attachment; filename*=UTF-8''%FF; filename=fallback.bin", "fallback.bin"},
+      {"http://h/x", "attachment; filename=\"../../etc/passwd\"", ".._.._etc_passwd"},
+      {"http://h/x", "attachment; filename=\"..\"", "x"},
+      {"http://h/x", "inline", "x"},
+  };
+  for (const auto& c : cases) {
+    ZRBHTTPHeaderFields headers;
+    if (c.disposition) headers.set("Content-Disposition", c.disposition);
+    EXPECT_EQ(response(c.url, headers).suggestedFilename(), c.expected)
+        << c.url << " " << (c.disposition ? c.disposition : "");
+  }
+  EXPECT_EQ(ZRBURLResponse(nullptr, std::nullopt, -1, std::nullopt).suggestedFilename(), "Unknown");
+}
+
+TEST(HTTPURLResponseTest, StatusTextsAndClassFallbacks) {
+  const std::pair<long, const char*> cases[] = {
+      {100, "continue"},
+      {200, "no error"},
+      {204, "no content"},
+      {301, "moved permanently"},
+      {304, "not modified"},
+      {307, "temporarily redirected"},
+      {404, "not found"},
+      {408, "request timed out"},
+      {410, "no longer exists"},
+      {500, "internal server error"},
+      {503, "service unavailable"},
+      {505, "unsupported version"},
+      {102, "informational"},
+      {299, "success"},
+      {308, "redirected"},
+      {429, "client error"},
+      {599, "server error"},
+      {0, "server error"},
+      {700, "server error"},
+  };
+  for (auto [code, text] : cases)
+    EXPECT_EQ(ZRBHTTPURLResponse::localizedStringForStatusCode(code), text) << code;
+}
+
+}  // namespace

@@ -1,0 +1,375 @@
+#include <gtest/gtest.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/bundle.h"
+#include "platform/device.h"
+#include "platform/file_manager.h"
+#include "platform/locale.h"
+#include "platform/localized_string.h"
+#include "platform/mime_type.h"
+#include "platform/property_list_serialization.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A fresh folder per test, removed afterwards.
+class TempFolder {
+ public:
+  TempFolder() {
+    path_ = testing::TempDir() + "system-info-" + std::to_string(getpid()) + "-" + std::to_string(counter_++);
+    fs::remove_all(path_);
+    fs::create_directories(path_);
+  }
+  ~TempFolder() { fs::remove_all(path_); }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  const std::string& path() const { return path_; }
+  std::string write(const std::string& name, std::string_view content) const {
+    std::ofstream(*this / name, std::ios::binary) << content;
+    return *this / name;
+  }
+
+ private:
+  static inline int counter_ = 0;
+  std::string path_;
+};
+
+// Sets an environment variable for one scope.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    if (value) {
+      setenv(name, value, 1);
+    } else {
+      unsetenv(name);
+    }
+  }
+  ~ScopedEnv() {
+    if (old_) {
+      setenv(name_, old_->c_str(), 1);
+    } else {
+      unsetenv(name_);
+    }
+  }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+std::string plistBytes(const ZRBValue& value, ZRBPropertyListFormat format) {
+  auto bytes = ZRBPropertyListSerialization::dataWithPropertyList(value, format);
+  return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
+}
+
+class BundleTest : public testing::Test {
+ protected:
+  void TearDown() override { ZRBBundle::mainBundle()->resetInfoDictionary(); }
+  TempFolder folder_;
+};
+
+TEST_F(BundleTest, MainBundleReadsTheInfoPlistNamedByTheEnvironment) {
+  ZRBValue info = ZRBValue::dictionary(
+      {{"CFBundleIdentifier", "com.example.app"}, {"CFBundleShortVersionString", "2.1"}, {"Build", 7}});
+  for (auto format : {ZRBPropertyListXMLFormat_v1_0, ZRBPropertyListBinaryFormat_v1_0}) {
+    ScopedEnv env("ORVELKIT_INFO_PLIST", folder_.write("Info.plist", plistBytes(info, format)).c_str());
+    auto bundle = ZRBBundle::mainBundle();
+    bundle->resetInfoDictionary();
+    EXPECT_EQ(bundle->infoPlistPath(), folder_ / "Info.plist");
+    EXPECT_EQ(bundle->infoDictionary(), info);
+    EXPECT_EQ(bundle->bundleIdentifier(), "com.example.app");
+    EXPECT_EQ(bundle->objectForInfoDictionaryKey("Build"), ZRBValue(7));
+    EXPECT_TRUE(bundle->objectForInfoDictionaryKey("Missing").isAbsent());
+  }
+}
+
+TEST_F(BundleTest, BadOrMissingFilesGiveAnEmptyMapAndTheHostMaySetOne) {
+  const std::pair<const char*, std::string> files[] = {
+      {"missing.plist", ""},
+      {"garbage.plist", "<?xml version=\"1.0\"?><plist><dict><key>a</key>"},
+      {"binary-junk.plist", std::string("bplist00\xff\xff\x01", 10)},
+      {"array.plist", plistBytes(ZRBValue::array({1, 2}), ZRBPropertyListXMLFormat_v1_0)},
+  };
+  auto bundle = ZRBBundle::mainBundle();
+  for (const auto& [name, content] : files) {
+    std::string path = content.empty() ? folder_ / name : folder_.write(name, content);
+    ScopedEnv env("ORVELKIT_INFO_PLIST", path.c_str());
+    bundle->resetInfoDictionary();
+    EXPECT_TRUE(bundle->infoDictionary().isDictionary()) << name;
+    EXPECT_TRUE(bundle->infoDictionary().empty()) << name;
+    EXPECT_FALSE(bundle->bundleIdentifier()) << name;
+    EXPECT_FALSE(bundle->executableName().empty());
+  }
+  bundle->setInfoDictionary(
+      ZRBValue::dictionary({{"CFBundleIdentifier", "com.host"}, {"CFBundleExecutable", "App"}}));
+  EXPECT_EQ(bundle->bundleIdentifier(), "com.host");
+  EXPECT_EQ(bundle->executableName(), "App");
+}
+
+TEST_F(BundleTest, LibraryBundleFollowsTheResourceDirectory) {
+  // The library bundle is made once, so check what it became rather than re-pointing it.
+  auto library = ZRBBundle::libraryBundle();
+  const char* dir = std::getenv("ORVELKIT_RESOURCE_DIR");
+  if (dir && *dir) {
+    EXPECT_EQ(library->bundlePath(), dir);
+  } else {
+    EXPECT_TRUE(fs::exists(fs::path(library->bundlePath()) / "liborvelkit.so.1")) << library->bundlePath();
+  }
+  ZRBBundle bundle(folder_.path(), folder_ / "Info.plist");
+  EXPECT_FALSE(bundle.localePath());
+  fs::create_directories(folder_ / "locale");
+  EXPECT_EQ(bundle.localePath(), folder_ / "locale");
+  folder_.write("strings.txt", "x");
+  EXPECT_EQ(bundle.pathForResource("strings", "txt"), folder_ / "strings.txt");
+  EXPECT_FALSE(bundle.pathForResource("strings", "json"));
+}
+
+TEST(MIMETypeTest, SystemFileFirstThenBuiltInTableThenOctetStream) {
+  TempFolder folder;
+  ZRBSetMIMETypesFilePath(folder.write("mime.types",
+                                       "# comment line\n"
+                                       "application/x-custom\t\tcst CST2\n"
+                                       "image/png  png  # a trailing comment\n"
+                                       "text/x-first  dup\n"
+                                       "text/x-second dup\n"
+                                       "not-a-type  nope\n"));
+  const std::pair<const char*, const char*> cases[] = {
+      {"cst", "application/x-custom"},
+      {"CST2", "application/x-custom"},
+      {"PNG", "image/png"},
+      {"dup", "text/x-first"},
+      {"json", "application/json"},
+      {"jpeg", "image/jpeg"},
+      {"nope", "application/octet-stream"},
+      {"", "application/octet-stream"},
+      {"no-such-extension", "application/octet-stream"},
+  };
+  for (auto [extension, type] : cases) EXPECT_EQ(ZRBMIMETypeForPathExtension(extension), type) << extension;
+  EXPECT_EQ(ZRBPreferredPathExtensionForMIMEType("Application/X-Custom; q=1"), "cst");
+  EXPECT_FALSE(ZRBPreferredPathExtensionForMIMEType("application/x-unheard-of"));
+
+  ZRBSetMIMETypesFilePath(folder / "missing.types");
+  EXPECT_EQ(ZRBMIMETypeForPathExtension("mov"), "video/quicktime");
+  EXPECT_EQ(ZRBMIMETypeForPathExtension("cst"), "application/octet-stream");
+  ZRBSetMIMETypesFilePath(std::nullopt);
+}
+
+TEST(LocaleTest, POSIXLocaleNamesBecomeLanguageTags) {
+  const std::pair<const char*, std::optional<std::string>> cases[] = {
+      {"en_US.UTF-8", "en-US"},
+      {"de_DE", "de-DE"},
+      {"fr", "fr"},
+      {"C", "en"},
+      {"POSIX", "en"},
+      {"C.UTF-8", "en"},
+      {"sr_RS@latin", "sr-Latn-RS"},
+      {"ca_ES@valencia", "ca-ES"},
+      {"zh_Hant_TW.Big5", "zh-Hant-TW"},
+      {"PT-br", "pt-BR"},
+      {"es_419", "es-419"},
+      {"", std::nullopt},
+      {"x", std::nullopt},
+      {"en_US_toolong", std::nullopt},
+      {"12_34", std::nullopt},
+  };
+  for (const auto& [name, tag] : cases) EXPECT_EQ(ZRBLocale::languageTagFromPOSIXLocale(name), tag) << name;
+}
+
+TEST(LocaleTest, PreferredLanguagesComeFromTheEnvironmentInGettextOrder) {
+  struct Case {
+    const char *language, *lcAll, *lcMessages, *lang;
+    std::vector<std::string> expected;
+  };
+  const Case cases[] = {
+      {"de_DE:fr::en_GB", nullptr, nullptr, "ja_JP.UTF-8", {"de-DE", "fr", "en-GB", "ja-JP"}},
+      {nullptr, "it_IT.UTF-8", "es_ES", "pt_BR", {"it-IT"}},
+      {nullptr, nullptr, "es_ES", "pt_BR", {"es-ES"}},
+      {"fr:fr_FR", nullptr, nullptr, "fr", {"fr", "fr-FR"}},
+      {nullptr, nullptr, nullptr, "C.UTF-8", {"en"}},
+      {"de", nullptr, nullptr, "C", {"de"}},
+      {nullptr, nullptr, nullptr, nullptr, {"en"}},
+  };
+  for (const auto& c : cases) {
+    ScopedEnv a("LANGUAGE", c.language), b("LC_ALL", c.lcAll), m("LC_MESSAGES", c.lcMessages),
+        l("LANG", c.lang);
+    EXPECT_EQ(ZRBLocale::preferredLanguages(), c.expected)
+        << (c.language ? c.language : "") << " " << (c.lang ? c.lang : "");
+  }
+  ZRBLocale::setPreferredLanguages(std::vector<std::string>{"nl-NL", "en"});
+  EXPECT_EQ(ZRBLocale::preferredLanguages(), (std::vector<std::string>{"nl-NL", "en"}));
+  ZRBLocale::setPreferredLanguages(std::nullopt);
+}
+
+TEST(LocalizedStringTest, FallsBackToTheEnglishKey) {
+  EXPECT_EQ(ZRBLocalizedString("Request failed: unacceptable content-type: %@"),
+            "Request failed: unacceptable content-type: %@");
+  EXPECT_EQ(ZRBLocalizedString("", "ZRBNetworking"), "");
+  EXPECT_EQ(ZRBLocalizedString("text", "NoSuchTable"), "text");
+}
+
+class DeviceTest : public testing::Test {
+ protected:
+  void TearDown() override {
+    device_.setDMIProductNamePath(std::nullopt);
+    device_.setOSReleasePath(std::nullopt);
+  }
+  ZRBDevice device_;
+  TempFolder folder_;
+};
+
+TEST_F(DeviceTest, ModelAndSystemFromDMIAndOSRelease) {
+  device_.setDMIProductNamePath(folder_.write("product_name", "ThinkPad X1 Carbon\n"));
+  device_.setOSReleasePath(folder_.write("os-release",
+                                         "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n"
+                                         "NAME=\"Debian GNU/Linux\"\n"
+                                         "VERSION_ID='12'\n"
+                                         "ID=debian\n"));
+  EXPECT_EQ(device_.model(), "ThinkPad X1 Carbon");
+  EXPECT_EQ(device_.systemName(), "Debian GNU/Linux");
+  EXPECT_EQ(device_.systemVersion(), "12");
+
+  // Placeholders and missing files fall back to uname's answers.
+  device_.setDMIProductNamePath(folder_.write("placeholder", "To Be Filled By O.E.M."));
+  device_.setOSReleasePath(folder_ / "missing");
+  struct utsname uts;
+  ASSERT_EQ(uname(&uts), 0);
+  EXPECT_EQ(device_.model(), uts.machine);
+  EXPECT_EQ(device_.systemName(), "Linux");
+  EXPECT_EQ(device_.systemVersion(), uts.release);
+}
+
+TEST_F(DeviceTest, ScreenScaleIsOneUnlessSetToAPositiveValue) {
+  EXPECT_EQ(device_.screenScale(), 1.0);
+  device_.setScreenScale(2);
+  device_.setScreenScale(0);
+  device_.setScreenScale(-3);
+  EXPECT_EQ(device_.screenScale(), 2.0);
+}
+
+class FileManagerTest : public testing::Test {
+ protected:
+  void TearDown() override {
+    ZRBBundle::mainBundle()->resetInfoDictionary();
+    manager_.setLibraryDirectory(std::nullopt);
+  }
+  ZRBFileManager manager_;
+  TempFolder folder_;
+};
+
+TEST_F(FileManagerTest, StandardDirectoriesFollowXDGAndTheBundle) {
+  ZRBBundle::mainBundle()->setInfoDictionary(
+      ZRBValue::dictionary({{"CFBundleIdentifier", "com.example.app"}}));
+  {
+    ScopedEnv data("XDG_DATA_HOME", "/data"), cache("XDG_CACHE_HOME", "/cache"), tmp("TMPDIR", "/scratch/");
+    EXPECT_EQ(manager_.libraryDirectory(), "/data/com.example.app");
+    EXPECT_EQ(manager_.cachesDirectory(), "/cache/com.example.app");
+    EXPECT_EQ(manager_.temporaryDirectory(), "/scratch");
+  }
+  {
+    ScopedEnv home("HOME", "/home/u"), data("XDG_DATA_HOME", "relative/ignored"),
+        cache("XDG_CACHE_HOME", nullptr), tmp("TMPDIR", nullptr);
+    EXPECT_EQ(manager_.libraryDirectory(), "/home/u/.local/share/com.example.app");
+    EXPECT_EQ(manager_.cachesDirectory(), "/home/u/.cache/com.example.app");
+    EXPECT_EQ(manager_.temporaryDirectory(), "/tmp");
+    ZRBBundle::mainBundle()->setInfoDictionary(ZRBValue::dictionary({}));
+    EXPECT_EQ(manager_.libraryDirectory(),
+              "/home/u/.local/share/" + ZRBBundle::mainBundle()->executableName());
+  }
+  manager_.setLibraryDirectory("/host/library");
+  EXPECT_EQ(manager_.libraryDirectory(), "/host/library");
+}
+
+TEST_F(FileManagerTest, DirectoriesAndFileOperationsReportErrorRecords) {
+  std::string deep = folder_ / "a/b/c";
+  ZRBErrorPtr error;
+  EXPECT_FALSE(manager_.createDirectoryAtPath(deep, false, &error));
+  EXPECT_EQ(error->code(), ZRBFileNoSuchFileError);
+  EXPECT_TRUE(manager_.createDirectoryAtPath(deep, true));
+  EXPECT_TRUE(manager_.createDirectoryAtPath(deep, true));  // already there
+  EXPECT_FALSE(manager_.createDirectoryAtPath(deep, false, &error));
+  EXPECT_EQ(error->code(), ZRBFileWriteFileExistsError);
+  bool isDirectory = false;
+  EXPECT_TRUE(manager_.fileExistsAtPath(deep, &isDirectory) && isDirectory);
+
+  std::string file = folder_.write("a/file.bin", "12345");
+  EXPECT_EQ(manager_.fileSizeAtPath(file), 5u);
+  EXPECT_TRUE(manager_.fileExistsAtPath(file, &isDirectory) && !isDirectory);
+  EXPECT_FALSE(manager_.createDirectoryAtPath(file + "/sub", true, &error));
+
+  EXPECT_FALSE(manager_.moveItemAtPath(file, deep, &error));
+  EXPECT_EQ(error->code(), ZRBFileWriteFileExistsError);
+  EXPECT_TRUE(manager_.moveItemAtPath(file, folder_ / "moved.bin"));
+  EXPECT_FALSE(manager_.fileExistsAtPath(file));
+  EXPECT_TRUE(manager_.copyItemAtPath(folder_ / "a", folder_ / "copy"));
+  EXPECT_TRUE(manager_.fileExistsAtPath(folder_ / "copy/b/c"));
+
+  error.reset();
+  EXPECT_FALSE(manager_.fileSizeAtPath(folder_ / "missing", &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), ZRBCocoaErrorDomain);
+  EXPECT_EQ(error->code(), ZRBFileReadNoSuchFileError);
+  EXPECT_EQ(error->userInfo()[ZRBFilePathErrorKey], ZRBValue(folder_ / "missing"));
+  EXPECT_EQ(error->underlyingError()->code(), ENOENT);
+  EXPECT_FALSE(manager_.contentsAtPath(folder_.path(), &error));
+  EXPECT_FALSE(manager_.removeItemAtPath(folder_ / "missing", &error));
+  EXPECT_EQ(error->code(), ZRBFileNoSuchFileError);
+
+  EXPECT_TRUE(manager_.removeItemAtPath(folder_ / "a"));
+  EXPECT_FALSE(manager_.fileExistsAtPath(folder_ / "a"));
+}
+
+TEST_F(FileManagerTest, WritesReplaceTheTargetAndLeaveNoTemporaryFiles) {
+  std::string target = folder_ / "data.bin";
+  const std::vector<std::uint8_t> first{1, 2, 3}, second(100000, 0xAB);
+  for (bool atomically : {true, false}) {
+    EXPECT_TRUE(manager_.writeData(first, target, atomically));
+    EXPECT_EQ(manager_.contentsAtPath(target), first);
+    EXPECT_TRUE(manager_.writeData(second, target, atomically));
+    EXPECT_EQ(manager_.contentsAtPath(target), second);
+  }
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_.path()), fs::directory_iterator()), 1);
+
+  ZRBErrorPtr error;
+  EXPECT_FALSE(manager_.writeData(first, folder_ / "no/such/dir/file", true, &error));
+  EXPECT_EQ(error->code(), ZRBFileNoSuchFileError);
+  if (geteuid() != 0) {
+    fs::create_directories(folder_ / "readonly");
+    fs::permissions(folder_ / "readonly", fs::perms::owner_read | fs::perms::owner_exec);
+    EXPECT_FALSE(manager_.writeData(first, folder_ / "readonly/file", true, &error));
+    EXPECT_EQ(error->code(), ZRBFileWriteNoPermissionError);
+    fs::permissions(folder_ / "readonly", fs::perms::owner_all);
+  }
+}
+
+TEST_F(FileManagerTest, DoNotBackUpMarkerIsACacheDirectoryTag) {
+  std::string dir = folder_ / "cache";
+  fs::create_directories(dir);
+  std::string file = folder_.write("cache/entry", "x");
+  EXPECT_FALSE(manager_.isExcludedFromBackup(dir));
+  EXPECT_TRUE(manager_.setExcludedFromBackup(file));  // a file marks its directory
+  EXPECT_TRUE(manager_.isExcludedFromBackup(dir));
+  EXPECT_TRUE(manager_.isExcludedFromBackup(file));
+  std::ifstream tag(dir + "/CACHEDIR.TAG");
+  std::string line;
+  std::getline(tag, line);
+  EXPECT_EQ(line, ZRBCacheDirectoryTagSignature);
+  EXPECT_TRUE(manager_.setExcludedFromBackup(dir));  // idempotent
+
+  folder_.write("cache/CACHEDIR.TAG", "Signature: wrong\n");
+  EXPECT_FALSE(manager_.isExcludedFromBackup(dir));
+  EXPECT_TRUE(manager_.setExcludedFromBackup(dir));
+  EXPECT_TRUE(manager_.isExcludedFromBackup(dir));
+
+  ZRBErrorPtr error;
+  EXPECT_FALSE(manager_.setExcludedFromBackup(folder_ / "missing", &error));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code(), ZRBFileNoSuchFileError);
+}
+
+}  // namespace
