@@ -12,6 +12,8 @@ packages=(
   media-types gettext
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
+  # the openssl program: tests compare public-key pins with its output
+  openssl
 )
 
 missing=()

@@ -9,3 +9,5 @@ using OrvelArguments = std::span<const std::string_view>;
 
 int orvelVersionCommand(OrvelArguments arguments);
 int orvelSettingsCommand(OrvelArguments arguments);
+// Public-key pins (base64 SHA-256 of the SubjectPublicKeyInfo) of every certificate in the files.
+int orvelPinsCommand(OrvelArguments arguments);

@@ -16,6 +16,7 @@ struct Command {
 constexpr Command kCommands[] = {
     {"version", "print the library version", orvelVersionCommand},
     {"settings", "print the current settings", orvelSettingsCommand},
+    {"pins", "print the public-key pins of the certificates in PEM or DER files", orvelPinsCommand},
 };
 
 void printUsage(std::FILE* out) {

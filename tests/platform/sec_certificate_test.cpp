@@ -1,0 +1,109 @@
+// Certificates from DER and PEM, and what they say about themselves.
+#include "platform/sec_certificate.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/sec_key.h"
+#include "platform/value.h"
+#include "support/test_pki.h"
+
+namespace {
+
+const ZRBTestChain& chain() { return ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256); }
+
+std::string crlf(std::string text) {
+  for (std::size_t at = 0; (at = text.find('\n', at)) != std::string::npos; at += 2) text.insert(at, "\r");
+  return text;
+}
+
+TEST(SecCertificate, DERRoundTripAndEqualityByBytes) {
+  auto der = chain().leaf.der();
+  auto first = ZRBSecCertificate::createWithData(der);
+  auto second = ZRBSecCertificate::createWithData(der);
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(first->copyData(), der);
+  EXPECT_TRUE(first->isEqual(*second));
+  EXPECT_EQ(first->hash(), second->hash());
+  EXPECT_FALSE(first->isEqual(*chain().intermediate.secCertificate()));
+  // Sets of values compare certificates through isEqual, as the pinned-certificate sets do.
+  EXPECT_EQ(ZRBValue::set({ZRBValue(first), ZRBValue(second)}).count(), 1u);
+}
+
+TEST(SecCertificate, BytesThatAreNotExactlyOneCertificateGiveNull) {
+  auto der = chain().leaf.der();
+  EXPECT_EQ(ZRBSecCertificate::createWithData(std::span<const std::uint8_t>()), nullptr);
+  EXPECT_EQ(ZRBSecCertificate::createWithData(std::string_view("not a certificate at all")), nullptr);
+  auto truncated = der;
+  truncated.pop_back();
+  EXPECT_EQ(ZRBSecCertificate::createWithData(truncated), nullptr);
+  auto trailing = der;
+  trailing.push_back(0);
+  EXPECT_EQ(ZRBSecCertificate::createWithData(trailing), nullptr);
+  // A well-formed DER structure of the wrong kind.
+  auto spki = chain().leaf.secCertificate()->copyKey()->subjectPublicKeyInfo();
+  EXPECT_EQ(ZRBSecCertificate::createWithData(spki), nullptr);
+}
+
+TEST(SecCertificate, PEMChainsKeepOrderAndSkipOtherBlocks) {
+  const auto& c = chain();
+  auto leaf = c.leaf.secCertificate();
+  auto intermediate = c.intermediate.secCertificate();
+
+  auto one = ZRBSecCertificate::createWithPEM(c.chainPEM());
+  ASSERT_TRUE(one);
+  EXPECT_TRUE(one->isEqual(*leaf));
+
+  // A server bundle with the key first, CR LF line ends and text around the blocks.
+  auto all =
+      ZRBSecCertificate::createAllWithPEM("subject=localhost\n" + crlf(c.keyPEM() + c.chainPEM()) + "\n");
+  ASSERT_EQ(all.size(), 2u);
+  EXPECT_TRUE(all[0]->isEqual(*leaf));
+  EXPECT_TRUE(all[1]->isEqual(*intermediate));
+
+  auto again = ZRBSecCertificate::createWithPEM(leaf->copyPEM());
+  ASSERT_TRUE(again);
+  EXPECT_TRUE(again->isEqual(*leaf));
+}
+
+TEST(SecCertificate, DamagedPEMGivesNothing) {
+  const auto& c = chain();
+  std::string pem = c.chainPEM();
+  // Cut inside the second block: the whole chain is refused, not shortened to its first part.
+  std::string truncated = pem.substr(0, pem.size() - 100);
+  EXPECT_TRUE(ZRBSecCertificate::createAllWithPEM(truncated).empty());
+  std::string leafPEM = c.leaf.pem();
+  EXPECT_EQ(ZRBSecCertificate::createWithPEM(leafPEM.substr(0, leafPEM.size() / 2)), nullptr);
+  // Base64 damage inside a block that is otherwise complete.
+  std::string corrupted = leafPEM;
+  corrupted[corrupted.find('\n') + 10] = '*';
+  EXPECT_EQ(ZRBSecCertificate::createWithPEM(corrupted), nullptr);
+  EXPECT_TRUE(ZRBSecCertificate::createAllWithPEM(c.keyPEM()).empty());
+  EXPECT_TRUE(ZRBSecCertificate::createAllWithPEM("").empty());
+  EXPECT_EQ(ZRBSecCertificate::createWithPEM("-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n"),
+            nullptr);
+}
+
+TEST(SecCertificate, SubjectSummaryPrefersTheCommonName) {
+  const auto& c = chain();
+  EXPECT_EQ(c.leaf.secCertificate()->copySubjectSummary(), "localhost");
+  EXPECT_EQ(c.leaf.secCertificate()->copyIssuerSummary(),
+            c.intermediate.secCertificate()->copySubjectSummary());
+
+  // Without a common name: the first attribute of the subject (the organisation).
+  auto unnamed =
+      ZRBTestPKI::issue({.commonName = "", .dnsNames = {"unnamed.test"}}, nullptr).secCertificate();
+  EXPECT_EQ(unnamed->copyCommonName(), std::nullopt);
+  EXPECT_EQ(unnamed->copySubjectSummary(), "ORVELKIT Tests");
+}
+
+TEST(SecCertificate, SelfSignedAndValidity) {
+  const auto& c = chain();
+  EXPECT_TRUE(c.root.secCertificate()->isSelfSigned());
+  EXPECT_FALSE(c.intermediate.secCertificate()->isSelfSigned());
+  auto leaf = c.leaf.secCertificate();
+  auto now = static_cast<std::int64_t>(ZRBDate::now().secondsSince1970);
+  EXPECT_LT(leaf->notBefore(), now);
+  EXPECT_GT(leaf->notAfter(), now);
+}
+
+}  // namespace
