@@ -10,8 +10,12 @@ packages=(
   # library dependencies
   libssl-dev ca-certificates libsimdjson-dev libplist-dev libboost1.81-dev libboost-url1.81-dev
   media-types gettext
+  # input of the domain registry's generated tables
+  publicsuffix
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
+  # libpsl: the independent reference of the domain registry's tests and its benchmark baseline
+  libpsl-dev
   # the openssl program: tests compare public-key pins with its output
   openssl
 )

@@ -11,3 +11,4 @@ int orvelVersionCommand(OrvelArguments arguments);
 int orvelSettingsCommand(OrvelArguments arguments);
 // Public-key pins (base64 SHA-256 of the SubjectPublicKeyInfo) of every certificate in the files.
 int orvelPinsCommand(OrvelArguments arguments);
+int orvelSuffixCommand(OrvelArguments arguments);  // HOST LENGTH REGISTRABLE per host

@@ -17,6 +17,7 @@ constexpr Command kCommands[] = {
     {"version", "print the library version", orvelVersionCommand},
     {"settings", "print the current settings", orvelSettingsCommand},
     {"pins", "print the public-key pins of the certificates in PEM or DER files", orvelPinsCommand},
+    {"suffix", "print the public-suffix length and registrable domain of host names", orvelSuffixCommand},
 };
 
 void printUsage(std::FILE* out) {
