@@ -10,6 +10,7 @@
 #include <string>
 
 #include "platform/json_serialization.h"
+#include "support/rate_reporter.h"
 
 namespace {
 
@@ -157,35 +158,18 @@ BENCHMARK(BM_Encode1MB_Nlohmann);
 BENCHMARK(BM_Encode200B_Ours);
 BENCHMARK(BM_Encode200B_Nlohmann);
 
-// Prints as usual and keeps each benchmark's bytes per second for the closing comparison.
-class RecordingReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      auto counter = run.counters.find("bytes_per_second");
-      if (counter != run.counters.end() && run.run_type == Run::RT_Iteration) {
-        throughput[run.benchmark_name()] = counter->second.value;
-      }
-    }
-  }
-  std::map<std::string, double> throughput;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   std::printf("documents: %zu bytes and %zu bytes\n", large().size(), small().size());
-  RecordingReporter reporter;
+  RateReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
   auto ratio = [&](const char* label, const std::string& ours, const std::string& theirs) {
-    auto a = reporter.throughput.find(ours), b = reporter.throughput.find(theirs);
-    if (a == reporter.throughput.end() || b == reporter.throughput.end() || b->second <= 0) return;
-    std::printf("%s: %.2fx nlohmann\n", label, a->second / b->second);
+    if (auto r = reporter.ratio(ours, theirs)) std::printf("%s: %.2fx nlohmann\n", label, *r);
   };
   ratio("json 1MB decode", "BM_Decode1MB_Ours", "BM_Decode1MB_Nlohmann");
   ratio("json 200B decode", "BM_Decode200B_Ours", "BM_Decode200B_Nlohmann");

@@ -20,6 +20,8 @@
 #include <string>
 #include <vector>
 
+#include "support/rate_reporter.h"
+
 namespace {
 
 constexpr size_t kNames = 1000000;
@@ -128,39 +130,21 @@ BENCHMARK(BM_Ours)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LibpslList)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LibpslDafsa)->Unit(benchmark::kMillisecond);
 
-// Prints as usual and keeps each benchmark's names per second for the closing comparison.
-class RecordingReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      auto counter = run.counters.find("items_per_second");
-      if (counter != run.counters.end() && run.run_type == Run::RT_Iteration && !run.error_occurred) {
-        rate[run.benchmark_name()] = counter->second.value;
-      }
-    }
-  }
-  std::map<std::string, double> rate;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   std::printf("host names: %zu\n", names().size());
-  RecordingReporter reporter;
+  RateReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
-  for (const auto& [name, rate] : reporter.rate)
+  for (const auto& [name, rate] : reporter.rates())
     std::printf("%-16s %7.1f ns per name\n", name.c_str(), 1e9 / rate);
-  auto ours = reporter.rate.find("BM_Ours");
-  if (ours == reporter.rate.end()) return 0;
   for (const char* baseline : {"BM_LibpslList", "BM_LibpslDafsa"}) {
-    auto theirs = reporter.rate.find(baseline);
-    if (theirs == reporter.rate.end() || theirs->second <= 0) continue;
-    std::printf("registry lookup: %.2fx %s\n", ours->second / theirs->second, baseline + 3);
+    if (auto r = reporter.ratio("BM_Ours", baseline))
+      std::printf("registry lookup: %.2fx %s\n", *r, baseline + 3);
   }
   return 0;
 }

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "platform/sec_trust.h"
+#include "support/rate_reporter.h"
 
 namespace {
 
@@ -137,34 +138,20 @@ void BM_Trust_Direct(benchmark::State& state) {
 }
 BENCHMARK(BM_Trust_Direct);
 
-class RecordingReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      auto counter = run.counters.find("items_per_second");
-      if (counter != run.counters.end() && run.run_type == Run::RT_Iteration) {
-        rate[run.benchmark_name()] = counter->second.value;
-      }
-    }
-  }
-  std::map<std::string, double> rate;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   chain();  // key generation stays out of the measurements
-  RecordingReporter reporter;
+  RateReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
   auto ratio = [&](const char* label, const std::string& ours) {
-    auto a = reporter.rate.find(ours), b = reporter.rate.find("BM_Trust_Direct");
-    if (a == reporter.rate.end() || b == reporter.rate.end() || b->second <= 0) return;
-    std::printf("%s: ours/direct = %.2f (target >= 0.80)\n", label, a->second / b->second);
+    if (auto r = reporter.ratio(ours, "BM_Trust_Direct")) {
+      std::printf("%s: ours/direct = %.2f (target >= 0.80)\n", label, *r);
+    }
   };
   ratio("trust evaluation, new trust per evaluation", "BM_Trust_Ours");
   ratio("trust evaluation, reused trust", "BM_Trust_OursReused");
