@@ -13,10 +13,11 @@
 #include <gtest/gtest.h>
 #include <libpsl.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
-#include <map>
+#include <iterator>
 #include <random>
 #include <set>
 #include <sstream>
@@ -31,25 +32,15 @@ namespace {
 std::string punycode(const std::u32string& input) {
   constexpr uint32_t kBase = 36, kTMin = 1, kTMax = 26, kSkew = 38, kDamp = 700;
   auto digit = [](uint32_t d) { return static_cast<char>(d < 26 ? 'a' + d : '0' + d - 26); };
-  auto adapt = [&](uint32_t delta, uint32_t points, bool first) {
-    delta = first ? delta / kDamp : delta / 2;
-    delta += delta / points;
-    uint32_t k = 0;
-    for (; delta > ((kBase - kTMin) * kTMax) / 2; k += kBase) delta /= kBase - kTMin;
-    return k + (kBase - kTMin + 1) * delta / (delta + kSkew);
-  };
   std::string out;
   for (char32_t c : input) {
     if (c < 0x80) out += static_cast<char>(c);
   }
-  uint32_t basic = static_cast<uint32_t>(out.size()), handled = basic;
+  uint32_t basic = static_cast<uint32_t>(out.size()), handled = basic, n = 0x80, delta = 0, bias = 72;
   if (basic > 0) out += '-';
-  uint32_t n = 0x80, delta = 0, bias = 72;
   while (handled < input.size()) {
     uint32_t m = UINT32_MAX;
-    for (char32_t c : input) {
-      if (c >= n && c < m) m = c;
-    }
+    for (char32_t c : input) m = c >= n && c < m ? c : m;
     delta += (m - n) * (handled + 1);
     n = m;
     for (char32_t c : input) {
@@ -63,7 +54,11 @@ std::string punycode(const std::u32string& input) {
         q = (q - t) / (kBase - t);
       }
       out += digit(q);
-      bias = adapt(delta, handled + 1, handled == basic);
+      // Bias adaptation.
+      delta = handled == basic ? delta / kDamp : delta / 2;
+      delta += delta / (handled + 1);
+      for (bias = 0; delta > ((kBase - kTMin) * kTMax) / 2; bias += kBase) delta /= kBase - kTMin;
+      bias += (kBase - kTMin + 1) * delta / (delta + kSkew);
       delta = 0;
       ++handled;
     }
@@ -73,27 +68,24 @@ std::string punycode(const std::u32string& input) {
   return out;
 }
 
-std::u32string decodeUtf8(const std::string& text) {
-  std::u32string out;
-  for (size_t i = 0; i < text.size();) {
-    auto byte = static_cast<unsigned char>(text[i]);
+// A label of the list in the form hosts use: lower case, "xn--" + punycode when not ASCII.
+std::string asciiLabel(std::string label) {
+  bool ascii = true;
+  for (char& c : label) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    ascii = ascii && static_cast<unsigned char>(c) < 0x80;
+  }
+  if (ascii) return label;
+  std::u32string decoded;  // UTF-8
+  for (size_t i = 0; i < label.size();) {
+    auto byte = static_cast<unsigned char>(label[i]);
     int extra = byte < 0x80 ? 0 : byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
     char32_t c = extra == 0 ? byte : byte & (0x3F >> extra);
-    for (int k = 1; k <= extra; ++k) c = (c << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-    out += c;
+    for (int k = 1; k <= extra; ++k) c = (c << 6) | (static_cast<unsigned char>(label[i + k]) & 0x3F);
+    decoded += c;
     i += extra + 1;
   }
-  return out;
-}
-
-std::string asciiLabel(const std::string& label) {
-  std::string lower = label;
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  bool ascii = true;
-  for (char c : lower) ascii = ascii && static_cast<unsigned char>(c) < 0x80;
-  return ascii ? lower : "xn--" + punycode(decodeUtf8(lower));
+  return "xn--" + punycode(decoded);
 }
 
 // Every rule of the list, both sections, internationalised labels in their ASCII form.
@@ -121,9 +113,7 @@ void collectRules(const ZRB_TrieNode* first, size_t count, const std::string& su
   const char* previous = nullptr;
   for (const ZRB_TrieNode* node = first; node != first + count; ++node) {
     const char* label = ZRB_GetHostnamePart(node->string_table_offset);
-    if (previous != nullptr) {
-      EXPECT_LT(std::strcmp(previous, label), 0) << label << "." << suffix;
-    }
+    EXPECT_TRUE(previous == nullptr || std::strcmp(previous, label) < 0) << label << "." << suffix;
     previous = label;
     std::string name = suffix.empty() ? label : std::string(label) + "." + suffix;
     if (node->is_terminal) out.insert(name);
@@ -132,9 +122,8 @@ void collectRules(const ZRB_TrieNode* first, size_t count, const std::string& su
       const uint16_t* leaves = g_leaf_node_table + (node->first_child_offset - g_leaf_node_table_offset);
       for (size_t i = 0; i < node->num_children; ++i) {
         const char* leaf = ZRB_GetHostnamePart(leaves[i]);
-        if (i > 0) {
-          EXPECT_LT(std::strcmp(ZRB_GetHostnamePart(leaves[i - 1]), leaf), 0) << leaf << "." << name;
-        }
+        EXPECT_TRUE(i == 0 || std::strcmp(ZRB_GetHostnamePart(leaves[i - 1]), leaf) < 0)
+            << leaf << "." << name;
         out.insert(std::string(leaf) + "." + name);
       }
     } else {
@@ -208,12 +197,10 @@ TEST_F(RegistryAgainstListTest, TablesHoldExactlyTheListsRulesInSortedRuns) {
   std::set<std::string> compiled;
   collectRules(g_node_table, g_num_root_children, "", compiled);
   std::vector<std::string> missing, extra;
-  for (const auto& rule : *rules_) {
-    if (compiled.count(rule) == 0) missing.push_back(rule);
-  }
-  for (const auto& rule : compiled) {
-    if (rules_->count(rule) == 0) extra.push_back(rule);
-  }
+  std::set_difference(rules_->begin(), rules_->end(), compiled.begin(), compiled.end(),
+                      std::back_inserter(missing));
+  std::set_difference(compiled.begin(), compiled.end(), rules_->begin(), rules_->end(),
+                      std::back_inserter(extra));
   EXPECT_TRUE(missing.empty()) << missing.size() << " rules missing, first " << missing.front();
   EXPECT_TRUE(extra.empty()) << extra.size() << " rules invented, first " << extra.front();
   // Both sections are compiled in: an ICANN rule, a private one and an internationalised one.
@@ -232,18 +219,11 @@ TEST_F(RegistryAgainstListTest, EveryRuleAndHostsBelowItAgreeWithLibpsl) {
   };
   size_t checked = 0, passageDifferences = 0;
   for (const std::string& rule : *rules_) {
-    std::vector<std::string> hosts;
-    if (rule.rfind("*.", 0) == 0) {
-      // Under a wildcard, any label fills the "*".
-      std::string parent = rule.substr(2);
-      hosts = {randomLabel() + "." + parent, randomLabel() + "." + randomLabel() + "." + parent};
-    } else if (rule[0] == '!') {
-      // An exception and hosts below it: the registry is the exception's parent.
-      std::string name = rule.substr(1);
-      hosts = {name, randomLabel() + "." + name, randomLabel() + "." + randomLabel() + "." + name};
-    } else {
-      hosts = {rule, randomLabel() + "." + rule, randomLabel() + "." + randomLabel() + "." + rule};
-    }
+    // Under a wildcard, any label fills the "*"; below an exception, the registry is its parent.
+    bool wildcard = rule[0] == '*';
+    std::string name = wildcard ? randomLabel() + rule.substr(1) : rule[0] == '!' ? rule.substr(1) : rule;
+    std::vector<std::string> hosts = {name, randomLabel() + "." + name};
+    if (!wildcard) hosts.push_back(randomLabel() + "." + randomLabel() + "." + name);
     for (const auto& host : hosts) {
       expectAgreement(host, passageDifferences);
       ++checked;

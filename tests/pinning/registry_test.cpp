@@ -18,10 +18,6 @@ struct Report {
 };
 std::vector<Report> g_reports;
 
-void recordReport(const char* file, int line, const char* expression) {
-  g_reports.push_back({file, line, expression});
-}
-
 class RegistryTest : public testing::Test {
  protected:
   void SetUp() override { ZRB_InitializeDomainRegistry(); }
@@ -34,77 +30,47 @@ std::string hostOfLength(size_t size) {
   return host + ".com";
 }
 
-TEST_F(RegistryTest, SuffixLengthsOfPlainHosts) {
-  EXPECT_EQ(ZRB_GetRegistryLength("example.com"), 3u);
-  EXPECT_EQ(ZRB_GetRegistryLength("www.example.co.uk"), 5u);
-  // A bare suffix is answered like any other host: its own length.
-  EXPECT_EQ(ZRB_GetRegistryLength("com"), 3u);
-  EXPECT_EQ(ZRB_GetRegistryLength("co.uk"), 5u);
-  EXPECT_EQ(ZRB_GetRegistryLength("example.notatld"), 0u);
-  EXPECT_EQ(ZRB_GetRegistryLength("notatld"), 0u);
+TEST_F(RegistryTest, SuffixLengthsOfHosts) {
+  // clang-format off
+  const std::pair<const char*, size_t> strict[] = {
+      {"example.com", 3}, {"www.example.co.uk", 5}, {"example.notatld", 0}, {"notatld", 0},
+      // A bare suffix is answered like any other host: its own length.
+      {"com", 3}, {"co.uk", 5},
+      // One trailing dot is forgiven; a second one is an empty rightmost label.
+      {"example.com.", 3}, {"www.example.co.uk.", 5}, {"com.", 3}, {"example.com..", 0},
+      {"", 0}, {".", 0}, {"...", 0}, {"foo..ck", 0},
+      // An empty label further left ends the walk; the suffix found to its right stands.
+      {".example.com", 3}, {"..com", 3}, {"x..co.uk", 5},
+      // Letters are folded, non-ASCII is refused; internationalised rules match their ASCII form (公司.cn).
+      {"WWW.Example.CO.UK", 5}, {"EXAMPLE.COM.", 3}, {"ex\xc3\xa4mple.com", 0}, {"example.com\x80", 0},
+      {"shop.xn--55qx5d.cn", 13},
+      // "*.ck" with "!www.ck" ("ck" alone is no rule); "*.kawasaki.jp" with "!city.kawasaki.jp".
+      {"foo.ck", 6}, {"www.foo.ck", 6}, {"www.ck", 2}, {"a.www.ck", 2}, {"ck", 0},
+      {"a.b.kawasaki.jp", 13}, {"www.city.kawasaki.jp", 11},
+      // A host cannot use the list's own syntax to reach a wildcard or an exception.
+      {"*.ck", 0}, {"!www.ck", 0}, {"x.*.com", 3},
+  };
+  const std::pair<const char*, size_t> allowUnknown[] = {
+      {"printer.lan", 3}, {"printer.LAN.", 3}, {"example.co.uk", 5},
+      // A known top-level label is never "unknown", even when the walk below it found nothing.
+      {"bucket.amazonaws.com", 0},
+      {"", 0}, {"...", 0}, {"x.*", 0}, {"lan..", 0}, {"\x80.lan", 0},
+  };
+  // clang-format on
+  for (auto [host, length] : strict) EXPECT_EQ(ZRB_GetRegistryLength(host), length) << host;
+  for (auto [host, length] : allowUnknown)
+    EXPECT_EQ(ZRB_GetRegistryLengthAllowUnknownRegistries(host), length) << host;
   EXPECT_EQ(ZRB_GetRegistryLength(nullptr), 0u);
-}
 
-TEST_F(RegistryTest, DotsAtEitherEndAndEmptyLabels) {
-  EXPECT_EQ(ZRB_GetRegistryLength("example.com."), 3u);
-  EXPECT_EQ(ZRB_GetRegistryLength("www.example.co.uk."), 5u);
-  EXPECT_EQ(ZRB_GetRegistryLength("com."), 3u);
-  EXPECT_EQ(ZRB_GetRegistryLength(".example.com"), 3u);
-  EXPECT_EQ(ZRB_GetRegistryLength("..com"), 3u);
-  // Only one trailing dot is forgiven; a second one is an empty rightmost label.
-  EXPECT_EQ(ZRB_GetRegistryLength("example.com.."), 0u);
-  for (const char* host : {"", ".", "...", "foo..ck"}) EXPECT_EQ(ZRB_GetRegistryLength(host), 0u) << host;
-  // An empty label inside the host ends the walk; the suffix found to its right stands.
-  EXPECT_EQ(ZRB_GetRegistryLength("x..co.uk"), 5u);
-}
-
-TEST_F(RegistryTest, LettersAreFoldedAndNonAsciiIsRefused) {
-  EXPECT_EQ(ZRB_GetRegistryLength("WWW.Example.CO.UK"), 5u);
-  EXPECT_EQ(ZRB_GetRegistryLength("EXAMPLE.COM."), 3u);
-  EXPECT_EQ(ZRB_GetRegistryLength("ex\xc3\xa4mple.com"), 0u);
-  EXPECT_EQ(ZRB_GetRegistryLength("example.com\x80"), 0u);
-  EXPECT_EQ(ZRB_GetRegistryLengthAllowUnknownRegistries("\x80.lan"), 0u);
-  // Internationalised rules match their ASCII form: 公司.cn.
-  EXPECT_EQ(ZRB_GetRegistryLength("shop.xn--55qx5d.cn"), 13u);
-}
-
-TEST_F(RegistryTest, HostsOfUpTo255BytesAreSearched) {
+  // Hosts of up to 255 bytes are searched; the limit counts a trailing dot.
   std::string longest = hostOfLength(255), tooLong = hostOfLength(256);
   ASSERT_EQ(longest.size(), 255u);
   ASSERT_EQ(tooLong.size(), 256u);
   EXPECT_EQ(ZRB_GetRegistryLength(longest.c_str()), 3u);
   EXPECT_EQ(ZRB_GetRegistryLength(tooLong.c_str()), 0u);
   EXPECT_EQ(ZRB_GetRegistryLengthAllowUnknownRegistries(tooLong.c_str()), 0u);
-  // The limit counts a trailing dot.
   EXPECT_EQ(ZRB_GetRegistryLength((longest + ".").c_str()), 0u);
   EXPECT_EQ(ZRB_GetRegistryLength((hostOfLength(254) + ".").c_str()), 3u);
-}
-
-TEST_F(RegistryTest, WildcardAndExceptionRules) {
-  // "*.ck" with "!www.ck"; "ck" alone is no rule.
-  EXPECT_EQ(ZRB_GetRegistryLength("foo.ck"), 6u);
-  EXPECT_EQ(ZRB_GetRegistryLength("www.foo.ck"), 6u);
-  EXPECT_EQ(ZRB_GetRegistryLength("www.ck"), 2u);
-  EXPECT_EQ(ZRB_GetRegistryLength("a.www.ck"), 2u);
-  EXPECT_EQ(ZRB_GetRegistryLength("ck"), 0u);
-  // "*.kawasaki.jp" with "!city.kawasaki.jp".
-  EXPECT_EQ(ZRB_GetRegistryLength("a.b.kawasaki.jp"), 13u);
-  EXPECT_EQ(ZRB_GetRegistryLength("www.city.kawasaki.jp"), 11u);
-  // A host cannot use the list's own syntax to reach a wildcard or an exception.
-  EXPECT_EQ(ZRB_GetRegistryLength("*.ck"), 0u);
-  EXPECT_EQ(ZRB_GetRegistryLength("!www.ck"), 0u);
-  EXPECT_EQ(ZRB_GetRegistryLength("x.*.com"), 3u);
-}
-
-TEST_F(RegistryTest, AllowUnknownCountsAnUnknownRightmostLabel) {
-  EXPECT_EQ(ZRB_GetRegistryLengthAllowUnknownRegistries("printer.lan"), 3u);
-  EXPECT_EQ(ZRB_GetRegistryLengthAllowUnknownRegistries("printer.LAN."), 3u);
-  EXPECT_EQ(ZRB_GetRegistryLengthAllowUnknownRegistries("example.co.uk"), 5u);
-  // A known top-level label is never "unknown", even when the walk below it found nothing.
-  EXPECT_EQ(ZRB_GetRegistryLengthAllowUnknownRegistries("bucket.amazonaws.com"), 0u);
-  for (const char* host : {"", "...", "x.*", "lan.."}) {
-    EXPECT_EQ(ZRB_GetRegistryLengthAllowUnknownRegistries(host), 0u) << host;
-  }
 }
 
 // Tables built here: a root run and a leaf run of every length from 1 to 6, probed below the
@@ -126,19 +92,15 @@ TEST(RegistryBisectionTest, RunsOfEveryLengthFindExactlyTheirLabels) {
       bool present = probe % 2 == 0 && index < static_cast<int>(count);
       EXPECT_EQ(ZRB_FindRegistryNode(label, nullptr), present ? &nodes[index] : nullptr)
           << count << " " << probe;
-      const char* leaf = ZRB_FindRegistryLeafNode(label, parent);
-      EXPECT_EQ(leaf, present ? string_table.data() + 2 * index : nullptr) << count << " " << probe;
+      EXPECT_EQ(ZRB_FindRegistryLeafNode(label, parent), present ? string_table.data() + 2 * index : nullptr)
+          << count << " " << probe;
     }
   }
   ZRB_InitializeDomainRegistry();
 }
 
 TEST(RegistryNodeTest, FieldsPackIntoOneLittleEndian48BitValue) {
-  ZRB_TrieNode node{};
-  node.string_table_offset = 0x1ABCDE;
-  node.first_child_offset = 0x2345;
-  node.num_children = 0xABC;
-  node.is_terminal = 1;
+  ZRB_TrieNode node{0x1ABCDE, 0x2345, 0xABC, 1};
   unsigned char bytes[sizeof node];
   std::memcpy(bytes, &node, sizeof node);
   uint64_t value = 0;
@@ -150,7 +112,9 @@ class RegistryAssertTest : public testing::Test {
  protected:
   void SetUp() override {
     g_reports.clear();
-    ZRB_SetDomainRegistryAssertHandler(recordReport);
+    ZRB_SetDomainRegistryAssertHandler([](const char* file, int line, const char* expression) {
+      g_reports.push_back({file, line, expression});
+    });
   }
   void TearDown() override {
     ZRB_SetDomainRegistryAssertHandler(nullptr);

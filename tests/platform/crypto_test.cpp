@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <regex>
 #include <set>
 #include <string>
@@ -53,30 +54,25 @@ TEST(CryptoTest, IncrementalSHA256EqualsOneShotAtEverySplitAndResetsAfterFinal) 
 }
 
 TEST(CryptoTest, Base64MatchesPublishedVectorsBothWays) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"", ""},
-      {"f", "Zg=="},
-      {"fo", "Zm8="},
-      {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="},
-      {"fooba", "Zm9vYmE="},
-      {"foobar", "Zm9vYmFy"},
-  };
+  const std::pair<const char*, const char*> cases[] = {{"", ""},
+                                                       {"f", "Zg=="},
+                                                       {"fo", "Zm8="},
+                                                       {"foo", "Zm9v"},
+                                                       {"foob", "Zm9vYg=="},
+                                                       {"fooba", "Zm9vYmE="},
+                                                       {"foobar", "Zm9vYmFy"}};
   for (auto [plain, encoded] : cases) {
     EXPECT_EQ(ZRBBase64Encode(std::string_view(plain)), encoded);
-    auto decoded = ZRBBase64Decode(encoded);
-    ASSERT_TRUE(decoded) << encoded;
-    EXPECT_EQ(std::string(decoded->begin(), decoded->end()), plain);
+    EXPECT_EQ(ZRBBase64Decode(encoded), std::vector<std::uint8_t>(plain, plain + std::strlen(plain)))
+        << encoded;
   }
 }
 
 TEST(CryptoTest, Base64RoundTripsRandomBinaryOfEveryLengthAndLineOption) {
   const unsigned long options[] = {
-      0,
-      ZRBBase64Encoding64CharacterLineLength,
+      0, ZRBBase64Encoding64CharacterLineLength,
       ZRBBase64Encoding76CharacterLineLength | ZRBBase64EncodingEndLineWithLineFeed,
-      ZRBBase64Encoding64CharacterLineLength | ZRBBase64EncodingEndLineWithCarriageReturn,
-  };
+      ZRBBase64Encoding64CharacterLineLength | ZRBBase64EncodingEndLineWithCarriageReturn};
   for (std::size_t length = 0; length <= 64; ++length) {
     std::vector<std::uint8_t> bytes = ZRBRandomBytes(length);
     for (unsigned long option : options) {
@@ -86,12 +82,6 @@ TEST(CryptoTest, Base64RoundTripsRandomBinaryOfEveryLengthAndLineOption) {
       EXPECT_EQ(*decoded, bytes);
     }
   }
-  // Multi-line output with bytes that use both alphabet ends and every padding case.
-  std::vector<std::uint8_t> edges(100);
-  for (std::size_t i = 0; i < edges.size(); ++i) edges[i] = static_cast<std::uint8_t>(i % 2 ? 0xFF : 0x00);
-  EXPECT_EQ(ZRBBase64Decode(ZRBBase64Encode(edges, ZRBBase64Encoding76CharacterLineLength),
-                            ZRBBase64DecodingIgnoreUnknownCharacters),
-            edges);
 }
 
 TEST(CryptoTest, Base64LineBreaksSeparateLinesWithoutTrailingEnding) {
@@ -122,23 +112,22 @@ TEST(CryptoTest, StrictBase64RefusesWhatLenientSkips) {
       {"Zm9vYg", std::nullopt},    // unpadded after a whole group
       {"Zg=", std::nullopt},       // length not a multiple of 4
       {"Zg==Zg==", std::nullopt},  // padding in the middle
-      {"Zm=v", std::nullopt},     {"Z===", std::nullopt}, {"====", std::nullopt},
+      {"Zm=v", std::nullopt},      // padding inside a group
+      {"Z===", std::nullopt},     {"====", std::nullopt},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_FALSE(ZRBBase64Decode(c.text));
+    EXPECT_FALSE(ZRBBase64Decode(c.text)) << c.text;
     auto lenient = ZRBBase64Decode(c.text, ZRBBase64DecodingIgnoreUnknownCharacters);
-    ASSERT_EQ(lenient.has_value(), c.lenient.has_value());
-    if (lenient) {
-      EXPECT_EQ(std::string(lenient->begin(), lenient->end()), *c.lenient);
-    }
+    EXPECT_EQ(lenient ? std::optional(std::string(lenient->begin(), lenient->end())) : std::nullopt,
+              c.lenient)
+        << c.text;
   }
 }
 
 TEST(CryptoTest, RandomNumbersCoverTheirRange) {
   EXPECT_EQ(ZRBRandomUniform(0), 0u);
   EXPECT_EQ(ZRBRandomUniform(1), 0u);
-
+  EXPECT_LT(ZRBRandomUniform(0xFFFFFFFFu), 0xFFFFFFFFu);
   std::uint32_t ones = 0, zeros = 0;
   for (int i = 0; i < 200; ++i) {
     std::uint32_t v = ZRBRandomUInt32();
@@ -147,7 +136,6 @@ TEST(CryptoTest, RandomNumbersCoverTheirRange) {
   }
   EXPECT_EQ(ones, 0xFFFFFFFFu) << "some bit was never 1";
   EXPECT_EQ(zeros, 0xFFFFFFFFu) << "some bit was never 0";
-
   int counts[7] = {};
   for (int i = 0; i < 7000; ++i) {
     std::uint32_t v = ZRBRandomUniform(7);
@@ -156,8 +144,6 @@ TEST(CryptoTest, RandomNumbersCoverTheirRange) {
   }
   // Expected 1000 each; the bounds are many standard deviations (about 29) wide.
   for (int c : counts) EXPECT_TRUE(c > 700 && c < 1300) << c;
-  EXPECT_LT(ZRBRandomUniform(0xFFFFFFFFu), 0xFFFFFFFFu);
-
   EXPECT_EQ(ZRBRandomBytes(0).size(), 0u);
   EXPECT_NE(ZRBRandomBytes(32), ZRBRandomBytes(32));
 }

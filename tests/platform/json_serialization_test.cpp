@@ -11,6 +11,9 @@
 
 namespace {
 
+using Limits = std::numeric_limits<long long>;
+using ULimits = std::numeric_limits<unsigned long long>;
+
 std::string write(const ZRBValue& v, ZRBJSONWritingOptions options = {}) {
   ZRBErrorPtr error;
   auto text = ZRBJSONSerialization::stringWithJSONObject(v, options, &error);
@@ -24,6 +27,12 @@ ZRBValue read(std::string_view text, ZRBJSONReadingOptions options = ZRBJSONRead
   EXPECT_FALSE(v.isAbsent()) << text << ": " << (error ? error->description() : "");
   EXPECT_EQ(error, nullptr);
   return v;
+}
+
+// Value equality treats 1, 1.0 and 1u alike: the kind must match too.
+void expectSameKindAndValue(const ZRBValue& got, const ZRBValue& expected, std::string_view label) {
+  EXPECT_EQ(got.kind(), expected.kind()) << label;
+  EXPECT_EQ(got, expected) << label;
 }
 
 // Reads text that must be refused; returns the debug description of the error.
@@ -43,57 +52,34 @@ std::string refusal(std::string_view text, ZRBJSONReadingOptions options = ZRBJS
 }
 
 TEST(JSONSerializationTest, ScalarsRoundTripExactly) {
-  const ZRBValue values[] = {
-      ZRBValue(std::numeric_limits<long long>::min()),
-      ZRBValue(std::numeric_limits<long long>::max()),
-      ZRBValue(std::numeric_limits<unsigned long long>::max()),
-      ZRBValue(9223372036854775808ULL),
-      ZRBValue(0.1),
-      ZRBValue(1e300),
-      ZRBValue(-2.5e-308),
-      ZRBValue(5e-324),
-      ZRBValue(true),
-      ZRBValue(false),
-      ZRBValue::null(),
-      ZRBValue("plain"),
-      ZRBValue("a string longer than fourteen bytes"),
-      ZRBValue("quote \" backslash \\ slash / tab \t newline \n nul \x01 \x1f"),
-      ZRBValue("é ü 入口 👶 \u2028"),
-      ZRBValue(""),
+  const ZRBValue numbers[] = {Limits::min(), Limits::max(), ULimits::max(), 9223372036854775808ULL,
+                              0.1,           1e300,         -2.5e-308,      5e-324,
+                              true,          false};
+  const ZRBValue others[] = {ZRBValue::null(),
+                             "plain",
+                             "a string longer than fourteen bytes",
+                             "quote \" backslash \\ slash / tab \t newline \n nul \x01 \x1f",
+                             "é ü 入口 👶 \u2028",
+                             ""};
+  auto roundTrip = [](const ZRBValue& v) {
+    expectSameKindAndValue(read(write(ZRBValue::array({v})))[0], v, v.description());
   };
-  for (const ZRBValue& v : values) {
-    ZRBValue back = read(write(ZRBValue::array({v})))[0];
-    EXPECT_EQ(back.kind(), v.kind()) << v.description();
-    EXPECT_EQ(back, v) << v.description();
-  }
+  for (const ZRBValue& v : numbers) roundTrip(v);
+  for (const ZRBValue& v : others) roundTrip(v);
 }
 
+// The 64-bit limits themselves are covered by the round trip above; integers beyond them are read
+// as doubles, not refused.
 TEST(JSONSerializationTest, NumbersReadWithTheirKinds) {
-  struct Case {
-    const char* text;
-    ZRBValueKind kind;
-    ZRBValue value;
-  } cases[] = {
-      {"0", ZRBValueKind::Int, ZRBValue(0)},
-      {"-0", ZRBValueKind::Int, ZRBValue(0)},
-      {"-9223372036854775808", ZRBValueKind::Int, ZRBValue(std::numeric_limits<long long>::min())},
-      {"9223372036854775807", ZRBValueKind::Int, ZRBValue(std::numeric_limits<long long>::max())},
-      {"9223372036854775808", ZRBValueKind::UInt, ZRBValue(9223372036854775808ULL)},
-      {"18446744073709551615", ZRBValueKind::UInt, ZRBValue(18446744073709551615ULL)},
-      // Beyond 64 bits: doubles, not errors.
-      {"18446744073709551616", ZRBValueKind::Double, ZRBValue(18446744073709551616.0)},
-      {"-9223372036854775809", ZRBValueKind::Double, ZRBValue(-9223372036854775809.0)},
-      {"123456789012345678901234567890", ZRBValueKind::Double, ZRBValue(1.2345678901234568e29)},
-      {"2.0", ZRBValueKind::Double, ZRBValue(2.0)},
-      {"1E5", ZRBValueKind::Double, ZRBValue(100000.0)},
-      {"1e-400", ZRBValueKind::Double, ZRBValue(0.0)},
-      {"0.1", ZRBValueKind::Double, ZRBValue(0.1)},
-  };
-  for (const Case& c : cases) {
-    ZRBValue v = read(c.text);
-    EXPECT_EQ(v.kind(), c.kind) << c.text;
-    EXPECT_EQ(v, c.value) << c.text;
-  }
+  const std::pair<const char*, ZRBValue> cases[] = {{"0", 0},
+                                                    {"-0", 0},
+                                                    {"18446744073709551616", 18446744073709551616.0},
+                                                    {"-9223372036854775809", -9223372036854775809.0},
+                                                    {"123456789012345678901234567890", 1.2345678901234568e29},
+                                                    {"2.0", 2.0},
+                                                    {"1E5", 100000.0},
+                                                    {"1e-400", 0.0}};
+  for (const auto& [text, value] : cases) expectSameKindAndValue(read(text), value, text);
   // A document that needs the exact reader for one number still reads completely.
   ZRBValue mixed = read(R"({"big":100000000000000000000,"s":"x\u00e9\/","a":[1,{"b":null}]})");
   EXPECT_EQ(mixed["big"].doubleValue(), 1e20);
@@ -102,9 +88,9 @@ TEST(JSONSerializationTest, NumbersReadWithTheirKinds) {
 }
 
 TEST(JSONSerializationTest, ReadsStructureEscapesAndEncodings) {
-  ZRBValue v = read(" \r\n\t{\"a\":[1,true,null,\"\\u00e9\\ud83d\\ude00\\n\"],\"b\":{},\"a\":2} ");
-  ASSERT_TRUE(v.isDictionary());
+  ZRBValue v = read(" \r\n\t{\"a\":[1,true,null],\"b\":{},\"a\":2} ");
   // A repeated key keeps its first position and takes the later value.
+  ASSERT_TRUE(v.isDictionary());
   ASSERT_EQ(v.count(), 2u);
   EXPECT_EQ(v.entries()[0].first.string(), "a");
   EXPECT_EQ(v["a"], ZRBValue(2));
@@ -113,25 +99,25 @@ TEST(JSONSerializationTest, ReadsStructureEscapesAndEncodings) {
 
   // A byte-order mark is skipped; UTF-16 and UTF-32 are recognised with or without one.
   EXPECT_EQ(read("\xEF\xBB\xBF[1]"), ZRBValue::array({1}));
-  std::u16string utf16 = u"{\"k\":\"é😀\"}";
-  std::string le, be, le32;
-  for (char16_t c : utf16) {
-    le += static_cast<char>(c & 0xFF), le += static_cast<char>(c >> 8);
-    be += static_cast<char>(c >> 8), be += static_cast<char>(c & 0xFF);
+  auto encode = [](const auto& units, bool bigEndian) {
+    std::string out;
+    for (auto unit : units) {
+      for (std::size_t i = 0; i < sizeof unit; ++i)
+        out += static_cast<char>(unit >> 8 * (bigEndian ? sizeof unit - 1 - i : i));
+    }
+    return out;
+  };
+  const std::u16string utf16 = u"[\"é😀\"]";
+  for (const std::string& text : {encode(utf16, false), "\xFF\xFE" + encode(utf16, false),
+                                  encode(utf16, true), encode(std::u32string(U"[\"é😀\"]"), false)}) {
+    EXPECT_EQ(read(text), ZRBValue::array({"é😀"})) << testing::PrintToString(text);
   }
-  for (char32_t c : std::u32string(U"[\"é😀\"]")) {
-    for (int i = 0; i < 4; ++i) le32 += static_cast<char>((c >> (8 * i)) & 0xFF);
-  }
-  EXPECT_EQ(read(le)["k"].string(), "é😀");
-  EXPECT_EQ(read("\xFF\xFE" + le)["k"].string(), "é😀");
-  EXPECT_EQ(read(be)["k"].string(), "é😀");
-  EXPECT_EQ(read(le32)[0].string(), "é😀");
 }
 
 TEST(JSONSerializationTest, FragmentsNeedTheOption) {
   for (const char* text : {"1", "\"s\"", "true", "null", " 2.5 "}) {
     EXPECT_NE(refusal(text, {}).find("option to allow fragments not set"), std::string::npos) << text;
-    EXPECT_FALSE(read(text).isAbsent());
+    read(text);
   }
   ZRBErrorPtr error;
   EXPECT_FALSE(ZRBJSONSerialization::dataWithJSONObject(ZRBValue(1), {}, &error));
@@ -142,10 +128,8 @@ TEST(JSONSerializationTest, FragmentsNeedTheOption) {
 }
 
 TEST(JSONSerializationTest, MalformedInputIsRefusedWithAPlace) {
-  struct Case {
-    std::string text;
-    const char* debug;  // expected start of the debug description
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
+      // input, expected start of the debug description
       {"", "Unable to parse empty data."},
       {"   ", "Unexpected end of file"},
       {"[1,2", "Unexpected end of file"},
@@ -181,9 +165,9 @@ TEST(JSONSerializationTest, MalformedInputIsRefusedWithAPlace) {
       {"[1,\n 2,\n  ?]", "Invalid value around line 3, column 2."},
       {"\xFF\xFE[", "Unable to convert data to string"},  // odd UTF-16 length
   };
-  for (const Case& c : cases) {
-    std::string debug = refusal(c.text);
-    EXPECT_EQ(debug.rfind(c.debug, 0), 0u) << "input: " << c.text << "\ngot: " << debug;
+  for (const auto& [text, expected] : cases) {
+    std::string debug = refusal(text);
+    EXPECT_EQ(debug.rfind(expected, 0), 0u) << "input: " << text << "\ngot: " << debug;
   }
   // Without an error out-parameter a refusal is just an absent value.
   EXPECT_TRUE(ZRBJSONSerialization::JSONObjectWithData(std::string_view("[1,"), {}).isAbsent());
@@ -198,13 +182,12 @@ TEST(JSONSerializationTest, NestingIsCapped) {
     for (std::size_t i = depth; i-- > 0;) s += i % 2 ? "}" : "]";
     return s;
   };
-  ZRBValue deepest = read(nested(limit, "1"));
-  EXPECT_TRUE(deepest.isArray());
-  EXPECT_NE(refusal(nested(limit + 1, "1")).find("Too many nested"), std::string::npos);
-  // Far beyond the cap: refused without exhausting the stack, in either reader.
-  EXPECT_NE(refusal(std::string(100000, '[')).find("Too many nested"), std::string::npos);
-  EXPECT_NE(refusal(nested(100000, "1e999999")).find("Too many nested"), std::string::npos);
-
+  EXPECT_TRUE(read(nested(limit, "1")).isArray());
+  // Just beyond the cap, and far beyond it (without exhausting the stack, in either reader).
+  for (const std::string& text :
+       {nested(limit + 1, "1"), std::string(100000, '['), nested(100000, "1e999999")}) {
+    EXPECT_NE(refusal(text).find("Too many nested"), std::string::npos) << text.size();
+  }
   // The writer refuses what the reader could not read back.
   ZRBValue v = ZRBValue(1);
   for (std::size_t i = 0; i < limit; ++i) v = ZRBValue::array({v});
@@ -218,8 +201,8 @@ TEST(JSONSerializationTest, NestingIsCapped) {
 TEST(JSONSerializationTest, WritesCompactSortedAndPrettyText) {
   ZRBValue v = ZRBValue::dictionary({
       {"b", ZRBValue::array({1, 2.0, 0.5, ZRBValue::null()})},
-      {"a", ZRBValue("x/y")},
-      {"é", ZRBValue::dictionary({{"z", ZRBValue(true)}, {"y", ZRBValue::array({})}})},
+      {"a", "x/y"},
+      {"é", ZRBValue::dictionary({{"z", true}, {"y", ZRBValue::array({})}})},
       {"B", ZRBValue::dictionary({})},
   });
   EXPECT_EQ(write(v), R"({"b":[1,2,0.5,null],"a":"x\/y","é":{"z":true,"y":[]},"B":{}})");
@@ -242,10 +225,8 @@ TEST(JSONSerializationTest, WritesCompactSortedAndPrettyText) {
             "    \"z\" : true\n"
             "  }\n"
             "}");
-  EXPECT_EQ(write(ZRBValue::dictionary({{"a", ZRBValue(1)}}), ZRBJSONWritingPrettyPrinted),
-            "{\n  \"a\" : 1\n}");
   EXPECT_EQ(write(ZRBValue::array({"\x01\x1f\b\f\r"})), R"(["\u0001\u001f\b\f\r"])");
-
+  // The byte form carries the same text and reads back.
   auto bytes = ZRBJSONSerialization::dataWithJSONObject(ZRBValue::array({"é"}));
   ASSERT_TRUE(bytes);
   EXPECT_EQ(std::string(bytes->begin(), bytes->end()), "[\"é\"]");
@@ -253,17 +234,15 @@ TEST(JSONSerializationTest, WritesCompactSortedAndPrettyText) {
 }
 
 TEST(JSONSerializationTest, InvalidObjectsAreRefusedForWriting) {
-  const ZRBValue invalid[] = {
-      ZRBValue(ZRBDate{0}),
-      ZRBValue::data("abc"),
-      ZRBValue::set({1}),
-      ZRBValue(std::numeric_limits<double>::quiet_NaN()),
-      ZRBValue(std::numeric_limits<double>::infinity()),
-      ZRBValue(),
-      ZRBValue(std::string_view("\xff\xfe")),
-      ZRBValue::classTag(ZRBValueClass::String),
-      ZRBValue(ZRBError::make(ZRBCocoaErrorDomain, 1)),
-  };
+  const ZRBValue invalid[] = {ZRBDate{0},
+                              ZRBValue::data("abc"),
+                              ZRBValue::set({1}),
+                              std::numeric_limits<double>::quiet_NaN(),
+                              std::numeric_limits<double>::infinity(),
+                              ZRBValue(),
+                              std::string_view("\xff\xfe"),
+                              ZRBValue::classTag(ZRBValueClass::String),
+                              ZRBError::make(ZRBCocoaErrorDomain, 1)};
   for (const ZRBValue& item : invalid) {
     for (ZRBValue container : {ZRBValue::array({item}), ZRBValue::dictionary({{"k", item}})}) {
       EXPECT_FALSE(ZRBJSONSerialization::isValidJSONObject(container)) << container.description();
@@ -284,9 +263,9 @@ TEST(JSONSerializationTest, LargeDocumentsRoundTripRepeatedly) {
   // Larger than the parser keeps between documents, read twice so the released parser is rebuilt.
   ZRBArrayBuilder records;
   for (int i = 0; i < 60000; ++i) {
-    records.add(ZRBValue::dictionary({{"id", ZRBValue(i)},
-                                      {"name", ZRBValue("device number " + std::to_string(i))},
-                                      {"ratio", ZRBValue(i / 7.0)},
+    records.add(ZRBValue::dictionary({{"id", i},
+                                      {"name", "device number " + std::to_string(i)},
+                                      {"ratio", i / 7.0},
                                       {"tags", ZRBValue::array({"a/b", ZRBValue::null()})}}));
   }
   ZRBValue v = records.build();
@@ -303,11 +282,10 @@ TEST(JSONSerializationTest, ThreadsReadIndependently) {
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t, &mismatches] {
       ZRBValue expected =
-          ZRBValue::dictionary({{"thread", ZRBValue(t)}, {"items", ZRBValue::array({t, "x", t * 0.5})}});
+          ZRBValue::dictionary({{"thread", t}, {"items", ZRBValue::array({t, "x", t * 0.5})}});
       std::string text = ZRBJSONSerialization::stringWithJSONObject(expected).value_or("");
-      for (int i = 0; i < 300; ++i) {
-        if (ZRBJSONSerialization::JSONObjectWithData(text) != expected) ++mismatches[t];
-      }
+      for (int i = 0; i < 300; ++i)
+        mismatches[t] += ZRBJSONSerialization::JSONObjectWithData(text) != expected;
     });
   }
   for (auto& thread : threads) thread.join();

@@ -137,8 +137,7 @@ TEST(KeyedArchiverTest, RoundTripsNestedObjectsAndValues) {
   EXPECT_EQ(back->created.dateValue(), record->created.dateValue());  // exact
   EXPECT_EQ(back->certificates, record->certificates);
   EXPECT_EQ(back->extra, record->extra);
-  EXPECT_EQ(back->extra["huge"].kind(), ZRBValueKind::UInt);
-  EXPECT_TRUE(back->extra["list"][1].isSet());
+  EXPECT_EQ(back->extra["huge"].kind(), ZRBValueKind::UInt);  // equality alone lets numbers change kind
   ASSERT_TRUE(back->address);
   EXPECT_EQ(back->address->street, "1 Main St");
   EXPECT_EQ(back->address->zip, 12345);

@@ -12,72 +12,63 @@
 namespace {
 
 using namespace std::chrono_literals;
+using Calls = std::vector<std::string>;
 constexpr auto kHangGuard = 60s;
 
 // Equal to every other Sender, so only identity can tell two apart.
 class Sender final : public ZRBObject {
  public:
-  bool isEqual(const ZRBObject& other) const override {
-    return dynamic_cast<const Sender*>(&other) != nullptr;
-  }
+  bool isEqual(const ZRBObject& other) const override { return dynamic_cast<const Sender*>(&other); }
   std::size_t hash() const override { return 1; }
 };
 
 TEST(NotificationCenterTest, ObserversMatchByNameAndByObjectIdentity) {
   ZRBNotificationCenter center;
-  auto first = std::make_shared<Sender>();
-  auto second = std::make_shared<Sender>();
-  auto lookalike = std::make_shared<Sender>();
-  std::vector<std::string> calls;
-  auto record = [&](std::string tag) {
-    return [&calls, tag](const ZRBNotificationPtr& note) { calls.push_back(tag + ":" + note->name()); };
+  auto first = std::make_shared<Sender>(), second = std::make_shared<Sender>();
+  Calls calls;
+  auto add = [&](const char* name, const ZRBValue& object, std::string tag) {
+    center.addObserver(name, object, nullptr, [&calls, tag](const ZRBNotificationPtr& note) {
+      calls.push_back(tag + ":" + note->name());
+    });
   };
-  center.addObserver("a", first, nullptr, record("a-first"));
-  center.addObserver("a", {}, nullptr, record("a-any"));
-  center.addObserver("", second, nullptr, record("any-second"));
-  center.addObserver("b", {}, nullptr, record("b-any"));
-  center.addObserver("c", ZRBValue("key"), nullptr, record("c-key"));
+  add("a", first, "a-first");
+  add("a", {}, "a-any");
+  add("", second, "any-second");
+  add("b", {}, "b-any");
+  add("c", ZRBValue("key"), "c-key");
+  auto post = [&](const char* name, const ZRBValue& object) {
+    center.post(name, object);
+    return std::exchange(calls, {});
+  };
+  EXPECT_EQ(post("a", first), (Calls{"a-first:a", "a-any:a"}));
+  EXPECT_EQ(post("a", second), (Calls{"a-any:a", "any-second:a"}));
+  EXPECT_EQ(post("a", std::make_shared<Sender>()), Calls{"a-any:a"});  // equal to `first`, another object
+  EXPECT_EQ(post("b", {}), Calls{"b-any:b"});
+  EXPECT_EQ(post("c", ZRBValue("key")), Calls{"c-key:c"});  // non-object values match by equality
+  EXPECT_EQ(post("c", ZRBValue("other")), Calls{});
 
-  center.post("a", first);
-  EXPECT_EQ(calls, (std::vector<std::string>{"a-first:a", "a-any:a"}));
-  calls.clear();
-  center.post("a", second);
-  EXPECT_EQ(calls, (std::vector<std::string>{"a-any:a", "any-second:a"}));
-  calls.clear();
-  center.post("a", lookalike);  // equal to `first`, but another object
-  EXPECT_EQ(calls, (std::vector<std::string>{"a-any:a"}));
-  calls.clear();
-  center.post("b");
-  center.post("c", ZRBValue("key"));  // non-object values match by equality
-  center.post("c", ZRBValue("other"));
-  EXPECT_EQ(calls, (std::vector<std::string>{"b-any:b", "c-key:c"}));
-}
-
-TEST(NotificationCenterTest, ObjectFilterDoesNotKeepTheObjectAlive) {
-  ZRBNotificationCenter center;
+  // The object filter does not keep its object alive; once it is gone the observer matches nothing.
   auto sender = std::make_shared<Sender>();
   std::weak_ptr<Sender> weak = sender;
-  int calls = 0;
-  center.addObserver("n", sender, nullptr, [&](const ZRBNotificationPtr&) { ++calls; });
+  add("n", sender, "n-sender");
   sender.reset();
   EXPECT_TRUE(weak.expired());
-  center.post("n", std::make_shared<Sender>());
-  EXPECT_EQ(calls, 0);
+  EXPECT_EQ(post("n", std::make_shared<Sender>()), Calls{});
 }
 
 TEST(NotificationCenterTest, DeliveryOnTheObserversQueueCarriesObjectAndUserInfo) {
   ZRBNotificationCenter center;
-  auto queue = ZRBDispatchQueue::serial("test.notes.queue");
   auto sender = std::make_shared<Sender>();
   ZRBDispatchSemaphore delivered;
   std::string label;
   ZRBNotificationPtr received;
   std::thread::id syncThread;
-  center.addObserver("done", {}, queue, [&](const ZRBNotificationPtr& note) {
-    label = ZRBDispatch::currentQueueLabel();
-    received = note;
-    delivered.signal();
-  });
+  center.addObserver("done", {}, ZRBDispatchQueue::serial("test.notes.queue"),
+                     [&](const ZRBNotificationPtr& note) {
+                       label = ZRBDispatch::currentQueueLabel();
+                       received = note;
+                       delivered.signal();
+                     });
   center.addObserver("done", {}, nullptr,
                      [&](const ZRBNotificationPtr&) { syncThread = std::this_thread::get_id(); });
   auto error = ZRBError::make(ZRBURLErrorDomain, ZRBURLErrorCancelled);
@@ -93,26 +84,26 @@ TEST(NotificationCenterTest, DeliveryOnTheObserversQueueCarriesObjectAndUserInfo
 
 TEST(NotificationCenterTest, AddingAndRemovingDuringAPost) {
   ZRBNotificationCenter center;
-  std::vector<std::string> calls;
+  Calls calls;
   ZRBNotificationObserverPtr victim, self, late;
-  center.addObserver("n", {}, nullptr, [&](const ZRBNotificationPtr&) {
-    calls.push_back("remover");
+  auto recorder = [&](const char* tag) {
+    return [&calls, tag](const ZRBNotificationPtr&) { calls.push_back(tag); };
+  };
+  center.addObserver("n", {}, nullptr, [&](const ZRBNotificationPtr& note) {
+    recorder("remover")(note);
     center.removeObserver(victim);
-    if (!late)
-      late =
-          center.addObserver("n", {}, nullptr, [&](const ZRBNotificationPtr&) { calls.push_back("late"); });
+    if (!late) late = center.addObserver("n", {}, nullptr, recorder("late"));
   });
-  victim =
-      center.addObserver("n", {}, nullptr, [&](const ZRBNotificationPtr&) { calls.push_back("victim"); });
-  self = center.addObserver("n", {}, nullptr, [&](const ZRBNotificationPtr&) {
-    calls.push_back("self");
+  victim = center.addObserver("n", {}, nullptr, recorder("victim"));
+  self = center.addObserver("n", {}, nullptr, [&](const ZRBNotificationPtr& note) {
+    recorder("self")(note);
     center.removeObserver(self);
   });
   center.post("n");
-  EXPECT_EQ(calls, (std::vector<std::string>{"remover", "self"}));
+  EXPECT_EQ(calls, (Calls{"remover", "self"}));
   calls.clear();
   center.post("n");
-  EXPECT_EQ(calls, (std::vector<std::string>{"remover", "late"}));
+  EXPECT_EQ(calls, (Calls{"remover", "late"}));
   center.removeObserver(self);  // twice: nothing happens
 }
 
@@ -136,10 +127,9 @@ TEST(NotificationCenterTest, ConcurrentPostsAddsAndRemovals) {
   center.addObserver("n", {}, nullptr, [&](const ZRBNotificationPtr&) { steadyCalls.fetch_add(1); });
   std::atomic<bool> stop{false};
   std::thread churn([&] {
-    while (!stop) {
-      auto token = center.addObserver("n", {}, ZRBDispatch::globalQueue(), [](const ZRBNotificationPtr&) {});
-      center.removeObserver(token);
-    }
+    while (!stop)
+      center.removeObserver(
+          center.addObserver("n", {}, ZRBDispatch::globalQueue(), [](const ZRBNotificationPtr&) {}));
   });
   std::vector<std::thread> posters;
   for (int t = 0; t < 4; ++t) {

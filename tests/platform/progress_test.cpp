@@ -9,10 +9,7 @@
 namespace {
 
 TEST(ProgressTest, FractionFollowsThePlatformIncludingUnknownTotals) {
-  ZRBProgress progress;
-  EXPECT_EQ(progress.totalUnitCount(), 0);
-  EXPECT_EQ(progress.fractionCompleted(), 0.0);
-
+  EXPECT_EQ(ZRBProgress().fractionCompleted(), 0.0);  // no total: no division by zero
   auto transfer = ZRBProgress::progressWithTotalUnitCount(ZRBProgressUnknownUnitCount);
   transfer->setCompletedUnitCount(500);
   EXPECT_EQ(transfer->fractionCompleted(), 0.0);
@@ -29,47 +26,42 @@ TEST(ProgressTest, FractionFollowsThePlatformIncludingUnknownTotals) {
   EXPECT_EQ(transfer->fractionCompleted(), 0.0);
 }
 
-TEST(ProgressTest, CancelPauseAndResumeCallTheirHandlersOnce) {
-  ZRBProgress progress;
+TEST(ProgressTest, CancelPauseAndResumeCallTheirHandlersOnceAndHandlersMayCallBack) {
+  auto progress = ZRBProgress::progressWithTotalUnitCount(10);
   int cancels = 0, pauses = 0, resumes = 0;
-  progress.setPausable(true);
-  progress.setPausingHandler([&] { ++pauses; });
-  progress.setResumingHandler([&] { ++resumes; });
-  progress.setCancellationHandler([&] { ++cancels; });
+  progress->setPausable(true);
+  progress->setPausingHandler([&] { ++pauses; });
+  progress->setResumingHandler([&] { ++resumes; });
 
-  progress.resume();  // not paused: nothing
-  progress.pause();
-  progress.pause();
-  EXPECT_TRUE(progress.isPaused());
-  progress.resume();
-  EXPECT_FALSE(progress.isPaused());
+  progress->resume();  // not paused: nothing
+  progress->pause();
+  progress->pause();
+  EXPECT_TRUE(progress->isPaused());
+  progress->resume();
+  EXPECT_FALSE(progress->isPaused());
   EXPECT_EQ(pauses, 1);
   EXPECT_EQ(resumes, 1);
 
-  progress.cancel();
-  progress.cancel();
-  EXPECT_TRUE(progress.isCancelled());
-  EXPECT_EQ(cancels, 1);
-  progress.pause();  // a cancelled progress does not pause
-  EXPECT_FALSE(progress.isPaused());
-  EXPECT_EQ(pauses, 1);
-
-  // Set after the fact: runs at once.
-  bool late = false;
-  progress.setCancellationHandler([&] { late = true; });
-  EXPECT_TRUE(late);
-}
-
-TEST(ProgressTest, HandlersMayCallBackIntoTheProgress) {
-  auto progress = ZRBProgress::progressWithTotalUnitCount(10);
+  // Handlers may call back into the progress.
   bool seenCancelled = false;
   progress->setCancellationHandler([&] {
+    ++cancels;
     seenCancelled = progress->isCancelled();
     progress->setCompletedUnitCount(10);
   });
   progress->cancel();
+  progress->cancel();
+  EXPECT_EQ(cancels, 1);
   EXPECT_TRUE(seenCancelled);
   EXPECT_EQ(progress->completedUnitCount(), 10);
+  progress->pause();  // a cancelled progress does not pause
+  EXPECT_FALSE(progress->isPaused());
+  EXPECT_EQ(pauses, 1);
+
+  // Set after the fact: runs at once.
+  bool late = false;
+  progress->setCancellationHandler([&] { late = true; });
+  EXPECT_TRUE(late);
 }
 
 TEST(ProgressTest, ObserversSeeEveryRealChangeUntilRemoved) {

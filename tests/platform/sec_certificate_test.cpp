@@ -31,35 +31,30 @@ TEST(SecCertificate, DERRoundTripAndEqualityByBytes) {
 
 TEST(SecCertificate, BytesThatAreNotExactlyOneCertificateGiveNull) {
   auto der = chain().leaf.der();
-  EXPECT_EQ(ZRBSecCertificate::createWithData(std::span<const std::uint8_t>()), nullptr);
-  EXPECT_EQ(ZRBSecCertificate::createWithData(std::string_view("not a certificate at all")), nullptr);
-  auto truncated = der;
+  auto truncated = der, trailing = der;
   truncated.pop_back();
-  EXPECT_EQ(ZRBSecCertificate::createWithData(truncated), nullptr);
-  auto trailing = der;
   trailing.push_back(0);
-  EXPECT_EQ(ZRBSecCertificate::createWithData(trailing), nullptr);
-  // A well-formed DER structure of the wrong kind.
-  auto spki = chain().leaf.secCertificate()->copyKey()->subjectPublicKeyInfo();
-  EXPECT_EQ(ZRBSecCertificate::createWithData(spki), nullptr);
+  std::string_view text = "not a certificate at all";
+  // The last is a well-formed DER structure of the wrong kind.
+  for (const auto& bytes :
+       {std::vector<std::uint8_t>{}, std::vector<std::uint8_t>(text.begin(), text.end()), truncated, trailing,
+        chain().leaf.secCertificate()->copyKey()->subjectPublicKeyInfo()}) {
+    EXPECT_EQ(ZRBSecCertificate::createWithData(bytes), nullptr) << bytes.size();
+  }
 }
 
 TEST(SecCertificate, PEMChainsKeepOrderAndSkipOtherBlocks) {
   const auto& c = chain();
   auto leaf = c.leaf.secCertificate();
-  auto intermediate = c.intermediate.secCertificate();
-
   auto one = ZRBSecCertificate::createWithPEM(c.chainPEM());
   ASSERT_TRUE(one);
   EXPECT_TRUE(one->isEqual(*leaf));
-
   // A server bundle with the key first, CR LF line ends and text around the blocks.
   auto all =
       ZRBSecCertificate::createAllWithPEM("subject=localhost\n" + crlf(c.keyPEM() + c.chainPEM()) + "\n");
   ASSERT_EQ(all.size(), 2u);
   EXPECT_TRUE(all[0]->isEqual(*leaf));
-  EXPECT_TRUE(all[1]->isEqual(*intermediate));
-
+  EXPECT_TRUE(all[1]->isEqual(*c.intermediate.secCertificate()));
   auto again = ZRBSecCertificate::createWithPEM(leaf->copyPEM());
   ASSERT_TRUE(again);
   EXPECT_TRUE(again->isEqual(*leaf));
@@ -67,40 +62,33 @@ TEST(SecCertificate, PEMChainsKeepOrderAndSkipOtherBlocks) {
 
 TEST(SecCertificate, DamagedPEMGivesNothing) {
   const auto& c = chain();
-  std::string pem = c.chainPEM();
+  std::string pem = c.chainPEM(), leafPEM = c.leaf.pem();
   // Cut inside the second block: the whole chain is refused, not shortened to its first part.
-  std::string truncated = pem.substr(0, pem.size() - 100);
-  EXPECT_TRUE(ZRBSecCertificate::createAllWithPEM(truncated).empty());
-  std::string leafPEM = c.leaf.pem();
-  EXPECT_EQ(ZRBSecCertificate::createWithPEM(leafPEM.substr(0, leafPEM.size() / 2)), nullptr);
+  EXPECT_TRUE(ZRBSecCertificate::createAllWithPEM(pem.substr(0, pem.size() - 100)).empty());
+  EXPECT_TRUE(ZRBSecCertificate::createAllWithPEM(c.keyPEM()).empty());
+  EXPECT_TRUE(ZRBSecCertificate::createAllWithPEM("").empty());
   // Base64 damage inside a block that is otherwise complete.
   std::string corrupted = leafPEM;
   corrupted[corrupted.find('\n') + 10] = '*';
-  EXPECT_EQ(ZRBSecCertificate::createWithPEM(corrupted), nullptr);
-  EXPECT_TRUE(ZRBSecCertificate::createAllWithPEM(c.keyPEM()).empty());
-  EXPECT_TRUE(ZRBSecCertificate::createAllWithPEM("").empty());
-  EXPECT_EQ(ZRBSecCertificate::createWithPEM("-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n"),
-            nullptr);
+  for (const auto& text : {leafPEM.substr(0, leafPEM.size() / 2), corrupted,
+                           std::string("-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n")}) {
+    EXPECT_EQ(ZRBSecCertificate::createWithPEM(text), nullptr) << text;
+  }
 }
 
-TEST(SecCertificate, SubjectSummaryPrefersTheCommonName) {
+TEST(SecCertificate, SummariesSelfSignedAndValidity) {
   const auto& c = chain();
-  EXPECT_EQ(c.leaf.secCertificate()->copySubjectSummary(), "localhost");
-  EXPECT_EQ(c.leaf.secCertificate()->copyIssuerSummary(),
-            c.intermediate.secCertificate()->copySubjectSummary());
-
+  auto leaf = c.leaf.secCertificate();
+  EXPECT_EQ(leaf->copySubjectSummary(), "localhost");
+  EXPECT_EQ(leaf->copyIssuerSummary(), c.intermediate.secCertificate()->copySubjectSummary());
   // Without a common name: the first attribute of the subject (the organisation).
   auto unnamed =
       ZRBTestPKI::issue({.commonName = "", .dnsNames = {"unnamed.test"}}, nullptr).secCertificate();
   EXPECT_EQ(unnamed->copyCommonName(), std::nullopt);
   EXPECT_EQ(unnamed->copySubjectSummary(), "ORVELKIT Tests");
-}
 
-TEST(SecCertificate, SelfSignedAndValidity) {
-  const auto& c = chain();
   EXPECT_TRUE(c.root.secCertificate()->isSelfSigned());
   EXPECT_FALSE(c.intermediate.secCertificate()->isSelfSigned());
-  auto leaf = c.leaf.secCertificate();
   auto now = static_cast<std::int64_t>(ZRBDate::now().secondsSince1970);
   EXPECT_LT(leaf->notBefore(), now);
   EXPECT_GT(leaf->notAfter(), now);

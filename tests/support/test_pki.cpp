@@ -1,10 +1,9 @@
 #include "support/test_pki.h"
 
 #include <openssl/bio.h>
-#include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
-#include <openssl/rsa.h>
+#include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
@@ -20,30 +19,31 @@ namespace {
 
 [[noreturn]] void fail(const std::string& what) { throw std::runtime_error("test PKI: " + what); }
 
-void check(int rc, const char* what) {
+void check(long rc, const char* what) {
   if (rc <= 0) fail(what);
 }
 
-std::string bioText(BIO* bio) {
+bool isRSA(ZRBTestKeyType type) { return type == ZRBTestKeyType::RSA2048 || type == ZRBTestKeyType::RSA4096; }
+
+// The text `write` puts into a memory BIO.
+template <typename Write>
+std::string pemText(Write write, const char* what) {
+  std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), BIO_free);
+  check(write(bio.get()), what);
   char* data = nullptr;
-  long length = BIO_get_mem_data(bio, &data);
+  long length = BIO_get_mem_data(bio.get(), &data);
   return std::string(data, static_cast<std::size_t>(length));
 }
 
 std::shared_ptr<EVP_PKEY> generate(ZRBTestKeyType type) {
-  bool rsa = type == ZRBTestKeyType::RSA2048 || type == ZRBTestKeyType::RSA4096;
-  EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new_from_name(nullptr, rsa ? "RSA" : "EC", nullptr);
-  if (!ctx) fail("EVP_PKEY_CTX_new_from_name");
-  check(EVP_PKEY_keygen_init(ctx), "EVP_PKEY_keygen_init");
-  switch (type) {
-    case ZRBTestKeyType::RSA2048: check(EVP_PKEY_CTX_set_rsa_keygen_bits(ctx, 2048), "rsa bits"); break;
-    case ZRBTestKeyType::RSA4096: check(EVP_PKEY_CTX_set_rsa_keygen_bits(ctx, 4096), "rsa bits"); break;
-    case ZRBTestKeyType::ECP256: check(EVP_PKEY_CTX_set_group_name(ctx, "P-256"), "curve"); break;
-    case ZRBTestKeyType::ECP384: check(EVP_PKEY_CTX_set_group_name(ctx, "P-384"), "curve"); break;
-  }
   EVP_PKEY* key = nullptr;
-  check(EVP_PKEY_generate(ctx, &key), "EVP_PKEY_generate");
-  EVP_PKEY_CTX_free(ctx);
+  switch (type) {
+    case ZRBTestKeyType::RSA2048: key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", std::size_t{2048}); break;
+    case ZRBTestKeyType::RSA4096: key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", std::size_t{4096}); break;
+    case ZRBTestKeyType::ECP256: key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"); break;
+    case ZRBTestKeyType::ECP384: key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-384"); break;
+  }
+  if (!key) fail("EVP_PKEY_Q_keygen");
   return std::shared_ptr<EVP_PKEY>(key, EVP_PKEY_free);
 }
 
@@ -63,16 +63,6 @@ void addName(X509_NAME* name, const char* field, const std::string& value) {
         "name entry");
 }
 
-std::string leafName(ZRBTestLeafVariant variant) {
-  switch (variant) {
-    case ZRBTestLeafVariant::Valid: return "valid";
-    case ZRBTestLeafVariant::Expired: return "expired";
-    case ZRBTestLeafVariant::NotYetValid: return "not-yet-valid";
-    case ZRBTestLeafVariant::WrongHost: return "wrong-host";
-  }
-  return "?";
-}
-
 void writeFile(const std::filesystem::path& path, const std::string& text) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << text;
@@ -82,13 +72,9 @@ void writeFile(const std::filesystem::path& path, const std::string& text) {
 }  // namespace
 
 std::string_view ZRBTestKeyTypeName(ZRBTestKeyType type) {
-  switch (type) {
-    case ZRBTestKeyType::RSA2048: return "rsa2048";
-    case ZRBTestKeyType::RSA4096: return "rsa4096";
-    case ZRBTestKeyType::ECP256: return "p256";
-    case ZRBTestKeyType::ECP384: return "p384";
-  }
-  return "?";
+  constexpr std::string_view names[] = {"rsa2048", "rsa4096", "p256", "p384"};
+  auto index = static_cast<std::size_t>(type);
+  return index < std::size(names) ? names[index] : "?";
 }
 
 ZRBTestCertificate::ZRBTestCertificate(std::shared_ptr<X509> x509, std::shared_ptr<EVP_PKEY> key)
@@ -104,20 +90,15 @@ std::vector<std::uint8_t> ZRBTestCertificate::der() const {
 }
 
 std::string ZRBTestCertificate::pem() const {
-  BIO* bio = BIO_new(BIO_s_mem());
-  check(PEM_write_bio_X509(bio, x509_.get()), "PEM_write_bio_X509");
-  std::string text = bioText(bio);
-  BIO_free(bio);
-  return text;
+  return pemText([&](BIO* bio) { return PEM_write_bio_X509(bio, x509_.get()); }, "PEM_write_bio_X509");
 }
 
 std::string ZRBTestCertificate::keyPEM() const {
-  BIO* bio = BIO_new(BIO_s_mem());
-  check(PEM_write_bio_PrivateKey(bio, key_.get(), nullptr, nullptr, 0, nullptr, nullptr),
-        "PEM_write_bio_PrivateKey");
-  std::string text = bioText(bio);
-  BIO_free(bio);
-  return text;
+  return pemText(
+      [&](BIO* bio) {
+        return PEM_write_bio_PrivateKey(bio, key_.get(), nullptr, nullptr, 0, nullptr, nullptr);
+      },
+      "PEM_write_bio_PrivateKey");
 }
 
 ZRBSecCertificatePtr ZRBTestCertificate::secCertificate() const {
@@ -146,10 +127,9 @@ ZRBTestCertificate ZRBTestPKI::issue(const ZRBTestCertificateOptions& options,
   X509* cert = x509.get();
   check(X509_set_version(cert, X509_VERSION_3), "version");
 
-  BIGNUM* serial = BN_new();
-  check(BN_rand(serial, 63, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY), "serial");
-  check(BN_to_ASN1_INTEGER(serial, X509_get_serialNumber(cert)) != nullptr, "serial");
-  BN_free(serial);
+  std::uint64_t serial = 0;
+  check(RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial), "serial");
+  check(ASN1_INTEGER_set_uint64(X509_get_serialNumber(cert), serial >> 1), "serial");  // random, 63 bits
 
   X509_NAME* name = X509_get_subject_name(cert);
   addName(name, "O", "ORVELKIT Tests");
@@ -162,26 +142,24 @@ ZRBTestCertificate ZRBTestPKI::issue(const ZRBTestCertificateOptions& options,
   check(X509_set_pubkey(cert, key.get()), "pubkey");
 
   X509* issuerCert = issuer ? issuer->x509() : cert;
-  addExtension(cert, issuerCert, NID_subject_key_identifier, "hash");
-  addExtension(cert, issuerCert, NID_authority_key_identifier, "keyid:always");
-  bool rsa = options.keyType == ZRBTestKeyType::RSA2048 || options.keyType == ZRBTestKeyType::RSA4096;
+  auto add = [&](int nid, const std::string& value) { addExtension(cert, issuerCert, nid, value); };
+  add(NID_subject_key_identifier, "hash");
+  add(NID_authority_key_identifier, "keyid:always");
   if (options.isCA) {
-    addExtension(cert, issuerCert, NID_basic_constraints, "critical,CA:TRUE");
-    addExtension(cert, issuerCert, NID_key_usage, "critical,keyCertSign,cRLSign,digitalSignature");
+    add(NID_basic_constraints, "critical,CA:TRUE");
+    add(NID_key_usage, "critical,keyCertSign,cRLSign,digitalSignature");
   } else {
-    addExtension(cert, issuerCert, NID_basic_constraints, "critical,CA:FALSE");
-    addExtension(cert, issuerCert, NID_key_usage,
-                 rsa ? "critical,digitalSignature,keyEncipherment" : "critical,digitalSignature");
-    if (!options.extendedKeyUsage.empty())
-      addExtension(cert, issuerCert, NID_ext_key_usage, options.extendedKeyUsage);
+    add(NID_basic_constraints, "critical,CA:FALSE");
+    add(NID_key_usage,
+        isRSA(options.keyType) ? "critical,digitalSignature,keyEncipherment" : "critical,digitalSignature");
+    if (!options.extendedKeyUsage.empty()) add(NID_ext_key_usage, options.extendedKeyUsage);
   }
   std::string names;
   for (const auto& dns : options.dnsNames) names += (names.empty() ? "DNS:" : ",DNS:") + dns;
   for (const auto& ip : options.ipAddresses) names += (names.empty() ? "IP:" : ",IP:") + ip;
-  if (!names.empty()) addExtension(cert, issuerCert, NID_subject_alt_name, names);
+  if (!names.empty()) add(NID_subject_alt_name, names);
 
-  EVP_PKEY* signer = issuer ? issuer->key() : key.get();
-  check(X509_sign(cert, signer, EVP_sha256()), "X509_sign");
+  check(X509_sign(cert, issuer ? issuer->key() : key.get(), EVP_sha256()), "X509_sign");
   return ZRBTestCertificate(std::move(x509), std::move(key));
 }
 
@@ -189,39 +167,35 @@ ZRBTestChain ZRBTestPKI::makeChain(ZRBTestKeyType leafKeyType, ZRBTestLeafVarian
                                    ZRBTestKeyType caKeyType) {
   // A sequence number keeps the names of chains made with the same arguments apart too.
   static std::atomic<int> sequence{0};
-  std::string label = std::string(ZRBTestKeyTypeName(leafKeyType)) + "-" + leafName(variant) + "-" +
+  constexpr const char* variantNames[] = {"valid", "expired", "not-yet-valid", "wrong-host"};
+  std::string label = std::string(ZRBTestKeyTypeName(leafKeyType)) + "-" +
+                      variantNames[static_cast<int>(variant)] + "-" +
                       std::string(ZRBTestKeyTypeName(caKeyType)) + "-" + std::to_string(++sequence);
   constexpr std::int64_t day = 24 * 3600;
 
   ZRBTestChain chain;
-  ZRBTestCertificateOptions root{.commonName = "ORVELKIT Test Root " + label,
-                                 .keyType = caKeyType,
-                                 .keySlot = 1,
-                                 .isCA = true,
-                                 .notBeforeOffset = -2 * day,
-                                 .notAfterOffset = 3650 * day};
-  chain.root = issue(root, nullptr);
-  ZRBTestCertificateOptions intermediate = root;
-  intermediate.commonName = "ORVELKIT Test Intermediate " + label;
-  intermediate.keySlot = 2;
-  chain.intermediate = issue(intermediate, &chain.root);
+  ZRBTestCertificateOptions ca{.commonName = "ORVELKIT Test Root " + label,
+                               .keyType = caKeyType,
+                               .keySlot = 1,
+                               .isCA = true,
+                               .notBeforeOffset = -2 * day,
+                               .notAfterOffset = 3650 * day};
+  chain.root = issue(ca, nullptr);
+  ca.commonName = "ORVELKIT Test Intermediate " + label;
+  ca.keySlot = 2;
+  chain.intermediate = issue(ca, &chain.root);
 
   ZRBTestCertificateOptions leaf{.commonName = "localhost", .keyType = leafKeyType, .keySlot = 0};
   leaf.dnsNames.assign(std::begin(kZRBTestLeafDNSNames), std::end(kZRBTestLeafDNSNames));
   leaf.ipAddresses.assign(std::begin(kZRBTestLeafIPAddresses), std::end(kZRBTestLeafIPAddresses));
+  auto &start = leaf.notBeforeOffset, &end = leaf.notAfterOffset;
   switch (variant) {
     case ZRBTestLeafVariant::Valid: break;
-    case ZRBTestLeafVariant::Expired:
-      leaf.notBeforeOffset = -30 * day;
-      leaf.notAfterOffset = -day;
-      break;
-    case ZRBTestLeafVariant::NotYetValid:
-      leaf.notBeforeOffset = day;
-      leaf.notAfterOffset = 30 * day;
-      break;
+    case ZRBTestLeafVariant::Expired: std::tie(start, end) = std::pair(-30 * day, -day); break;
+    case ZRBTestLeafVariant::NotYetValid: std::tie(start, end) = std::pair(day, 30 * day); break;
     case ZRBTestLeafVariant::WrongHost:
       leaf.commonName = std::string(kZRBTestWrongHostName);
-      leaf.dnsNames = {std::string(kZRBTestWrongHostName)};
+      leaf.dnsNames = {leaf.commonName};
       leaf.ipAddresses.clear();
       break;
   }
