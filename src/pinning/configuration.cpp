@@ -31,10 +31,18 @@ ZRBDate toDate(std::chrono::system_clock::time_point time) {
   return {std::chrono::duration<double>(time.time_since_epoch()).count()};
 }
 
-std::chrono::system_clock::time_point fromDate(ZRBDate date) {
-  return std::chrono::system_clock::time_point(
-      std::chrono::duration_cast<std::chrono::system_clock::duration>(
-          std::chrono::duration<double>(date.secondsSince1970)));
+// The clock counts nanoseconds and so spans only about 1678 to 2261; dates beyond that are
+// clamped to the ends of its range, which keeps every comparison with the present right.
+std::chrono::system_clock::time_point timePointFromSeconds(double secondsSince1970) {
+  using Clock = std::chrono::system_clock;
+  // A second inside the range, so that rounding cannot overflow the conversion.
+  constexpr double kLatest = std::chrono::duration<double>(Clock::duration::max()).count() - 1;
+  constexpr double kEarliest = std::chrono::duration<double>(Clock::duration::min()).count() + 1;
+  if (secondsSince1970 != secondsSince1970) return Clock::time_point();  // NaN
+  if (secondsSince1970 >= kLatest) return Clock::time_point::max();
+  if (secondsSince1970 <= kEarliest) return Clock::time_point::min();
+  return Clock::time_point(
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(secondsSince1970)));
 }
 
 }  // namespace
@@ -130,7 +138,7 @@ bool policyFromValue(const ZRBValue& value, ZRB_PGDDomainPolicy& policy) {
   }
   if (const ZRBValue& date = value[kZRB_PGDExpirationDate]; !date.isAbsent()) {
     if (!date.isDate()) return false;
-    policy.expirationDate = fromDate(date.dateValue());
+    policy.expirationDate = timePointFromSeconds(date.dateValue().secondsSince1970);
     ++expected;
   }
   if (const ZRBValue& anchors = value[kZRB_PGDAdditionalTrustAnchors]; !anchors.isAbsent()) {
@@ -212,10 +220,19 @@ ZRBSecCertificatePtr certificateFromPEM(std::string_view pem) {
 
 namespace {
 
+// The messages of the configuration exception, word for word: integrators search for them.
+constexpr std::string_view kExcludedWithOtherKeys =
+    "PinGuard was initialized with PGDExcludeSubdomainFromParentPolicy for domain %@ but detected additional "
+    "configuration keys";
+constexpr std::string_view kExcludedWithoutParent =
+    "PinGuard was initialized with PGDExcludeSubdomainFromParentPolicy for domain %@ but could not find a "
+    "policy for a parent domain";
+constexpr std::string_view kTooFewPins =
+    "PinGuard was initialized with less than %lu pins (ie. no backup pins) for domain %@. This might brick "
+    "your App; please review the Getting Started guide in ./docs/getting-started.md";
 constexpr std::string_view kNoPinnedDomains =
     "PinGuard was initialized with no pinned domains. The configuration format has changed: ensure your "
-    "domain "
-    "pinning policies are under the PGDPinnedDomains key within PGDConfiguration.";
+    "domain pinning policies are under the PGDPinnedDomains key within PGDConfiguration.";
 
 [[noreturn]] void raiseInvalidValue(std::string_view key, std::string_view domain) {
   zrb_raisePinGuardConfigurationInvalid(ZRBStringWithFormat(
@@ -272,7 +289,7 @@ std::optional<std::chrono::system_clock::time_point> parseExpirationDate(std::st
   local.tm_isdst = -1;  // whatever the zone's rule is on that day
   std::time_t seconds = std::mktime(&local);
   if (seconds == static_cast<std::time_t>(-1)) return std::nullopt;
-  return std::chrono::system_clock::from_time_t(seconds);
+  return timePointFromSeconds(static_cast<double>(seconds));
 }
 
 std::optional<PGDPublicKeyAlgorithm> algorithmNamed(std::string_view name) {
@@ -290,11 +307,7 @@ ZRB_PGDDomainPolicyPtr parseDomainPolicy(const std::string& domain, const ZRBVal
   // The key's presence alone selects the exclusion, whatever value it holds.
   if (given.contains(kZRB_PGDExcludeSubdomainFromParentPolicy)) {
     if (given.count() > 1) {
-      zrb_raisePinGuardConfigurationInvalid(
-          ZRBStringWithFormat("PinGuard was initialized with PGDExcludeSubdomainFromParentPolicy for domain "
-                              "%@ but detected additional "
-                              "configuration keys",
-                              domain));
+      zrb_raisePinGuardConfigurationInvalid(ZRBStringWithFormat(kExcludedWithOtherKeys, domain));
     }
     policy->excludeSubdomainFromParentPolicy = true;
     return policy;
@@ -370,11 +383,7 @@ ZRB_PGDDomainPolicyPtr parseDomainPolicy(const std::string& domain, const ZRBVal
   // Without a backup pin, rotating the server's key would lock every installed app out.
   unsigned long minimumPins = policy->enforcePinning ? 2 : 1;
   if (policy->publicKeyHashes.size() < minimumPins) {
-    zrb_raisePinGuardConfigurationInvalid(
-        ZRBStringWithFormat("PinGuard was initialized with less than %lu pins (ie. no backup pins) for "
-                            "domain %@. This might brick "
-                            "your App; please review the Getting Started guide in ./docs/getting-started.md",
-                            minimumPins, domain));
+    zrb_raisePinGuardConfigurationInvalid(ZRBStringWithFormat(kTooFewPins, minimumPins, domain));
   }
   return policy;
 }
@@ -412,10 +421,7 @@ ZRB_PGDConfigurationPtr zrb_parsePinGuardConfiguration(const ZRBValue& configura
   for (const auto& [domain, policy] : result->pinnedDomains) {
     if (!policy->excludeSubdomainFromParentPolicy) continue;
     if (!zrb_getPinningConfigurationKeyForDomain("a" + domain, result->pinnedDomains)) {
-      zrb_raisePinGuardConfigurationInvalid(ZRBStringWithFormat(
-          "PinGuard was initialized with PGDExcludeSubdomainFromParentPolicy for domain %@ but "
-          "could not find a policy for a parent domain",
-          domain));
+      zrb_raisePinGuardConfigurationInvalid(ZRBStringWithFormat(kExcludedWithoutParent, domain));
     }
   }
   return result;

@@ -77,7 +77,9 @@ using ZRB_PGDPin = std::array<std::uint8_t, 32>;
 struct ZRB_PGDDomainPolicy {
   bool excludeSubdomainFromParentPolicy = false;
   bool includeSubdomains = false;
-  // Local midnight of the configured day; absent when none was given or it did not parse.
+  // Local midnight of the configured day; absent when none was given or it did not parse. Days
+  // outside the clock's range (about 1678 to 2261) are clamped to its ends, so the policy lapses
+  // never or at once, as the date says.
   std::optional<std::chrono::system_clock::time_point> expirationDate;
   bool enforcePinning = true;
   bool disableDefaultReportUri = false;

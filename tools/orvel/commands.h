@@ -12,3 +12,5 @@ int orvelSettingsCommand(OrvelArguments arguments);
 // Public-key pins (base64 SHA-256 of the SubjectPublicKeyInfo) of every certificate in the files.
 int orvelPinsCommand(OrvelArguments arguments);
 int orvelSuffixCommand(OrvelArguments arguments);  // HOST LENGTH REGISTRABLE per host
+// FILE (JSON or property list): the normalised pinning configuration, or the first error in it.
+int orvelPinningConfigCommand(OrvelArguments arguments);

@@ -18,6 +18,7 @@ constexpr Command kCommands[] = {
     {"settings", "print the current settings", orvelSettingsCommand},
     {"pins", "print the public-key pins of the certificates in PEM or DER files", orvelPinsCommand},
     {"suffix", "print the public-suffix length and registrable domain of host names", orvelSuffixCommand},
+    {"pinning-config", "check a pinning configuration and print it normalised", orvelPinningConfigCommand},
 };
 
 void printUsage(std::FILE* out) {
