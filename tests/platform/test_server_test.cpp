@@ -1,0 +1,322 @@
+// The loopback test server, driven by a small Beast client: canned and scripted answers, framing,
+// ranges, misbehaviour, uploads, request capture, TLS and stopping mid-transfer.
+#include "support/test_server.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl/ssl_stream.hpp>
+#include <optional>
+
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace ssl = asio::ssl;
+using boost::system::error_code;
+
+struct Reply {
+  error_code error;
+  http::response<http::string_body> message;
+  bool chunked = false;
+  std::string header(std::string_view name) const { return std::string(message[beast::string_view(name)]); }
+};
+
+// One connection to the server, used by one request after another. Operations are asynchronous
+// underneath only so that the stream's expiry can guard against hangs.
+class Client {
+ public:
+  explicit Client(const ZRBTestServer& server, const ZRBTestChain* tls = nullptr,
+                  std::string host = "localhost") {
+    plain_.emplace(io_);
+    asio::ip::tcp::endpoint endpoint(asio::ip::make_address_v4("127.0.0.1"), server.port());
+    error_ = run([&](auto done) { plain_->async_connect(endpoint, done); });
+    if (error_ || !tls) return;
+    context_.set_verify_mode(ssl::verify_peer);
+    std::string root = tls->rootPEM();
+    context_.add_certificate_authority(asio::buffer(root));
+    context_.set_verify_callback(ssl::host_name_verification(host));
+    secure_.emplace(std::move(*plain_), context_);
+    plain_.reset();
+    // SNI; what SSL_set_tlsext_host_name expands to, without its C cast.
+    SSL_ctrl(secure_->native_handle(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, host.data());
+    error_ = run([&](auto done) { secure_->async_handshake(ssl::stream_base::client, done); });
+  }
+
+  error_code error() const { return error_; }
+
+  Reply send(http::request<http::string_body> request, bool headerOnly = false) {
+    request.version(11);
+    request.set(http::field::host, "localhost");
+    request.prepare_payload();
+    Reply reply;
+    with([&](auto& stream) {
+      reply.error = run([&](auto done) { http::async_write(stream, request, done); });
+      if (reply.error) return;
+      parser_.emplace();
+      parser_->body_limit(boost::none);
+      parser_->skip(request.method() == http::verb::head);
+      reply.error = run([&](auto done) {
+        if (headerOnly) {
+          http::async_read_header(stream, buffer_, *parser_, done);
+        } else {
+          http::async_read(stream, buffer_, *parser_, done);
+        }
+      });
+      reply.chunked = parser_->chunked();
+      reply.message = parser_->get();
+    });
+    return reply;
+  }
+  Reply get(std::string target) { return send({http::verb::get, target, 11}); }
+
+  // Reads the rest of a response whose head send(..., true) read.
+  Reply finish() {
+    Reply reply;
+    with([&](auto& stream) {
+      reply.error = run([&](auto done) { http::async_read(stream, buffer_, *parser_, done); });
+    });
+    reply.message = parser_->get();
+    return reply;
+  }
+
+ private:
+  template <class F>
+  void with(F&& f) {
+    if (secure_) {
+      f(*secure_);
+    } else {
+      f(*plain_);
+    }
+  }
+
+  // Starts one operation and runs until it completes; a generous expiry stands guard against hangs.
+  template <class Start>
+  error_code run(Start&& start) {
+    (secure_ ? secure_->next_layer() : *plain_).expires_after(std::chrono::seconds(60));
+    error_code result = asio::error::timed_out;
+    bool completed = false;
+    start([&](error_code ec, auto&&...) {
+      result = ec;
+      completed = true;
+    });
+    io_.restart();
+    io_.run();
+    return completed ? result : error_code(asio::error::timed_out);
+  }
+
+  asio::io_context io_;
+  ssl::context context_{ssl::context::tls_client};
+  std::optional<beast::tcp_stream> plain_;
+  std::optional<beast::ssl_stream<beast::tcp_stream>> secure_;
+  beast::flat_buffer buffer_;
+  std::optional<http::response_parser<http::string_body>> parser_;
+  error_code error_;
+};
+
+http::request<http::string_body> post(std::string target, std::string body) {
+  http::request<http::string_body> request{http::verb::post, target, 11};
+  request.body() = std::move(body);
+  return request;
+}
+
+class TestServerTest : public testing::Test {
+ protected:
+  void SetUp() override { server.start(); }
+  ZRBTestServer server;
+};
+
+TEST_F(TestServerTest, CannedAnswersKeepTheirStatusHeadersAndFraming) {
+  ZRBTestResponse made = ZRBTestResponse::text(201, "made it");
+  made.reason = "Made";
+  made.headers.add("X-Canned", "yes");
+  server.respond("PUT", "/canned", made);
+  ZRBTestResponse chunked = ZRBTestResponse::generated(10'000, 7);
+  chunked.chunked = true;
+  chunked.chunkSize = 999;
+  server.respond("GET", "/chunked", chunked);
+
+  Client client(server);
+  Reply reply = client.send({http::verb::put, "/canned", 11});
+  ASSERT_FALSE(reply.error) << reply.error.message();
+  EXPECT_EQ(reply.message.result_int(), 201u);
+  EXPECT_EQ(reply.message.reason(), "Made");
+  EXPECT_EQ(reply.header("x-canned"), "yes");
+  EXPECT_EQ(reply.message.body(), "made it");
+
+  reply = client.get("/chunked");
+  ASSERT_FALSE(reply.error) << reply.error.message();
+  EXPECT_TRUE(reply.chunked);
+  EXPECT_EQ(reply.message.body(), ZRBTestPatternBytes(0, 10'000, 7));
+  EXPECT_EQ(ZRBTestSHA256Hex(reply.message.body()), ZRBTestPatternSHA256(0, 10'000, 7));
+
+  // The route is for PUT only; HEAD of a GET route gets the length without the body.
+  EXPECT_EQ(client.get("/canned").message.result_int(), 404u);
+  chunked.chunked = false;
+  server.respond("GET", "/sized", chunked);
+  reply = client.send({http::verb::head, "/sized", 11});
+  EXPECT_EQ(reply.header("Content-Length"), "10000");
+  EXPECT_EQ(client.get("/sized").message.body().size(), 10'000u);
+}
+
+TEST_F(TestServerTest, RangesAnswer206UnlessIgnoredOrTheValidatorChanged) {
+  server.serveRanges("/file", {.body = ZRBTestBodySource::pattern(1000), .etag = "\"v1\""});
+  server.serveRanges("/stubborn", {.body = ZRBTestBodySource::pattern(1000), .ignoreRange = true});
+  auto ranged = [&](std::string target, std::string range, std::string ifRange = {}) {
+    http::request<http::string_body> request{http::verb::get, target, 11};
+    request.set(http::field::range, range);
+    if (!ifRange.empty()) request.set(http::field::if_range, ifRange);
+    return Client(server).send(request);
+  };
+
+  Reply reply = ranged("/file", "bytes=100-199");
+  EXPECT_EQ(reply.message.result_int(), 206u);
+  EXPECT_EQ(reply.header("Content-Range"), "bytes 100-199/1000");
+  EXPECT_EQ(reply.message.body(), ZRBTestPatternBytes(100, 100));
+  reply = ranged("/file", "bytes=990-", "\"v1\"");
+  EXPECT_EQ(reply.message.result_int(), 206u);
+  EXPECT_EQ(reply.message.body(), ZRBTestPatternBytes(990, 10));
+  reply = ranged("/file", "bytes=-5");
+  EXPECT_EQ(reply.header("Content-Range"), "bytes 995-999/1000");
+  EXPECT_EQ(ranged("/file", "bytes=1000-").message.result_int(), 416u);
+
+  reply = ranged("/file", "bytes=100-199", "\"v0\"");
+  EXPECT_EQ(reply.message.result_int(), 200u);
+  EXPECT_EQ(reply.message.body(), ZRBTestPatternBytes(0, 1000));
+  reply = ranged("/stubborn", "bytes=100-199");
+  EXPECT_EQ(reply.message.result_int(), 200u);
+  EXPECT_EQ(reply.message.body().size(), 1000u);
+}
+
+TEST_F(TestServerTest, MisbehavingAnswersEndTheBodyEarly) {
+  ZRBTestResponse abrupt = ZRBTestResponse::generated(100'000);
+  abrupt.closeAfterBodyBytes = 30'000;
+  server.respond("GET", "/abrupt", abrupt);
+  ZRBTestResponse lying = ZRBTestResponse::text(200, "short");
+  lying.declaredContentLength = 50;
+  server.respond("GET", "/lying", lying);
+  ZRBTestResponse truncated = ZRBTestResponse::text(200, "0123456789");
+  truncated.chunked = true;
+  truncated.chunkSize = 4;
+  truncated.truncateChunkedBody = true;
+  server.respond("GET", "/truncated", truncated);
+  ZRBTestResponse malformed = ZRBTestResponse::text(200, "x");
+  malformed.malformedStatusLine = "HTTP/1.1 OK";
+  server.respond("GET", "/malformed", malformed);
+
+  Reply reply = Client(server).get("/abrupt");
+  EXPECT_EQ(reply.error, http::error::partial_message);
+  EXPECT_EQ(reply.message.body(), ZRBTestPatternBytes(0, 30'000));
+  reply = Client(server).get("/lying");
+  EXPECT_EQ(reply.error, http::error::partial_message);
+  EXPECT_EQ(reply.message.body(), "short");
+  reply = Client(server).get("/truncated");
+  EXPECT_EQ(reply.error, http::error::partial_message);
+  EXPECT_EQ(reply.message.body(), "0123456789");
+  EXPECT_TRUE(Client(server).get("/malformed").error);
+}
+
+TEST_F(TestServerTest, RedirectsNameTheirTarget) {
+  server.redirect("/old", "/new", 308);
+  server.redirectLoop("/ping", "/pong", 302);
+  Client client(server);
+  Reply reply = client.send(post("/old", "body"));
+  EXPECT_EQ(reply.message.result_int(), 308u);
+  EXPECT_EQ(reply.header("Location"), "/new");
+  EXPECT_EQ(client.get("/ping").header("Location"), "/pong");
+  EXPECT_EQ(client.get("/pong").header("Location"), "/ping");
+}
+
+TEST_F(TestServerTest, UploadSinkCountsHashesAndHandsOverTheStreamedBody) {
+  std::mutex mutex;
+  std::string parts;
+  int lastCalls = 0;
+  server.uploadSink("/upload",
+                    {.keepLimit = 1000, .onBodyPart = [&](const auto&, std::string_view part, bool last) {
+                       std::lock_guard lock(mutex);
+                       parts.append(part);
+                       lastCalls += last ? 1 : 0;
+                     }});
+  const std::string body = ZRBTestPatternBytes(0, 3'000'000, 3);
+  Reply reply = Client(server).send(post("/upload", body));
+  ASSERT_FALSE(reply.error) << reply.error.message();
+  const std::string hash = ZRBTestSHA256Hex(body);
+  EXPECT_EQ(reply.message.body(), "{\"bytes\":3000000,\"sha256\":\"" + hash + "\"}");
+
+  ZRBTestRecordedRequest recorded = server.requests().at(0);
+  EXPECT_EQ(recorded.bodySize, body.size());
+  EXPECT_EQ(recorded.bodySHA256, hash);
+  EXPECT_TRUE(recorded.bodyComplete);
+  EXPECT_TRUE(recorded.bodyTruncated);
+  EXPECT_EQ(recorded.body, body.substr(0, 1000));
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(parts, body);
+  EXPECT_EQ(lastCalls, 1);
+}
+
+TEST_F(TestServerTest, RecordsRequestsWithTheirConnection) {
+  server.echo("/echo");
+  Client first(server);
+  http::request<http::string_body> tagged{http::verb::get, "/echo/a?x=1", 11};
+  tagged.set("X-Test", "one");
+  Reply reply = first.send(tagged);
+  EXPECT_NE(reply.message.body().find("\"X-Test\":\"one\""), std::string::npos) << reply.message.body();
+  EXPECT_NE(reply.message.body().find("\"target\":\"/echo/a?x=1\""), std::string::npos);
+  first.send(post("/echo/b", "12345"));
+  Client(server).get("/echo/c");
+
+  ASSERT_TRUE(server.waitForRequests(3));
+  auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 3u);
+  EXPECT_EQ(requests[0].path, "/echo/a");
+  EXPECT_EQ(requests[0].header("x-test"), "one");
+  EXPECT_FALSE(requests[0].tls);
+  EXPECT_EQ(requests[1].method, "POST");
+  EXPECT_EQ(requests[1].body, "12345");
+  EXPECT_EQ(requests[0].connectionID, requests[1].connectionID);
+  EXPECT_EQ(requests[1].indexOnConnection, 1u);
+  EXPECT_NE(requests[2].connectionID, requests[0].connectionID);
+  EXPECT_EQ(server.connectionCount(), 2u);
+}
+
+TEST(TestServerTLSTest, ServesTheTestChainToVerifyingClients) {
+  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  ZRBTestServer server({.tls = chain});
+  server.respond("GET", "/secure", ZRBTestResponse::text(200, "sealed"));
+  server.start();
+  EXPECT_EQ(server.baseURL(), "https://localhost:" + std::to_string(server.port()));
+
+  Client client(server, &chain);
+  ASSERT_FALSE(client.error()) << client.error().message();
+  Reply reply = client.get("/secure");
+  ASSERT_FALSE(reply.error) << reply.error.message();
+  EXPECT_EQ(reply.message.body(), "sealed");
+  EXPECT_TRUE(server.requests().at(0).tls);
+
+  // The client's checks are real: another host name, or another root, fails the handshake.
+  EXPECT_TRUE(Client(server, &chain, "wrong.example").error());
+  EXPECT_TRUE(Client(server, &ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP384)).error());
+}
+
+TEST_F(TestServerTest, StopDuringASlowBodyClosesTheTransfer) {
+  ZRBTestResponse slow = ZRBTestResponse::generated(10'000'000);
+  slow.bytesPerSecond = 1000;
+  server.respond("GET", "/slow", slow);
+  Client client(server);
+  Reply head = client.send({http::verb::get, "/slow", 11}, true);
+  ASSERT_FALSE(head.error) << head.error.message();
+  EXPECT_EQ(head.header("Content-Length"), "10000000");
+
+  server.stop();
+  EXPECT_EQ(server.openConnectionCount(), 0u);
+  EXPECT_TRUE(client.finish().error);
+  server.stop();
+}
+
+}  // namespace
