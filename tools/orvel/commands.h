@@ -2,10 +2,15 @@
 // status; output goes to standard output, diagnostics to standard error.
 #pragma once
 
+#include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 
 using OrvelArguments = std::span<const std::string_view>;
+
+// The whole contents of a file, or of standard input for "-"; nullopt when it cannot be read.
+std::optional<std::string> orvelReadFile(std::string_view path);
 
 int orvelVersionCommand(OrvelArguments arguments);
 int orvelSettingsCommand(OrvelArguments arguments);

@@ -9,10 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
-#include <iostream>
 #include <optional>
-#include <sstream>
 #include <string>
 
 #include "commands.h"
@@ -23,19 +20,6 @@
 #include "platform/property_list_serialization.h"
 
 namespace {
-
-std::optional<std::string> readAll(std::string_view path) {
-  std::stringstream text;
-  if (path == "-") {
-    text << std::cin.rdbuf();
-    return text.str();
-  }
-  std::ifstream in{std::string(path), std::ios::binary};
-  if (!in) return std::nullopt;
-  text << in.rdbuf();
-  if (in.bad()) return std::nullopt;
-  return text.str();
-}
 
 void complain(std::string_view path, const std::string& message) {
   std::fprintf(stderr, "orvel pinning-config: %.*s: %s\n", static_cast<int>(path.size()), path.data(),
@@ -117,7 +101,7 @@ int orvelPinningConfigCommand(OrvelArguments arguments) {
   }
   std::string_view path = arguments.front();
   errno = 0;
-  auto contents = readAll(path);
+  auto contents = orvelReadFile(path);
   if (!contents) {
     complain(path, std::string("cannot read: ") + std::strerror(errno != 0 ? errno : EIO));
     return 1;

@@ -6,11 +6,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iostream>
 #include <iterator>
 #include <optional>
-#include <sstream>
 #include <string>
 
 #include "commands.h"
@@ -19,19 +16,6 @@
 #include "platform/sec_key.h"
 
 namespace {
-
-std::optional<std::string> readAll(std::string_view path) {
-  std::stringstream text;
-  if (path == "-") {
-    text << std::cin.rdbuf();
-    return text.str();
-  }
-  std::ifstream in{std::string(path), std::ios::binary};
-  if (!in) return std::nullopt;
-  text << in.rdbuf();
-  if (in.bad()) return std::nullopt;
-  return text.str();
-}
 
 std::vector<ZRBSecCertificatePtr> certificatesIn(const std::string& contents) {
   if (contents.find("-----BEGIN") != std::string::npos) return ZRBSecCertificate::createAllWithPEM(contents);
@@ -53,7 +37,7 @@ int orvelPinsCommand(OrvelArguments arguments) {
   int status = 0;
   for (std::string_view path : arguments) {
     errno = 0;
-    auto contents = readAll(path);
+    auto contents = orvelReadFile(path);
     if (!contents) {
       complain(path, std::string("cannot read: ") + std::strerror(errno != 0 ? errno : EIO));
       status = 1;
