@@ -1,0 +1,387 @@
+#include "http/request_serializer.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+#include "http/query_string.h"
+#include "platform/assert.h"
+#include "platform/bundle.h"
+#include "platform/crypto.h"
+#include "platform/device.h"
+#include "platform/locale.h"
+#include "platform/url.h"
+
+ZRB_REGISTER_CODING_CLASS(ZRBHS_HTTPRequestSerializer);
+
+namespace {
+
+constexpr std::string_view kHeadersKey = "mutableHTTPRequestHeaders";
+constexpr std::string_view kStyleKey = "queryStringSerializationStyle";
+
+// ASCII spellings of the Latin-1 and Latin Extended-A letters (U+00C0 to U+017F); "" drops the
+// character.
+// clang-format off
+constexpr std::array<const char*, 192> kLatinToASCII = {
+    // U+00C0
+    "A", "A", "A", "A", "A", "A", "AE", "C", "E", "E", "E", "E", "I", "I", "I", "I",
+    // U+00D0
+    "D", "N", "O", "O", "O", "O", "O", "x", "O", "U", "U", "U", "U", "Y", "TH", "ss",
+    // U+00E0
+    "a", "a", "a", "a", "a", "a", "ae", "c", "e", "e", "e", "e", "i", "i", "i", "i",
+    // U+00F0
+    "d", "n", "o", "o", "o", "o", "o", "", "o", "u", "u", "u", "u", "y", "th", "y",
+    // U+0100
+    "A", "a", "A", "a", "A", "a", "C", "c", "C", "c", "C", "c", "C", "c", "D", "d",
+    // U+0110
+    "D", "d", "E", "e", "E", "e", "E", "e", "E", "e", "E", "e", "G", "g", "G", "g",
+    // U+0120
+    "G", "g", "G", "g", "H", "h", "H", "h", "I", "i", "I", "i", "I", "i", "I", "i",
+    // U+0130
+    "I", "i", "IJ", "ij", "J", "j", "K", "k", "k", "L", "l", "L", "l", "L", "l", "L",
+    // U+0140
+    "l", "L", "l", "N", "n", "N", "n", "N", "n", "'n", "N", "n", "O", "o", "O", "o",
+    // U+0150
+    "O", "o", "OE", "oe", "R", "r", "R", "r", "R", "r", "S", "s", "S", "s", "S", "s",
+    // U+0160
+    "S", "s", "T", "t", "T", "t", "T", "t", "U", "u", "U", "u", "U", "u", "U", "u",
+    // U+0170
+    "U", "u", "U", "u", "W", "w", "Y", "y", "Y", "Z", "z", "Z", "z", "Z", "z", "s",
+};
+// clang-format on
+
+bool isASCII(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+// Reduces text to ASCII: Latin letters lose their diacritics (precomposed letters through the
+// table, combining marks are dropped), ligatures are spelled out, and whatever else is not ASCII
+// is removed. Other scripts have no Latin spelling here, so they are removed too.
+std::string transliterateToASCII(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  for (std::size_t i = 0; i < text.size();) {
+    unsigned char b0 = p[i];
+    if (b0 < 0x80) {
+      out.push_back(static_cast<char>(b0));
+      ++i;
+      continue;
+    }
+    // Only two-byte sequences can hold the letters of the table.
+    if (b0 >= 0xC2 && b0 <= 0xDF && i + 1 < text.size() && (p[i + 1] & 0xC0) == 0x80) {
+      char32_t cp = char32_t((b0 & 0x1F) << 6 | (p[i + 1] & 0x3F));
+      if (cp >= 0xC0 && cp < 0xC0 + kLatinToASCII.size() && kLatinToASCII[cp - 0xC0])
+        out += kLatinToASCII[cp - 0xC0];
+      i += 2;
+      continue;
+    }
+    std::size_t length = b0 >= 0xF0 ? 4 : b0 >= 0xE0 ? 3 : 1;
+    i += std::min(length, text.size() - i);
+  }
+  return out;
+}
+
+std::string infoString(const ZRBBundle& bundle, std::string_view key) {
+  ZRBValue value = bundle.objectForInfoDictionaryKey(key);
+  return value.isAbsent() ? std::string() : value.description();
+}
+
+}  // namespace
+
+const std::vector<std::string>& ZRBHS_HTTPRequestSerializerObservedKeyPaths() {
+  static const std::vector<std::string> keyPaths{"allowsCellularAccess",    "cachePolicy",
+                                                 "HTTPShouldHandleCookies", "HTTPShouldUsePipelining",
+                                                 "networkServiceType",      "timeoutInterval"};
+  return keyPaths;
+}
+
+std::string ZRBHS_AcceptLanguageHeaderValue(const std::vector<std::string>& languages) {
+  std::string value;
+  for (std::size_t index = 0; index < languages.size(); ++index) {
+    // Single precision on purpose: the sixth entry must come out as exactly 0.5 and end the list.
+    float q = 1.0f - static_cast<float>(index) * 0.1f;
+    char weight[32];
+    std::snprintf(weight, sizeof weight, ";q=%0.1g", static_cast<double>(q));
+    if (index > 0) value += ", ";
+    value += languages[index];
+    value += weight;
+    if (q <= 0.5f) break;
+  }
+  return value;
+}
+
+std::string ZRBHS_DefaultUserAgent() {
+  const ZRBBundle& bundle = *ZRBBundle::mainBundle();
+  std::string name = infoString(bundle, "CFBundleExecutable");
+  if (name.empty()) name = infoString(bundle, "CFBundleIdentifier");
+  // Programs without an information map still have a file name.
+  if (name.empty()) name = bundle.executableName();
+  std::string version = infoString(bundle, "CFBundleShortVersionString");
+  if (version.empty()) version = infoString(bundle, "CFBundleVersion");
+  if (version.empty()) version = "(null)";
+
+  const ZRBDevice& device = *ZRBDevice::currentDevice();
+  char scale[64];
+  std::snprintf(scale, sizeof scale, "%0.2f", device.screenScale());
+  std::string userAgent = name + "/" + version + " (" + device.model() + "; iOS " + device.systemVersion() +
+                          "; Scale/" + scale + ")";
+  if (!isASCII(userAgent)) userAgent = transliterateToASCII(userAgent);
+  return userAgent;
+}
+
+// ---- ZRBHS_HTTPRequestSerializer ----
+
+ZRBHS_HTTPRequestSerializer::ZRBHS_HTTPRequestSerializer() {
+  headers_.emplace_back("Accept-Language", ZRBHS_AcceptLanguageHeaderValue(ZRBLocale::preferredLanguages()));
+  headers_.emplace_back("User-Agent", ZRBHS_DefaultUserAgent());
+}
+
+ZRBHS_HTTPRequestSerializerPtr ZRBHS_HTTPRequestSerializer::serializer() {
+  return std::make_shared<ZRBHS_HTTPRequestSerializer>();
+}
+
+void ZRBHS_HTTPRequestSerializer::setAllowsCellularAccess(bool allowsCellularAccess) {
+  allowsCellularAccess_ = allowsCellularAccess;
+  markSet(kAllowsCellularAccess);
+}
+
+void ZRBHS_HTTPRequestSerializer::setCachePolicy(ZRBURLRequestCachePolicy cachePolicy) {
+  cachePolicy_ = cachePolicy;
+  markSet(kCachePolicy);
+}
+
+void ZRBHS_HTTPRequestSerializer::setHTTPShouldHandleCookies(bool HTTPShouldHandleCookies) {
+  HTTPShouldHandleCookies_ = HTTPShouldHandleCookies;
+  markSet(kHTTPShouldHandleCookies);
+}
+
+void ZRBHS_HTTPRequestSerializer::setHTTPShouldUsePipelining(bool HTTPShouldUsePipelining) {
+  HTTPShouldUsePipelining_ = HTTPShouldUsePipelining;
+  markSet(kHTTPShouldUsePipelining);
+}
+
+void ZRBHS_HTTPRequestSerializer::setNetworkServiceType(ZRBURLRequestNetworkServiceType networkServiceType) {
+  networkServiceType_ = networkServiceType;
+  markSet(kNetworkServiceType);
+}
+
+void ZRBHS_HTTPRequestSerializer::setTimeoutInterval(double timeoutInterval) {
+  timeoutInterval_ = timeoutInterval;
+  markSet(kTimeoutInterval);
+}
+
+bool ZRBHS_HTTPRequestSerializer::setValueForKey(std::string_view key, const ZRBValue& value) {
+  const auto& names = ZRBHS_HTTPRequestSerializerObservedKeyPaths();
+  auto found = std::find(names.begin(), names.end(), key);
+  if (found == names.end()) return false;
+  auto property = static_cast<ObservedProperty>(found - names.begin());
+  if (value.isNull()) {
+    explicitlySet_ &= ~(1u << property);
+    return true;
+  }
+  if (!value.isNumber()) return false;
+  switch (property) {
+    case kAllowsCellularAccess: setAllowsCellularAccess(value.boolValue()); break;
+    case kCachePolicy: setCachePolicy(static_cast<ZRBURLRequestCachePolicy>(value.uintValue())); break;
+    case kHTTPShouldHandleCookies: setHTTPShouldHandleCookies(value.boolValue()); break;
+    case kHTTPShouldUsePipelining: setHTTPShouldUsePipelining(value.boolValue()); break;
+    case kNetworkServiceType:
+      setNetworkServiceType(static_cast<ZRBURLRequestNetworkServiceType>(value.uintValue()));
+      break;
+    case kTimeoutInterval: setTimeoutInterval(value.doubleValue()); break;
+    case kObservedPropertyCount: return false;
+  }
+  return true;
+}
+
+ZRBValue ZRBHS_HTTPRequestSerializer::valueForKey(std::string_view key) const {
+  const auto& names = ZRBHS_HTTPRequestSerializerObservedKeyPaths();
+  auto found = std::find(names.begin(), names.end(), key);
+  if (found == names.end()) return ZRBValue();
+  switch (static_cast<ObservedProperty>(found - names.begin())) {
+    case kAllowsCellularAccess: return ZRBValue(allowsCellularAccess_);
+    case kCachePolicy: return ZRBValue(static_cast<unsigned long>(cachePolicy_));
+    case kHTTPShouldHandleCookies: return ZRBValue(HTTPShouldHandleCookies_);
+    case kHTTPShouldUsePipelining: return ZRBValue(HTTPShouldUsePipelining_);
+    case kNetworkServiceType: return ZRBValue(static_cast<unsigned long>(networkServiceType_));
+    case kTimeoutInterval: return ZRBValue(timeoutInterval_);
+    case kObservedPropertyCount: break;
+  }
+  return ZRBValue();
+}
+
+std::set<std::string> ZRBHS_HTTPRequestSerializer::mutableObservedChangedKeyPaths() const {
+  const auto& names = ZRBHS_HTTPRequestSerializerObservedKeyPaths();
+  std::set<std::string> changed;
+  for (unsigned property = 0; property < kObservedPropertyCount; ++property) {
+    if (isSet(static_cast<ObservedProperty>(property))) changed.insert(names[property]);
+  }
+  return changed;
+}
+
+void ZRBHS_HTTPRequestSerializer::setQueryStringSerializationWithStyle(
+    ZRBHS_QueryStringSerializationStyle style) {
+  style_ = style;
+  queryStringSerialization_ = nullptr;
+}
+
+void ZRBHS_HTTPRequestSerializer::setQueryStringSerializationWithBlock(QueryStringSerialization block) {
+  queryStringSerialization_ = std::move(block);
+}
+
+ZRBValue ZRBHS_HTTPRequestSerializer::HTTPRequestHeaders() const {
+  ZRBDictionaryBuilder builder;
+  builder.reserve(headers_.size());
+  for (const auto& [field, value] : headers_) builder.set(field, ZRBValue(value));
+  return builder.build();
+}
+
+void ZRBHS_HTTPRequestSerializer::setValueForHTTPHeaderField(std::optional<std::string> value,
+                                                             std::string_view field) {
+  auto found =
+      std::find_if(headers_.begin(), headers_.end(), [&](const auto& entry) { return entry.first == field; });
+  if (!value) {
+    if (found != headers_.end()) headers_.erase(found);
+  } else if (found != headers_.end()) {
+    found->second = std::move(*value);
+  } else {
+    headers_.emplace_back(std::string(field), std::move(*value));
+  }
+}
+
+std::optional<std::string> ZRBHS_HTTPRequestSerializer::valueForHTTPHeaderField(
+    std::string_view field) const {
+  for (const auto& [name, value] : headers_) {
+    if (name == field) return value;
+  }
+  return std::nullopt;
+}
+
+void ZRBHS_HTTPRequestSerializer::setAuthorizationHeaderFieldWithUsername(std::string_view username,
+                                                                          std::string_view password) {
+  std::string credentials;
+  credentials.reserve(username.size() + password.size() + 1);
+  credentials.append(username).append(":").append(password);
+  auto bytes = std::span(reinterpret_cast<const std::uint8_t*>(credentials.data()), credentials.size());
+  setValueForHTTPHeaderField("Basic " + ZRBBase64Encode(bytes), "Authorization");
+}
+
+void ZRBHS_HTTPRequestSerializer::clearAuthorizationHeader() {
+  setValueForHTTPHeaderField(std::nullopt, "Authorization");
+}
+
+void ZRBHS_HTTPRequestSerializer::applyDefaultHeaders(ZRBMutableURLRequest& request) const {
+  for (const auto& [field, value] : headers_) {
+    if (!request.valueForHTTPHeaderField(field)) request.setValue(value, field);
+  }
+}
+
+bool ZRBHS_HTTPRequestSerializer::encodesParametersInURI(std::string_view method) const {
+  std::string upper(method);
+  std::transform(upper.begin(), upper.end(), upper.begin(),
+                 [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
+  return methodsInURI_.contains(upper);
+}
+
+ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::requestWithMethod(
+    const std::optional<std::string_view>& method, const std::optional<std::string_view>& URLString,
+    const ZRBValue& parameters, ZRBErrorPtr* error) {
+  ZRBAssertNamed(method.has_value(), "method");
+  ZRBAssertNamed(URLString.has_value(), "URLString");
+  ZRBURLPtr url = URLString ? ZRBURL::URLWithString(*URLString) : nullptr;
+  ZRBAssertNamed(url != nullptr, "url");
+
+  auto request = std::make_shared<ZRBMutableURLRequest>(url);
+  request->setHTTPMethod(method ? std::string(*method) : std::string());
+  if (isSet(kAllowsCellularAccess)) request->setAllowsCellularAccess(allowsCellularAccess_);
+  if (isSet(kCachePolicy)) request->setCachePolicy(cachePolicy_);
+  if (isSet(kHTTPShouldHandleCookies)) request->setHTTPShouldHandleCookies(HTTPShouldHandleCookies_);
+  if (isSet(kHTTPShouldUsePipelining)) request->setHTTPShouldUsePipelining(HTTPShouldUsePipelining_);
+  if (isSet(kNetworkServiceType)) request->setNetworkServiceType(networkServiceType_);
+  if (isSet(kTimeoutInterval)) request->setTimeoutInterval(timeoutInterval_);
+
+  ZRBURLRequestPtr serialized = requestBySerializingRequest(request, parameters, error);
+  return serialized ? serialized->mutableCopy() : nullptr;
+}
+
+ZRBURLRequestPtr ZRBHS_HTTPRequestSerializer::requestBySerializingRequest(const ZRBURLRequestPtr& request,
+                                                                          const ZRBValue& parameters,
+                                                                          ZRBErrorPtr* error) {
+  ZRBAssertNamed(request != nullptr, "request");
+  if (!request) return nullptr;
+
+  ZRBMutableURLRequestPtr mutableRequest = request->mutableCopy();
+  applyDefaultHeaders(*mutableRequest);
+
+  std::optional<std::string> query;
+  if (!parameters.isAbsent()) {
+    if (queryStringSerialization_) {
+      ZRBErrorPtr serializationError;
+      query = queryStringSerialization_(request, parameters, &serializationError);
+      if (serializationError) {
+        ZRBSetError(error, std::move(serializationError));
+        return nullptr;
+      }
+    } else if (style_ == ZRBHS_QueryStringStyleDefault) {
+      query = ZRBHS_QueryStringFromParameters(parameters);
+    }
+  }
+
+  if (encodesParametersInURI(mutableRequest->HTTPMethod())) {
+    if (query && !query->empty()) {
+      const ZRBURLPtr& url = mutableRequest->URL();
+      // An empty query part ("http://h/p?") still counts as a query, so "&" follows it.
+      bool hasQuery = url && url->query().has_value();
+      std::string string = url ? url->absoluteString() : std::string("(null)");
+      string += hasQuery ? '&' : '?';
+      string += *query;
+      mutableRequest->setURL(ZRBURL::URLWithString(string));
+    }
+  } else {
+    // Body methods always get a body, even an empty one.
+    if (!query) query.emplace();
+    if (!mutableRequest->valueForHTTPHeaderField("Content-Type")) {
+      mutableRequest->setValue("application/x-www-form-urlencoded", "Content-Type");
+    }
+    if (auto body = ZRBBytesFromString(*query, stringEncoding_)) {
+      mutableRequest->setHTTPBody(std::move(*body));
+    } else {
+      mutableRequest->setHTTPBody(ZRBValue());
+    }
+  }
+  return mutableRequest;
+}
+
+void ZRBHS_HTTPRequestSerializer::copyStateInto(ZRBHS_HTTPRequestSerializer& fresh) const {
+  fresh.headers_ = headers_;
+  fresh.style_ = style_;
+  fresh.queryStringSerialization_ = queryStringSerialization_;
+}
+
+ZRBHS_HTTPRequestSerializerPtr ZRBHS_HTTPRequestSerializer::copy() const {
+  auto fresh = std::make_shared<ZRBHS_HTTPRequestSerializer>();
+  copyStateInto(*fresh);
+  return fresh;
+}
+
+void ZRBHS_HTTPRequestSerializer::encodeWithCoder(ZRBKeyedArchiver& coder) const {
+  coder.encodeValue(HTTPRequestHeaders(), kHeadersKey);
+  coder.encodeInteger(static_cast<std::int64_t>(style_), kStyleKey);
+}
+
+void ZRBHS_HTTPRequestSerializer::decodeStateFrom(ZRBKeyedUnarchiver& coder) {
+  headers_.clear();
+  ZRBValue headers = coder.decodeValue(kHeadersKey, ZRBValueClass::Dictionary);
+  for (const auto& [field, value] : headers.entries()) {
+    if (value.isString()) headers_.emplace_back(field.string(), value.string());
+  }
+  ZRBValue style = coder.decodeValue(kStyleKey, ZRBValueClass::Number);
+  style_ = static_cast<ZRBHS_QueryStringSerializationStyle>(style.uintValue());
+}
+
+ZRBHS_HTTPRequestSerializerPtr ZRBHS_HTTPRequestSerializer::initWithCoder(ZRBKeyedUnarchiver& coder) {
+  auto serializer = std::make_shared<ZRBHS_HTTPRequestSerializer>();
+  serializer->decodeStateFrom(coder);
+  return serializer;
+}
