@@ -16,6 +16,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   # libpsl: the independent reference of the domain registry's tests and its benchmark baseline
   libpsl-dev
+  # libcurl: the transport library, and the baseline of the HTTP benchmark's escaping
+  libcurl4-openssl-dev
   # the openssl program: tests compare public-key pins with its output
   openssl
 )
