@@ -4,11 +4,13 @@
 #include <array>
 #include <cstdio>
 
+#include "http/multipart_form_data.h"
 #include "http/query_string.h"
 #include "platform/assert.h"
 #include "platform/bundle.h"
 #include "platform/crypto.h"
 #include "platform/device.h"
+#include "platform/dispatch.h"
 #include "platform/locale.h"
 #include "platform/url.h"
 
@@ -350,6 +352,91 @@ ZRBURLRequestPtr ZRBHS_HTTPRequestSerializer::requestBySerializingRequest(const 
       mutableRequest->setHTTPBody(ZRBValue());
     }
   }
+  return mutableRequest;
+}
+
+ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::multipartFormRequestWithMethod(
+    const std::optional<std::string_view>& method, const std::optional<std::string_view>& URLString,
+    const ZRBValue& parameters, const MultipartFormConstructingBlock& block, ZRBErrorPtr* error) {
+  ZRBAssertNamed(method.has_value(), "method");
+  ZRBAssert(method != "GET" && method != "HEAD");
+
+  // The plain request brings the headers and explicitly set properties; its empty form body is
+  // replaced by the body stream once a part exists.
+  ZRBMutableURLRequestPtr request = requestWithMethod(method, URLString, ZRBValue(), error);
+  if (!request) return nullptr;
+
+  // The builder's own texts are always UTF-8; only the field values follow stringEncoding().
+  ZRBHS_StreamingMultipartFormData formData(std::move(request), ZRBUTF8StringEncoding);
+  for (const ZRBHS_QueryStringPair& pair : ZRBHS_QueryStringPairsFromDictionary(parameters)) {
+    const ZRBValue& value = pair.value();
+    ZRBValue data;
+    if (value.isData()) {
+      data = value;
+    } else if (value.isNull()) {
+      data = ZRBValue::data(std::vector<std::uint8_t>{});
+    } else if (!value.isAbsent()) {
+      // An absent value (the lone pair of absent parameters) has no description and so no field.
+      if (auto bytes = ZRBBytesFromString(value.description(), stringEncoding_))
+        data = ZRBValue::data(std::move(*bytes));
+    }
+    if (data) formData.appendPartWithFormData(data, pair.field().description());
+  }
+  if (block) block(formData);
+  return formData.requestByFinalizingMultipartFormData();
+}
+
+ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::requestWithMultipartFormRequest(
+    const ZRBURLRequestPtr& request, const ZRBURLPtr& fileURL,
+    std::function<void(ZRBErrorPtr error)> completionHandler) {
+  ZRBAssertNamed(request && request->HTTPBodyStream(), "request.HTTPBodyStream");
+  ZRBAssertNamed(fileURL && fileURL->isFileURL(), "[fileURL isFileURL]");
+  if (!request) return nullptr;
+
+  ZRBInputStreamPtr inputStream = request->HTTPBodyStream();
+  ZRBOutputStreamPtr outputStream =
+      ZRBOutputStream::outputStreamToFileAtPath(fileURL ? fileURL->path() : std::string(), false);
+
+  if (inputStream) {
+    ZRBDispatch::globalQueue(ZRBQoSDefault)
+        ->async([inputStream, outputStream, completionHandler = std::move(completionHandler)] {
+          inputStream->open();
+          outputStream->open();
+
+          ZRBErrorPtr error;
+          std::uint8_t buffer[1024];
+          while (inputStream->hasBytesAvailable() && outputStream->hasSpaceAvailable()) {
+            long bytesRead = inputStream->read(buffer, sizeof buffer);
+            if (inputStream->streamError() || bytesRead < 0) {
+              error = inputStream->streamError();
+              break;
+            }
+            // A file may take fewer bytes than offered; what was read must all reach it.
+            long bytesWritten = 0;
+            while (bytesWritten < bytesRead) {
+              long count = outputStream->write(buffer + bytesWritten,
+                                               static_cast<std::size_t>(bytesRead - bytesWritten));
+              if (count <= 0) break;
+              bytesWritten += count;
+            }
+            if (outputStream->streamError() || bytesWritten < bytesRead) {
+              error = outputStream->streamError();
+              break;
+            }
+            if (bytesRead == 0 && bytesWritten == 0) break;
+          }
+
+          outputStream->close();
+          inputStream->close();
+
+          if (completionHandler) {
+            ZRBDispatch::mainQueue()->async([completionHandler, error] { completionHandler(error); });
+          }
+        });
+  }
+
+  ZRBMutableURLRequestPtr mutableRequest = request->mutableCopy();
+  mutableRequest->setHTTPBodyStream(nullptr);
   return mutableRequest;
 }
 

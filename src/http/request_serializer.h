@@ -24,8 +24,8 @@
 // failures naming "method", "URLString", "url" or "request".
 //
 // A serializer is not locked: configure it and build requests from one thread at a time. Changing
-// it affects only the requests built afterwards. The multipart form builder adds the serializer's
-// multipart entry points beside these.
+// it affects only the requests built afterwards. Multipart bodies are built through
+// multipartFormRequestWithMethod (see multipart_form_data.h for the form-data builder).
 #pragma once
 
 #include <functional>
@@ -56,6 +56,7 @@ enum ZRBHS_QueryStringSerializationStyle : unsigned long {
 const std::vector<std::string>& ZRBHS_HTTPRequestSerializerObservedKeyPaths();
 
 class ZRBHS_HTTPRequestSerializer;
+class ZRBHS_StreamingMultipartFormData;
 using ZRBHS_HTTPRequestSerializerPtr = std::shared_ptr<ZRBHS_HTTPRequestSerializer>;
 
 class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
@@ -64,6 +65,8 @@ class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
   // Setting *error makes the serialization fail with that error.
   using QueryStringSerialization = std::function<std::optional<std::string>(
       const ZRBURLRequestPtr& request, const ZRBValue& parameters, ZRBErrorPtr* error)>;
+  // Fills a multipart body through the form-data builder.
+  using MultipartFormConstructingBlock = std::function<void(ZRBHS_StreamingMultipartFormData& formData)>;
 
   // Fresh defaults: UTF-8, the default headers computed now, GET/HEAD/DELETE in the URI, nothing
   // set explicitly.
@@ -140,6 +143,32 @@ class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
   virtual ZRBURLRequestPtr requestBySerializingRequest(const ZRBURLRequestPtr& request,
                                                        const ZRBValue& parameters,
                                                        ZRBErrorPtr* error = nullptr);
+
+  // ---- multipart bodies ----
+
+  // A request whose body streams multipart/form-data parts: the plain request for `method` and
+  // `URLString` (no parameters), then one form field per query-string pair of `parameters` (in the
+  // order and with the names of query_string.h; data values as they are, the null object as an
+  // empty field, anything else as its description in stringEncoding()), then whatever `block`
+  // appends. The builder writes its own texts in UTF-8. With no part at all the plain request comes
+  // back as it is; otherwise it carries the body stream, "Content-Type: multipart/form-data;
+  // boundary=B" and "Content-Length". GET and HEAD cannot carry a body: assertion failures, like
+  // a missing method.
+  ZRBMutableURLRequestPtr multipartFormRequestWithMethod(const std::optional<std::string_view>& method,
+                                                         const std::optional<std::string_view>& URLString,
+                                                         const ZRBValue& parameters,
+                                                         const MultipartFormConstructingBlock& block,
+                                                         ZRBErrorPtr* error = nullptr);
+
+  // Writes the body stream of a multipart request to the file at `fileURL` (replacing it), for
+  // callers that upload from a file instead. The copy runs on the default global queue in 1024-byte
+  // steps; `completionHandler`, when given, is then called on the main queue with the stream error
+  // that stopped it, or null. Returns at once a copy of the request without its body stream but
+  // with its multipart headers. The request must have a body stream and `fileURL` must be a file
+  // URL (assertion failures).
+  ZRBMutableURLRequestPtr requestWithMultipartFormRequest(
+      const ZRBURLRequestPtr& request, const ZRBURLPtr& fileURL,
+      std::function<void(ZRBErrorPtr error)> completionHandler);
 
   // ---- copying and coding ----
 
