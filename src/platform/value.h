@@ -97,21 +97,18 @@ class ZRBValue {
     std::memcpy(bytes_, other.bytes_, sizeof bytes_);
     other.kind_ = ZRBValueKind::Absent;
   }
-  ZRBValue& operator=(const ZRBValue& other) noexcept {
-    if (this != &other) {
-      other.retain();
-      release();
-      std::memcpy(bytes_, other.bytes_, sizeof bytes_);
-      kind_ = other.kind_;
-    }
-    return *this;
-  }
+  // `other` may live inside the node this value is about to release (v = v["key"]), so both
+  // assignments take what they need from it before releasing anything.
+  ZRBValue& operator=(const ZRBValue& other) noexcept { return *this = ZRBValue(other); }
   ZRBValue& operator=(ZRBValue&& other) noexcept {
     if (this != &other) {
-      release();
-      std::memcpy(bytes_, other.bytes_, sizeof bytes_);
-      kind_ = other.kind_;
+      alignas(8) unsigned char taken[sizeof bytes_];
+      std::memcpy(taken, other.bytes_, sizeof bytes_);
+      ZRBValueKind takenKind = other.kind_;
       other.kind_ = ZRBValueKind::Absent;
+      release();
+      std::memcpy(bytes_, taken, sizeof bytes_);
+      kind_ = takenKind;
     }
     return *this;
   }

@@ -132,6 +132,13 @@ TEST(ValueTest, SetsDropDuplicatesByEquality) {
   EXPECT_TRUE(set.containsItem(ZRBValue(7.0)));
 }
 
+TEST(ValueTest, AssigningAPartOfItselfKeepsThePartAlive) {
+  ZRBValue v = ZRBValue::dictionary({{"inner", ZRBValue::dictionary({{"name", std::string(40, 'n')}})}});
+  v = v["inner"];  // the only owner of "inner" is the node being replaced
+  v = v["name"];
+  EXPECT_EQ(v.stringView(), std::string(40, 'n'));
+}
+
 TEST(ValueTest, BuildersAndMutableCopiesLeaveTheOriginalAlone) {
   ZRBValue original = ZRBValue::dictionary({{"a", 1}, {"b", 2}});
   ZRBDictionaryBuilder copy(original);
