@@ -254,23 +254,28 @@ void queryOurs(benchmark::State& state, const QueryInput& input) {
 
 // The baseline starts from pairs flattened once outside the timed loop (ours flattens, sorts and
 // describes inside it), and escapes each key and value with curl_easy_escape into "k=v&...".
+std::string curlQuery(CURL* curl, const QueryInput& input) {
+  std::string query;
+  bool first = true;
+  for (const QueryInput::Pair& pair : input.pairs) {
+    if (!first) query.push_back('&');
+    first = false;
+    char* field = curl_easy_escape(curl, pair.field.data(), static_cast<int>(pair.field.size()));
+    query.append(field);
+    curl_free(field);
+    if (!pair.hasValue) continue;
+    query.push_back('=');
+    char* value = curl_easy_escape(curl, pair.value.data(), static_cast<int>(pair.value.size()));
+    query.append(value);
+    curl_free(value);
+  }
+  return query;
+}
+
 void queryCurl(benchmark::State& state, const QueryInput& input) {
   CURL* curl = curlHandle();
   for (auto _ : state) {
-    std::string query;
-    bool first = true;
-    for (const QueryInput::Pair& pair : input.pairs) {
-      if (!first) query.push_back('&');
-      first = false;
-      char* field = curl_easy_escape(curl, pair.field.data(), static_cast<int>(pair.field.size()));
-      query.append(field);
-      curl_free(field);
-      if (!pair.hasValue) continue;
-      query.push_back('=');
-      char* value = curl_easy_escape(curl, pair.value.data(), static_cast<int>(pair.value.size()));
-      query.append(value);
-      curl_free(value);
-    }
+    std::string query = curlQuery(curl, input);
     benchmark::DoNotOptimize(query.data());
   }
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * input.queryBytes));
@@ -295,20 +300,7 @@ void queryAllCurl(benchmark::State& state) {
   CURL* curl = curlHandle();
   for (auto _ : state) {
     for (const QueryInput& input : queryInputs()) {
-      std::string query;
-      bool first = true;
-      for (const QueryInput::Pair& pair : input.pairs) {
-        if (!first) query.push_back('&');
-        first = false;
-        char* field = curl_easy_escape(curl, pair.field.data(), static_cast<int>(pair.field.size()));
-        query.append(field);
-        curl_free(field);
-        if (!pair.hasValue) continue;
-        query.push_back('=');
-        char* value = curl_easy_escape(curl, pair.value.data(), static_cast<int>(pair.value.size()));
-        query.append(value);
-        curl_free(value);
-      }
+      std::string query = curlQuery(curl, input);
       benchmark::DoNotOptimize(query.data());
     }
   }
