@@ -56,6 +56,7 @@ enum ZRBURLError : long {
   ZRBURLErrorCannotDecodeRawData = -1015,
   ZRBURLErrorCannotDecodeContentData = -1016,
   ZRBURLErrorCannotParseResponse = -1017,
+  ZRBURLErrorRequestBodyStreamExhausted = -1021,
   ZRBURLErrorFileDoesNotExist = -1100,
   ZRBURLErrorFileIsDirectory = -1101,
   ZRBURLErrorNoPermissionsToReadFile = -1102,
