@@ -20,6 +20,8 @@ packages=(
   libcurl4-openssl-dev
   # the openssl program: tests compare public-key pins with its output
   openssl
+  # nginx: the loopback server of the transport benchmark (HTTP/1.1, and HTTP/2 over TLS)
+  nginx
 )
 
 missing=()

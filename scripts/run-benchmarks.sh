@@ -9,4 +9,9 @@ for program in "$build"/bench/bench_*; do
   echo "== $(basename "$program")"
   "$program" --benchmark_counters_tabular=true || status=1
 done
+# The transport benchmark needs nginx and moves a few GiB over loopback; BENCH_TRANSPORT=0 skips it.
+if [ "${BENCH_TRANSPORT:-1}" != 0 ]; then
+  echo "== transport"
+  "$(dirname "$0")/../bench/transport/run.sh" "$build" || status=1
+fi
 exit $status

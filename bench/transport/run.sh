@@ -1,0 +1,265 @@
+#!/usr/bin/env bash
+# Transport benchmark: ZRBURLSession against plain libcurl, side by side in the same run, both
+# talking to one nginx on loopback. Prints one table of baseline, ours and their ratio per case.
+#
+#   bench/transport/run.sh [BUILD_DIR]
+#
+# Environment (for shorter runs):
+#   BENCH_REQUESTS     small GETs per concurrency case (default 20000)
+#   BENCH_CONCURRENCY  concurrency cases (default "1 16 64")
+#   BENCH_BIG_BYTES    size of the download and of the upload (default 1 GiB)
+#
+# nginx runs as the current user from a throw-away directory (configuration, TLS key and
+# certificates, files, logs), which is removed on exit. Only 127.0.0.1 is used.
+set -euo pipefail
+
+build="$(cd "${1:-build}" && pwd)"
+requests="${BENCH_REQUESTS:-20000}"
+concurrency="${BENCH_CONCURRENCY:-1 16 64}"
+big_bytes="${BENCH_BIG_BYTES:-1073741824}"
+
+baseline_program="$build/bench/transport/transport_curl"
+our_program="$build/bench/transport/transport_session"
+nginx_program="$(command -v nginx || true)"
+[ -n "$nginx_program" ] || nginx_program=/usr/sbin/nginx
+if [ ! -x "$nginx_program" ]; then
+  echo "transport bench: nginx is not installed (scripts/install-deps.sh installs it)" >&2
+  exit 1
+fi
+if [ ! -x "$baseline_program" ]; then
+  echo "transport bench: $baseline_program is missing; build the transport_curl target" >&2
+  exit 1
+fi
+if [ ! -x "$our_program" ]; then
+  echo "transport bench: $our_program is not built; only the baseline is measured" >&2
+  our_program=""
+fi
+
+work="$(mktemp -d "${TMPDIR:-/tmp}/orvelkit-transport.XXXXXX")"
+nginx_pid=""
+cleanup() {
+  if [ -n "$nginx_pid" ] && kill -0 "$nginx_pid" 2>/dev/null; then
+    kill -QUIT "$nginx_pid" 2>/dev/null || true
+    wait "$nginx_pid" 2>/dev/null || true
+  fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# ---- throw-away PKI: a CA and a server certificate for 127.0.0.1 and localhost ----
+pki="$work/pki"
+mkdir -p "$pki"
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 \
+  -keyout "$pki/ca.key" -out "$pki/ca.pem" -subj "/CN=orvelkit transport bench CA" \
+  -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign,cRLSign" \
+  2>/dev/null
+openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes \
+  -keyout "$pki/server.key" -out "$pki/server.csr" -subj "/CN=localhost" 2>/dev/null
+printf '%s\n' "subjectAltName=IP:127.0.0.1,DNS:localhost" "basicConstraints=CA:FALSE" \
+  "keyUsage=critical,digitalSignature" "extendedKeyUsage=serverAuth" >"$pki/server.ext"
+openssl x509 -req -in "$pki/server.csr" -CA "$pki/ca.pem" -CAkey "$pki/ca.key" -CAcreateserial \
+  -days 2 -extfile "$pki/server.ext" -out "$pki/server.pem" 2>/dev/null
+
+# ---- content: the big file is sparse, so it costs neither disk nor time to make ----
+mkdir -p "$work/www" "$work/logs" "$work/out"
+truncate -s "$big_bytes" "$work/www/big.bin"
+small_body="$(head -c 200 /dev/zero | tr '\0' 'x')"
+
+write_config() {
+  local http_port="$1" https_port="$2" user_line=""
+  # A master started as root would hand the worker to "nobody", which cannot read the work dir.
+  if [ "$(id -u)" -eq 0 ]; then user_line="user root;"; fi
+  cat >"$work/nginx.conf" <<EOF
+$user_line
+worker_processes 1;
+daemon off;
+pid $work/nginx.pid;
+error_log $work/logs/error.log warn;
+events { worker_connections 1024; }
+http {
+  access_log off;
+  client_body_temp_path $work/body;
+  proxy_temp_path $work/proxy;
+  fastcgi_temp_path $work/fastcgi;
+  uwsgi_temp_path $work/uwsgi;
+  scgi_temp_path $work/scgi;
+  sendfile on;
+  tcp_nopush on;
+  keepalive_timeout 300s;
+  keepalive_requests 100000000;
+  client_max_body_size 2g;
+  # One line per upload: how many bytes nginx really read, checked after each upload case.
+  log_format upload '\$request_length \$status';
+  server {
+    listen 127.0.0.1:$http_port;
+    listen 127.0.0.1:$https_port ssl http2;
+    ssl_certificate $pki/server.pem;
+    ssl_certificate_key $pki/server.key;
+    root $work/www;
+    location = /small {
+      default_type application/octet-stream;
+      return 200 "$small_body";
+    }
+    location = /big.bin {
+      default_type application/octet-stream;
+    }
+    # A plain "return 200" would answer before the body arrives and drop the rest unread. The
+    # mirror makes nginx read the whole body first (into a temp file that is deleted right away);
+    # the static handler then refuses POST, which is turned into the 200.
+    location = /upload {
+      access_log $work/logs/upload.log upload;
+      client_body_buffer_size 1m;
+      mirror /discard;
+      mirror_request_body on;
+      log_not_found off;
+      error_page 404 405 =200 @uploaded;
+    }
+    location @uploaded {
+      access_log $work/logs/upload.log upload;
+      default_type text/plain;
+      return 200 "ok\n";
+    }
+    location = /discard {
+      internal;
+      return 204;
+    }
+  }
+}
+EOF
+}
+
+port_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+
+# ---- start nginx on two free ports (retried with other ports when one is taken) ----
+for attempt in 1 2 3 4 5 6 7 8; do
+  http_port=$((20000 + RANDOM % 20000))
+  https_port=$((http_port + 1))
+  if port_open "$http_port" || port_open "$https_port"; then continue; fi
+  write_config "$http_port" "$https_port"
+  "$nginx_program" -p "$work" -c "$work/nginx.conf" -e "$work/logs/error.log" &
+  nginx_pid=$!
+  for _ in $(seq 50); do
+    if port_open "$http_port" && port_open "$https_port"; then break 2; fi
+    kill -0 "$nginx_pid" 2>/dev/null || break
+    sleep 0.1
+  done
+  kill "$nginx_pid" 2>/dev/null || true
+  wait "$nginx_pid" 2>/dev/null || true
+  nginx_pid=""
+done
+if [ -z "$nginx_pid" ]; then
+  echo "transport bench: nginx did not start" >&2
+  cat "$work/logs/error.log" >&2 || true
+  exit 1
+fi
+
+http_url="http://127.0.0.1:$http_port"
+https_url="https://127.0.0.1:$https_port"
+
+# ---- measuring ----
+# value KEY LINE: the number after KEY= in a report line.
+value() { tr ' ' '\n' <<<"$2" | sed -n "s/^$1=//p"; }
+
+# run SIDE ARGS...: one report line, or "failed" (the program's error goes to stderr).
+run() {
+  local program="$1"
+  shift
+  if [ -z "$program" ]; then
+    echo "absent"
+    return
+  fi
+  local line
+  if line="$("$program" "$@" 2>"$work/logs/program.err")"; then
+    echo "$line"
+  else
+    echo "transport bench: $(basename "$program") $*: $(tail -n 3 "$work/logs/program.err")" >&2
+    echo "failed"
+  fi
+}
+
+# check_upload SIDE: nginx must have read the whole body of the last upload.
+check_upload() {
+  local length
+  length="$(tail -n 1 "$work/logs/upload.log" 2>/dev/null | cut -d' ' -f1)"
+  if [ -z "$length" ] || [ "$length" -lt "$big_bytes" ]; then
+    echo "transport bench: $1 upload: nginx read ${length:-no} request bytes, expected $big_bytes+" >&2
+    return 1
+  fi
+}
+
+# check_download FILE: the whole body arrived, then the copy goes.
+check_download() {
+  local size
+  size="$(stat -c %s "$2" 2>/dev/null || echo 0)"
+  rm -f "$2"
+  if [ "$size" -ne "$big_bytes" ]; then
+    echo "transport bench: $1 download: the file has $size bytes, expected $big_bytes" >&2
+    return 1
+  fi
+}
+
+rows=()
+# row CASE METRIC BASELINE OURS KIND TARGET
+#   KIND "higher": ratio = ours/baseline, the target is a minimum ratio;
+#   KIND "lower": ratio = ours/baseline, the target is a maximum ratio;
+#   KIND "limit": no ratio, the target is a maximum for ours.
+row() { rows+=("$1|$2|$3|$4|$5|$6"); }
+
+status=0
+for scheme in http https; do
+  if [ "$scheme" = http ]; then base="$http_url"; ca=(); else base="$https_url"; ca=("$pki/ca.pem"); fi
+  for c in $concurrency; do
+    b="$(run "$baseline_program" requests "$base/small" "$requests" "$c" "${ca[@]}")"
+    o="$(run "$our_program" requests "$base/small" "$requests" "$c" "${ca[@]}")"
+    row "$scheme c=$c" "requests/s" "$(value requests_per_s "$b")" "$(value requests_per_s "$o")" higher 0.9
+    row "$scheme c=$c" "CPU us/request" "$(value cpu_us_per_request "$b")" \
+      "$(value cpu_us_per_request "$o")" lower 1.2
+  done
+done
+
+b="$(run "$baseline_program" download "$http_url/big.bin" "$work/out/curl.bin")"
+check_download curl "$work/out/curl.bin" || b="failed"
+o="$(run "$our_program" download "$http_url/big.bin" "$work/out/session.bin")"
+if [ -n "$our_program" ]; then check_download session "$work/out/session.bin" || o="failed"; fi
+row "download" "MB/s" "$(value mb_per_s "$b")" "$(value mb_per_s "$o")" higher 1.5
+row "download" "peak RSS MiB" "$(value peak_rss_kib "$b")" "$(value peak_rss_kib "$o")" limit 64
+
+b="$(run "$baseline_program" upload "$http_url/upload" "$work/www/big.bin")"
+check_upload curl || b="failed"
+o="$(run "$our_program" upload "$http_url/upload" "$work/www/big.bin")"
+if [ -n "$our_program" ]; then check_upload session || o="failed"; fi
+row "upload" "MB/s" "$(value mb_per_s "$b")" "$(value mb_per_s "$o")" higher ""
+row "upload" "peak RSS MiB" "$(value peak_rss_kib "$b")" "$(value peak_rss_kib "$o")" limit 64
+
+# ---- the table ----
+echo
+echo "transport: $requests requests per case, $big_bytes bytes down and up, nginx on 127.0.0.1"
+printf '%s\n' "${rows[@]}" | awk -F'|' '
+  function shown(v, kind) {
+    if (v == "") return "n/a";
+    if (kind == "limit") return sprintf("%.1f", v / 1024);  # KiB -> MiB
+    return sprintf("%.1f", v);
+  }
+  BEGIN {
+    printf "%-12s %-15s %12s %12s %8s  %-18s %s\n", "case", "metric", "curl", "ours", "ratio", "target", "met"
+  }
+  {
+    kind = $5; target = $6; ratio = "-"; met = "-"; goal = "-";
+    if (kind == "higher" && target != "") goal = ">= " target "x";
+    if (kind == "lower") goal = "<= " target "x";
+    if (kind == "limit") goal = "ours < " target " MiB";
+    if ((kind == "higher" || kind == "lower") && $3 != "" && $4 != "" && $3 > 0) {
+      r = $4 / $3; ratio = sprintf("%.2f", r);
+      if (target != "") met = (kind == "higher" ? (r >= target) : (r <= target)) ? "yes" : "NO";
+    }
+    if (kind == "limit" && $4 != "") met = ($4 / 1024 < target) ? "yes" : "NO";
+    printf "%-12s %-15s %12s %12s %8s  %-18s %s\n", $1, $2, shown($3, kind), shown($4, kind), ratio, goal, met
+  }'
+
+for r in "${rows[@]}"; do
+  IFS='|' read -r _ _ baseline_value our_value _ _ <<<"$r"
+  [ -n "$baseline_value" ] || status=1
+  [ -z "$our_program" ] || [ -n "$our_value" ] || status=1
+done
+exit $status

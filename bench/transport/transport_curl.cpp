@@ -1,0 +1,201 @@
+// The transport benchmark's baseline: the same work as transport_session.cpp done with libcurl's
+// multi interface directly, the way a careful program would use it: easy handles reused, connections
+// kept alive, at most COUNT connections per host, HTTP/2 over TLS multiplexed.
+//
+// See run.sh for the server and the cases; measure.h for the command line and the report.
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "measure.h"
+
+using transport_bench::Options;
+using transport_bench::Stopwatch;
+
+namespace {
+
+struct Transfer {
+  CURL* easy = nullptr;
+  long long received = 0;
+  int fd = -1;  // download target or upload source
+};
+
+size_t countBody(char*, size_t size, size_t count, void* context) {
+  static_cast<Transfer*>(context)->received += static_cast<long long>(size * count);
+  return size * count;
+}
+
+size_t writeBody(char* data, size_t size, size_t count, void* context) {
+  auto* transfer = static_cast<Transfer*>(context);
+  const size_t length = size * count;
+  size_t written = 0;
+  while (written < length) {
+    const ssize_t n = ::write(transfer->fd, data + written, length - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return 0;  // makes the transfer fail with CURLE_WRITE_ERROR
+    }
+    written += static_cast<size_t>(n);
+  }
+  transfer->received += static_cast<long long>(length);
+  return length;
+}
+
+size_t readBody(char* buffer, size_t size, size_t count, void* context) {
+  auto* transfer = static_cast<Transfer*>(context);
+  for (;;) {
+    const ssize_t n = ::read(transfer->fd, buffer, size * count);
+    if (n >= 0) return static_cast<size_t>(n);
+    if (errno != EINTR) return CURL_READFUNC_ABORT;
+  }
+}
+
+CURL* makeEasy(const Options& options, Transfer& transfer) {
+  CURL* easy = curl_easy_init();
+  if (!easy) transport_bench::fail("curl_easy_init");
+  curl_easy_setopt(easy, CURLOPT_URL, options.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  if (options.caFile) curl_easy_setopt(easy, CURLOPT_CAINFO, options.caFile->c_str());
+  // HTTP/2 when TLS negotiates it; new transfers wait to share the connection instead of opening
+  // more.
+  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+  curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
+  transfer.easy = easy;
+  return easy;
+}
+
+// Runs the multi handle until every transfer added to it is done, calling `done` for each.
+template <typename OnDone>
+void drive(CURLM* multi, OnDone&& done) {
+  for (;;) {
+    int running = 0;
+    if (curl_multi_perform(multi, &running) != CURLM_OK) transport_bench::fail("curl_multi_perform");
+    bool finishedAny = false;
+    int left = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      finishedAny = true;
+      Transfer* transfer = nullptr;
+      curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+      const CURLcode result = message->data.result;
+      curl_multi_remove_handle(multi, message->easy_handle);
+      if (result != CURLE_OK) transport_bench::fail(curl_easy_strerror(result));
+      long status = 0;
+      curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+      if (status != 200) transport_bench::fail("HTTP status " + std::to_string(status));
+      done(*transfer);
+    }
+    // `done` may have added handles back: let perform count them before deciding to stop.
+    if (finishedAny) continue;
+    if (running == 0) return;
+    if (curl_multi_poll(multi, nullptr, 0, 1000, nullptr) != CURLM_OK)
+      transport_bench::fail("curl_multi_poll");
+  }
+}
+
+void runRequests(const Options& options) {
+  CURLM* multi = curl_multi_init();
+  curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, options.concurrency);
+  std::vector<Transfer> transfers(static_cast<size_t>(options.concurrency));
+  for (Transfer& transfer : transfers) {
+    CURL* easy = makeEasy(options, transfer);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, countBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+  }
+
+  long started = 0;
+  long completed = 0;
+  long long bodyBytes = 0;
+  const Stopwatch watch;
+  for (Transfer& transfer : transfers) {
+    if (started == options.count) break;
+    curl_multi_add_handle(multi, transfer.easy);
+    ++started;
+  }
+  drive(multi, [&](Transfer& transfer) {
+    ++completed;
+    bodyBytes += transfer.received;
+    transfer.received = 0;
+    if (started < options.count) {
+      curl_multi_add_handle(multi, transfer.easy);
+      ++started;
+    }
+  });
+  transport_bench::reportRequests(completed, watch);
+  std::fprintf(stderr, "curl: %ld requests, %lld body bytes\n", completed, bodyBytes);
+
+  for (Transfer& transfer : transfers) curl_easy_cleanup(transfer.easy);
+  curl_multi_cleanup(multi);
+}
+
+void runDownload(const Options& options) {
+  Transfer transfer;
+  transfer.fd = ::open(options.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (transfer.fd < 0) transport_bench::fail(options.file + ": " + std::strerror(errno));
+  CURLM* multi = curl_multi_init();
+  CURL* easy = makeEasy(options, transfer);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, writeBody);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+
+  const Stopwatch watch;
+  curl_multi_add_handle(multi, easy);
+  drive(multi, [](Transfer&) {});
+  if (::close(transfer.fd) != 0) transport_bench::fail(options.file + ": " + std::strerror(errno));
+  transport_bench::reportTransfer(transfer.received, watch);
+
+  curl_easy_cleanup(easy);
+  curl_multi_cleanup(multi);
+}
+
+void runUpload(const Options& options) {
+  Transfer transfer;
+  transfer.fd = ::open(options.file.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat info {};
+  if (transfer.fd < 0 || ::fstat(transfer.fd, &info) != 0) {
+    transport_bench::fail(options.file + ": " + std::strerror(errno));
+  }
+  CURLM* multi = curl_multi_init();
+  CURL* easy = makeEasy(options, transfer);
+  curl_easy_setopt(easy, CURLOPT_POST, 1L);
+  curl_easy_setopt(easy, CURLOPT_READFUNCTION, readBody);
+  curl_easy_setopt(easy, CURLOPT_READDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(info.st_size));
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, countBody);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+  curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/octet-stream");
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+
+  const Stopwatch watch;
+  curl_multi_add_handle(multi, easy);
+  drive(multi, [](Transfer&) {});
+  curl_off_t sent = 0;
+  curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
+  if (sent != info.st_size) transport_bench::fail("sent " + std::to_string(sent) + " bytes");
+  transport_bench::reportTransfer(sent, watch);
+
+  ::close(transfer.fd);
+  curl_slist_free_all(headers);
+  curl_easy_cleanup(easy);
+  curl_multi_cleanup(multi);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options options = transport_bench::parseOptions(argc, argv);
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  switch (options.mode) {
+    case Options::Mode::Requests: runRequests(options); break;
+    case Options::Mode::Download: runDownload(options); break;
+    case Options::Mode::Upload: runUpload(options); break;
+  }
+  curl_global_cleanup();
+  return 0;
+}
