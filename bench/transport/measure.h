@@ -81,19 +81,23 @@ inline long peakRSSKiB() {
   return usage.ru_maxrss;  // kilobytes on Linux
 }
 
-inline void reportRequests(long count, const Stopwatch& watch) {
+// `protocol` is the HTTP version of the last response ("HTTP/1.1", "HTTP/2"), so that the script can
+// tell when the two sides did not speak the same one.
+inline void reportRequests(long count, const Stopwatch& watch, const std::string& protocol) {
   const double wall = watch.wallSeconds();
   const double cpu = watch.cpuSecondsUsed();
-  std::printf("requests=%ld seconds=%.4f requests_per_s=%.1f cpu_us_per_request=%.2f peak_rss_kib=%ld\n",
-              count, wall, static_cast<double>(count) / wall, cpu * 1e6 / static_cast<double>(count),
-              peakRSSKiB());
+  std::printf(
+      "requests=%ld seconds=%.4f requests_per_s=%.1f cpu_us_per_request=%.2f peak_rss_kib=%ld protocol=%s\n",
+      count, wall, static_cast<double>(count) / wall, cpu * 1e6 / static_cast<double>(count), peakRSSKiB(),
+      protocol.c_str());
   std::fflush(stdout);
 }
 
-inline void reportTransfer(long long bytes, const Stopwatch& watch) {
+inline void reportTransfer(long long bytes, const Stopwatch& watch, const std::string& protocol) {
   const double wall = watch.wallSeconds();
-  std::printf("bytes=%lld seconds=%.4f mb_per_s=%.1f cpu_seconds=%.3f peak_rss_kib=%ld\n", bytes, wall,
-              static_cast<double>(bytes) / 1e6 / wall, watch.cpuSecondsUsed(), peakRSSKiB());
+  std::printf("bytes=%lld seconds=%.4f mb_per_s=%.1f cpu_seconds=%.3f peak_rss_kib=%ld protocol=%s\n", bytes,
+              wall, static_cast<double>(bytes) / 1e6 / wall, watch.cpuSecondsUsed(), peakRSSKiB(),
+              protocol.c_str());
   std::fflush(stdout);
 }
 

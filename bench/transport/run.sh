@@ -180,10 +180,15 @@ run() {
   fi
 }
 
-# check_upload SIDE: nginx must have read the whole body of the last upload.
+# check_upload SIDE: nginx must have read the whole body of the last upload (the log is emptied
+# before each one). Its log line may come a moment after the client has its answer.
 check_upload() {
-  local length
-  length="$(tail -n 1 "$work/logs/upload.log" 2>/dev/null | cut -d' ' -f1)"
+  local length="" _
+  for _ in $(seq 100); do
+    length="$(head -n 1 "$work/logs/upload.log" 2>/dev/null | cut -d' ' -f1)"
+    [ -z "$length" ] || break
+    sleep 0.05
+  done
   if [ -z "$length" ] || [ "$length" -lt "$big_bytes" ]; then
     echo "transport bench: $1 upload: nginx read ${length:-no} request bytes, expected $big_bytes+" >&2
     return 1
@@ -211,6 +216,7 @@ measure() {
   our_lines=()
   for round in $(seq "$rounds"); do
     for side in curl session; do
+      if [ "$check" = check_upload ]; then : >"$work/logs/upload.log"; fi
       if [ "$side" = curl ]; then line="$(run "$baseline_program" "$@")"; else line="$(run "$our_program" "$@")"; fi
       if [ "$check" != none ] && [ "$line" != absent ] && [ "$line" != failed ]; then
         "$check" "$side" || line="failed"
@@ -233,6 +239,17 @@ best() {
     printf '%s\n' "${values[@]}" | sort -g | head -n 1; fi
 }
 
+notes=()
+# same_protocol CASE: notes a case where the two sides spoke different HTTP versions.
+same_protocol() {
+  local ours theirs
+  theirs="$(value protocol "${baseline_lines[0]}" | sed 's/\.0$//')"
+  ours="$(value protocol "${our_lines[0]}" | sed 's/\.0$//')"
+  if [ -n "$theirs" ] && [ -n "$ours" ] && [ "$theirs" != "$ours" ]; then
+    notes+=("$1: curl spoke $theirs, ours $ours")
+  fi
+}
+
 rows=()
 # row CASE METRIC BASELINE OURS KIND TARGET
 #   KIND "higher": ratio = ours/baseline, the target is a minimum ratio;
@@ -247,6 +264,7 @@ for scheme in http https; do
   if [ "$scheme" = http ]; then base="$http_url"; ca=(); else base="$https_url"; ca=("$pki/ca.pem"); fi
   for c in $concurrency; do
     measure none requests "$base/small" "$requests" "$c" "${ca[@]}"
+    same_protocol "$scheme c=$c"
     row "$scheme c=$c" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
       "$(best requests_per_s max "${our_lines[@]}")" higher 0.9
     row "$scheme c=$c" "CPU us/request" "$(best cpu_us_per_request min "${baseline_lines[@]}")" \
@@ -255,12 +273,14 @@ for scheme in http https; do
 done
 
 measure check_download download "$http_url/big.bin" "$download_file"
+same_protocol download
 row "download" "MB/s" "$(best mb_per_s max "${baseline_lines[@]}")" "$(best mb_per_s max "${our_lines[@]}")" \
   higher 1.5
 row "download" "peak RSS MiB" "$(best peak_rss_kib max "${baseline_lines[@]}")" \
   "$(best peak_rss_kib max "${our_lines[@]}")" limit 64
 
 measure check_upload upload "$http_url/upload" "$work/www/big.bin"
+same_protocol upload
 row "upload" "MB/s" "$(best mb_per_s max "${baseline_lines[@]}")" "$(best mb_per_s max "${our_lines[@]}")" \
   higher ""
 row "upload" "peak RSS MiB" "$(best peak_rss_kib max "${baseline_lines[@]}")" \
@@ -291,6 +311,8 @@ printf '%s\n' "${rows[@]}" | awk -F'|' '
     if (kind == "limit" && $4 != "") met = ($4 / 1024 < target) ? "yes" : "NO";
     printf "%-12s %-15s %12s %12s %8s  %-18s %s\n", $1, $2, shown($3, kind), shown($4, kind), ratio, goal, met
   }'
+
+for note in "${notes[@]}"; do echo "note: $note"; done
 
 for r in "${rows[@]}"; do
   IFS='|' read -r _ _ baseline_value our_value _ _ <<<"$r"

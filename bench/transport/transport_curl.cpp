@@ -26,6 +26,19 @@ struct Transfer {
   int fd = -1;  // download target or upload source
 };
 
+// The HTTP version the last transfer of `easy` used.
+std::string protocolOf(CURL* easy) {
+  long version = 0;
+  curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
+  switch (version) {
+    case CURL_HTTP_VERSION_1_0: return "HTTP/1.0";
+    case CURL_HTTP_VERSION_1_1: return "HTTP/1.1";
+    case CURL_HTTP_VERSION_2_0: return "HTTP/2";
+    case CURL_HTTP_VERSION_3: return "HTTP/3";
+    default: return "unknown";
+  }
+}
+
 size_t countBody(char*, size_t size, size_t count, void* context) {
   static_cast<Transfer*>(context)->received += static_cast<long long>(size * count);
   return size * count;
@@ -128,7 +141,7 @@ void runRequests(const Options& options) {
       ++started;
     }
   });
-  transport_bench::reportRequests(completed, watch);
+  transport_bench::reportRequests(completed, watch, protocolOf(transfers.front().easy));
   std::fprintf(stderr, "curl: %ld requests, %lld body bytes\n", completed, bodyBytes);
 
   for (Transfer& transfer : transfers) curl_easy_cleanup(transfer.easy);
@@ -148,7 +161,7 @@ void runDownload(const Options& options) {
   curl_multi_add_handle(multi, easy);
   drive(multi, [](Transfer&) {});
   if (::close(transfer.fd) != 0) transport_bench::fail(options.file + ": " + std::strerror(errno));
-  transport_bench::reportTransfer(transfer.received, watch);
+  transport_bench::reportTransfer(transfer.received, watch, protocolOf(easy));
 
   curl_easy_cleanup(easy);
   curl_multi_cleanup(multi);
@@ -178,7 +191,7 @@ void runUpload(const Options& options) {
   curl_off_t sent = 0;
   curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &sent);
   if (sent != info.st_size) transport_bench::fail("sent " + std::to_string(sent) + " bytes");
-  transport_bench::reportTransfer(sent, watch);
+  transport_bench::reportTransfer(sent, watch, protocolOf(easy));
 
   ::close(transfer.fd);
   curl_slist_free_all(headers);

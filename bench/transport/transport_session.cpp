@@ -97,6 +97,7 @@ class BenchDelegate final : public ZRBURLSessionDelegate {
       return;
     }
     sentBytes_ = task->countOfBytesSent();
+    protocol_ = response->HTTPVersion();
     ++completed_;
     if (options_.mode == Options::Mode::Requests && started_ < options_.count) {
       startDataTask();
@@ -120,6 +121,7 @@ class BenchDelegate final : public ZRBURLSessionDelegate {
   long completed() const { return completed_; }
   long long bodyBytes() const { return bodyBytes_; }
   long long sentBytes() const { return sentBytes_; }
+  const std::string& protocol() const { return protocol_; }
 
  private:
   void finish(std::string failure) {
@@ -140,6 +142,7 @@ class BenchDelegate final : public ZRBURLSessionDelegate {
   long completed_ = 0;
   long long bodyBytes_ = 0;
   long long sentBytes_ = 0;
+  std::string protocol_;
   std::string failure_;
 
   std::mutex mutex_;
@@ -189,7 +192,7 @@ int main(int argc, char** argv) {
         for (long i = 0; i < options.concurrency && i < options.count; ++i) delegate->startDataTask();
       });
       if (std::string failure = delegate->wait(); !failure.empty()) transport_bench::fail(failure);
-      transport_bench::reportRequests(delegate->completed(), watch);
+      transport_bench::reportRequests(delegate->completed(), watch, delegate->protocol());
       std::fprintf(stderr, "session: %ld requests, %lld body bytes\n", delegate->completed(),
                    delegate->bodyBytes());
       break;
@@ -198,7 +201,7 @@ int main(int argc, char** argv) {
       const Stopwatch watch;
       session->downloadTaskWithURL(url)->resume();
       if (std::string failure = delegate->wait(); !failure.empty()) transport_bench::fail(failure);
-      transport_bench::reportTransfer(fileSize(options.file), watch);
+      transport_bench::reportTransfer(fileSize(options.file), watch, delegate->protocol());
       break;
     }
     case Options::Mode::Upload: {
@@ -213,7 +216,7 @@ int main(int argc, char** argv) {
       if (delegate->sentBytes() != size) {
         transport_bench::fail("sent " + std::to_string(delegate->sentBytes()) + " bytes");
       }
-      transport_bench::reportTransfer(size, watch);
+      transport_bench::reportTransfer(size, watch, delegate->protocol());
       break;
     }
   }
