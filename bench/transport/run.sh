@@ -9,6 +9,7 @@
 #   BENCH_CONCURRENCY  concurrency cases (default "1 16 64")
 #   BENCH_BIG_BYTES    size of the download and of the upload (default 1 GiB)
 #   BENCH_ROUNDS       runs of each side per case, alternating; the best counts (default 3)
+#   BENCH_RUN_TIMEOUT  seconds one run may take before it counts as failed (default 300)
 #
 # nginx runs as the current user from a throw-away directory (configuration, TLS key and
 # certificates, files, logs), which is removed on exit. Only 127.0.0.1 is used.
@@ -19,6 +20,7 @@ requests="${BENCH_REQUESTS:-20000}"
 concurrency="${BENCH_CONCURRENCY:-1 16 64}"
 big_bytes="${BENCH_BIG_BYTES:-1073741824}"
 rounds="${BENCH_ROUNDS:-3}"
+run_timeout="${BENCH_RUN_TIMEOUT:-300}"
 
 baseline_program="$build/bench/transport/transport_curl"
 our_program="$build/bench/transport/transport_session"
@@ -172,7 +174,8 @@ run() {
     return
   fi
   local line
-  if line="$("$program" "$@" 2>"$work/logs/program.err")"; then
+  # A program that hangs fails its case instead of stopping the whole run.
+  if line="$(timeout "$run_timeout" "$program" "$@" 2>"$work/logs/program.err")"; then
     echo "$line"
   else
     echo "transport bench: $(basename "$program") $*: $(tail -n 3 "$work/logs/program.err")" >&2
