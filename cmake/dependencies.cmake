@@ -6,3 +6,5 @@ find_package(simdjson REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 # Asio (queues, timers) is header-only; Boost.URL is a compiled library.
 find_package(Boost 1.81 REQUIRED COMPONENTS url)
+# The URL loading service runs on libcurl (multi interface) over OpenSSL.
+find_package(CURL REQUIRED)
