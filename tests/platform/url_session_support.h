@@ -172,7 +172,7 @@ class RecordingDelegate : public ZRBURLSessionDelegate {
   std::atomic<int> inside_{0};
 };
 
-inline ZRBURLRequestPtr requestFor(const std::string& url, std::string method = "GET") {
+inline ZRBMutableURLRequestPtr requestFor(const std::string& url, std::string method = "GET") {
   auto request = ZRBMutableURLRequest::requestWithURL(ZRBURL::URLWithString(url));
   request->setHTTPMethod(std::move(method));
   return request;

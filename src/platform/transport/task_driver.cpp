@@ -286,6 +286,7 @@ void ZRBURLSessionTaskDriver::startAttempt() {
   setup.streamWeight = long(1 + task_->priority() * 255);
   setup.user = user_;
   setup.password = password_;
+  setup.authenticationSchemes = authenticationSchemes_;
   if (download_) {
     setup.receiveBufferSize = kDownloadBufferSize;
     if (resumeInfo_) {
@@ -852,6 +853,11 @@ void ZRBURLSessionTaskDriver::authenticationDecided(ZRBURLSessionAuthChallengeDi
     return;
   }
   if (disposition == ZRBURLSessionAuthChallengeUseCredential && credential && credential->user()) {
+    bool proxy = heldResponse_->statusCode() == 407;
+    auto offer = authenticationOffer(
+        heldResponse_->valueForHTTPHeaderField(proxy ? "Proxy-Authenticate" : "WWW-Authenticate")
+            .value_or(""));
+    authenticationSchemes_ = offer ? offer->curlSchemes : long(CURLAUTH_BASIC);
     user_ = credential->user();
     password_ = credential->password();
     ++authenticationFailures_;

@@ -119,6 +119,7 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
   int bodyRestarts_ = 0;
   std::optional<std::string> user_;
   std::optional<std::string> password_;
+  long authenticationSchemes_ = 0;
 
   bool awaitingDisposition_ = false;
   bool completeAfterDisposition_ = false;

@@ -322,9 +322,11 @@ int ZRBTransfer::onSeek(void* self, std::int64_t offset, int origin) {
 
 int ZRBTransfer::onProgress(void* self, std::int64_t, std::int64_t, std::int64_t, std::int64_t ulnow) {
   auto* transfer = static_cast<ZRBTransfer*>(self);
-  if (ulnow > transfer->lastReportedSent_) {
-    transfer->lastReportedSent_ = ulnow;
-    transfer->client_.transferDidSendBodyData(*transfer, ulnow);
+  // libcurl counts chunk framing as sent bytes; the body bytes handed over are the upper bound.
+  std::int64_t sent = std::min<std::int64_t>(ulnow, transfer->bodyOffset_);
+  if (sent > transfer->lastReportedSent_) {
+    transfer->lastReportedSent_ = sent;
+    transfer->client_.transferDidSendBodyData(*transfer, sent);
   }
   return 0;
 }
