@@ -136,7 +136,7 @@ EOF
 port_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
 # ---- start nginx on two free ports (retried with other ports when one is taken) ----
-for attempt in 1 2 3 4 5 6 7 8; do
+for _ in 1 2 3 4 5 6 7 8; do
   http_port=$((20000 + RANDOM % 20000))
   https_port=$((http_port + 1))
   if port_open "$http_port" || port_open "$https_port"; then continue; fi
@@ -213,11 +213,11 @@ check_download() {
 # measure CHECK ARGS...: runs the baseline and ours BENCH_ROUNDS times each, alternating so that
 # both see the same machine, and leaves the report lines in baseline_lines and our_lines.
 measure() {
-  local check="$1" round line
+  local check="$1" line side
   shift
   baseline_lines=()
   our_lines=()
-  for round in $(seq "$rounds"); do
+  for _ in $(seq "$rounds"); do
     for side in curl session; do
       if [ "$check" = check_upload ]; then : >"$work/logs/upload.log"; fi
       if [ "$side" = curl ]; then line="$(run "$baseline_program" "$@")"; else line="$(run "$our_program" "$@")"; fi
