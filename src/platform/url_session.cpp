@@ -69,6 +69,7 @@ ZRBTransport& ZRBURLSession::transport() {
     ZRBTransportOptions options;
     options.maximumConnectionsPerHost = configuration_->HTTPMaximumConnectionsPerHost();
     options.pipelining = configuration_->HTTPShouldUsePipelining();
+    options.callbackQueue = delegateQueue_;
     transport_ = ZRBTransport::make(options);
   });
   return *transport_;

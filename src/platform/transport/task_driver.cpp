@@ -121,7 +121,6 @@ ZRBURLSessionTaskDriver::ZRBURLSessionTaskDriver(ZRBURLSessionPtr session, ZRBUR
                                                  Body body)
     : transport_(session->transport().shared_from_this()),
       session_(std::move(session)),
-      delegateQueue_(session_->delegateQueue()),
       task_(std::move(task)),
       body_(std::move(body)),
       request_(task_->originalRequest()),
@@ -164,7 +163,7 @@ void ZRBURLSessionTaskDriver::cancelProducingResumeData(std::function<void(ZRBVa
   transport_->post([self = shared_from_this(), completion = std::move(completion)]() mutable {
     if (self->finished_) {
       // Too late to produce anything: the answer is still given, once, on the delegate queue.
-      if (completion) self->delegateQueue_->async([completion] { completion(ZRBValue()); });
+      if (completion) self->transport_->toCallbackQueue([completion] { completion(ZRBValue()); });
       return;
     }
     self->resumeDataCompletion_ = std::move(completion);
@@ -181,7 +180,7 @@ bool ZRBURLSessionTaskDriver::delegateResponds(ZRBURLSessionDelegateOperation op
 
 void ZRBURLSessionTaskDriver::toDelegate(
     std::function<void(const ZRBURLSessionPtr&, ZRBURLSessionDelegate&)> call) {
-  session_->delegateQueue()->async([session = session_, call = std::move(call)] {
+  transport_->toCallbackQueue([session = session_, call = std::move(call)] {
     if (auto delegate = session->delegate()) call(session, *delegate);
   });
 }
@@ -213,7 +212,7 @@ void ZRBURLSessionTaskDriver::cancelNow() {
   if (resumeDataCompletion_) {
     resumeData = makeResumeData();
     auto completion = std::move(resumeDataCompletion_);
-    session_->delegateQueue()->async([completion, resumeData] { completion(resumeData); });
+    transport_->toCallbackQueue([completion, resumeData] { completion(resumeData); });
   }
   finish(withResumeData(ZRBTransportError(ZRBURLErrorCancelled, currentURL()), resumeData));
 }
@@ -532,7 +531,7 @@ bool ZRBURLSessionTaskDriver::consumeBody(const char* data, std::size_t length) 
   auto value = ZRBValue::data(data, length);
   auto self = shared_from_this();
   auto task = std::static_pointer_cast<ZRBURLSessionDataTask>(task_);
-  session_->delegateQueue()->async([self, task, value, session = session_] {
+  transport_->toCallbackQueue([self, task, value, session = session_] {
     if (auto delegate = session->delegate()) delegate->dataTaskDidReceiveData(session, task, value);
     std::int64_t left =
         self->queuedBytes_.fetch_sub(std::int64_t(value.bytes().size()), std::memory_order_acq_rel) -
@@ -918,7 +917,7 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
   }
   if (resumeDataCompletion_) {
     auto completion = std::move(resumeDataCompletion_);
-    session_->delegateQueue()->async([completion] { completion(ZRBValue()); });
+    transport_->toCallbackQueue([completion] { completion(ZRBValue()); });
   }
 
   ZRBURLSessionPtr session = std::move(session_);
@@ -936,9 +935,9 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
   auto cache = session->configurationRef().URLCache();
   bool offerToCache = cache && collecting_ && !error && !isDownload && response;
 
-  session->delegateQueue()->async([session, task, error, path, removeFile, response, isDownload, body,
-                                   offerToCache, cache, dataCompletion = std::move(dataCompletion_),
-                                   downloadCompletion = std::move(downloadCompletion_)] {
+  transport_->toCallbackQueue([session, task, error, path, removeFile, response, isDownload, body,
+                               offerToCache, cache, dataCompletion = std::move(dataCompletion_),
+                               downloadCompletion = std::move(downloadCompletion_)] {
     auto delegate = session->delegate();
     auto fileManager = ZRBFileManager::defaultManager();
     if (isDownload) {

@@ -91,7 +91,6 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
 
   std::shared_ptr<ZRBTransport> transport_;
   ZRBURLSessionPtr session_;  // until finished
-  ZRBDispatchQueuePtr delegateQueue_;
   ZRBURLSessionTaskPtr task_;
   Body body_;
   bool bodyStreamUsed_ = false;

@@ -28,7 +28,7 @@ std::shared_ptr<ZRBTransport> ZRBTransport::make(const ZRBTransportOptions& opti
   return transport;
 }
 
-ZRBTransport::ZRBTransport(const ZRBTransportOptions& options) {
+ZRBTransport::ZRBTransport(const ZRBTransportOptions& options) : callbackQueue_(options.callbackQueue) {
   initializeCurlOnce();
   multi_ = curl_multi_init();
   curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, std::max(1L, options.maximumConnectionsPerHost));
@@ -41,12 +41,16 @@ ZRBTransport::~ZRBTransport() {
 }
 
 void ZRBTransport::post(std::function<void()> work) {
+  bool wake = false;
   {
     std::lock_guard lock(mutex_);
     if (stopping_) return;
+    // The thread takes everything posted at once, so only the first post after it has taken the
+    // previous lot needs to wake it.
+    wake = posted_.empty();
     posted_.push_back(std::move(work));
   }
-  curl_multi_wakeup(multi_);
+  if (wake) curl_multi_wakeup(multi_);
 }
 
 void ZRBTransport::shutdown() {
@@ -105,6 +109,7 @@ void ZRBTransport::run() {
     curl_multi_perform(multi_, &running);
     finishDoneTransfers();
     checkTimeouts();
+    flushOutbox();
 
     long timeout = -1;
     curl_multi_timeout(multi_, &timeout);
@@ -122,6 +127,26 @@ void ZRBTransport::run() {
   // are dropped without callbacks.
   for (ZRBTransfer* transfer : std::vector<ZRBTransfer*>(active_)) transfer->abandon();
   active_.clear();
+  flushOutbox();
+}
+
+void ZRBTransport::flushOutbox() {
+  if (outbox_.empty()) return;
+  if (!callbackQueue_) {
+    outbox_.clear();
+    return;
+  }
+  callbackQueue_->async([batch = std::move(outbox_)] {
+    for (const auto& work : batch) {
+      // One failing callback must not take the rest of the batch with it.
+      try {
+        work();
+      } catch (const std::exception& exception) {
+        std::fprintf(stderr, "ORVELKIT: a session callback threw: %s\n", exception.what());
+      }
+    }
+  });
+  outbox_.clear();
 }
 
 void ZRBTransport::runPostedWork() {

@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/dispatch.h"
+
 typedef void CURLM;
 typedef void CURL;
 
@@ -24,6 +26,8 @@ class ZRBTransfer;
 struct ZRBTransportOptions {
   long maximumConnectionsPerHost = 6;
   bool pipelining = false;
+  // Where the session's callbacks run (its delegate queue).
+  ZRBDispatchQueuePtr callbackQueue;
 };
 
 class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
@@ -47,12 +51,16 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   void remove(ZRBTransfer& transfer);
   CURL* takeEasyHandle();
   void returnEasyHandle(CURL* easy);
+  // Queues `work` for the callback queue. What one turn of the loop queues goes over in one block,
+  // in order, so a burst of events costs one hand-over instead of one each.
+  void toCallbackQueue(std::function<void()> work) { outbox_.push_back(std::move(work)); }
 
  private:
   void run();
   void runPostedWork();
   void finishDoneTransfers();
   void checkTimeouts();
+  void flushOutbox();
 
   CURLM* multi_;
   std::thread thread_;
@@ -65,5 +73,7 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   // Transport thread only.
   std::vector<ZRBTransfer*> active_;
   std::vector<CURL*> pool_;
+  ZRBDispatchQueuePtr callbackQueue_;
+  std::vector<std::function<void()>> outbox_;
   std::chrono::steady_clock::time_point nextTimeoutCheck_{};
 };
