@@ -63,7 +63,8 @@ class MultipartReceiver {
       if (state_ == State::Headers) {
         std::size_t end = pending_.find("\r\n\r\n");
         if (end == std::string::npos) return;
-        parts_.push_back(Part{pending_.substr(0, end)});
+        parts_.emplace_back();
+        parts_.back().headers = pending_.substr(0, end);
         pending_.erase(0, end + 4);
         digest_ = EVP_MD_CTX_new();
         EVP_DigestInit_ex(digest_, EVP_sha256(), nullptr);

@@ -10,8 +10,8 @@
 #include "platform/exception.h"
 #include "platform/property_list_serialization.h"
 #include "platform/url_session.h"
-#include "support/test_server.h"
 #include "support/recording_delegate.h"
+#include "support/test_server.h"
 
 namespace {
 

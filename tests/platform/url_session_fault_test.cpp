@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "platform/url_session.h"
-#include "support/test_server.h"
 #include "support/recording_delegate.h"
+#include "support/test_server.h"
 
 namespace {
 
@@ -136,9 +136,10 @@ TEST(URLSessionFaultTest, ServerTrustIsDecidedInTheHandshake) {
       EXPECT_EQ(completion.error->code(), c.code) << label << ": " << completion.error->description();
       EXPECT_EQ(server.requestCount(), 0u) << label << ": nothing may be sent over a rejected connection";
     }
-    if (answer != "default")
+    if (answer != "default") {
       EXPECT_EQ(sawHost, "localhost:" + std::to_string(server.port()) + " " +
                              std::string(ZRBURLAuthenticationMethodServerTrust));
+    }
     session->invalidateAndCancel();
     EXPECT_TRUE(delegate->waitForInvalidation());
   }
@@ -185,7 +186,9 @@ TEST(URLSessionFaultTest, CancelRacingCompletionEndsEachTaskOnce) {
     if (i % 7 == 0) std::this_thread::yield();
     task->cancel();
     tasks.push_back(std::move(task));
-    if (i % 500 == 499) ASSERT_TRUE(delegate->waitForCompletions(i + 1, std::chrono::seconds(60)));
+    if (i % 500 == 499) {
+      ASSERT_TRUE(delegate->waitForCompletions(i + 1, std::chrono::seconds(60)));
+    }
   }
   ASSERT_TRUE(delegate->waitForCompletions(kTasks, std::chrono::seconds(60)));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -227,8 +230,9 @@ TEST(URLSessionFaultTest, SuspendReallyPausesAndResumeCarriesOnUnderLoad) {
     for (auto& task : tasks) before.push_back(task->countOfBytesReceived());
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
     for (std::size_t i = 0; i < tasks.size(); ++i) {
-      if (tasks[i]->state() == ZRBURLSessionTaskStateSuspended)
+      if (tasks[i]->state() == ZRBURLSessionTaskStateSuspended) {
         EXPECT_EQ(tasks[i]->countOfBytesReceived(), before[i]);
+      }
     }
     for (auto& task : tasks) task->resume();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));

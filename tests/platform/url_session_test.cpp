@@ -12,8 +12,8 @@
 #include "platform/exception.h"
 #include "platform/http_cookie_storage.h"
 #include "platform/json_serialization.h"
-#include "support/test_server.h"
 #include "support/recording_delegate.h"
+#include "support/test_server.h"
 
 namespace {
 
@@ -67,11 +67,6 @@ ZRBURLSessionDataCompletion capture(
   return [&promise](ZRBValue data, ZRBURLResponsePtr response, ZRBErrorPtr error) {
     promise.set_value({std::move(data), std::move(response), std::move(error)});
   };
-}
-
-std::string text(const ZRBValue& data) {
-  auto bytes = data.bytes();
-  return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
 
 std::string fieldOf(const std::string& json, const std::string& key) {
@@ -291,6 +286,9 @@ TEST_F(URLSessionTest, InvalidationCancelsTasksThenReportsAndRefusesNewTasks) {
   for (auto& task : {running, idle})
     EXPECT_EQ(delegate_->completion(task).error->code(), ZRBURLErrorCancelled);
   EXPECT_EQ(delegate_->events().back(), "invalid");
+  // The session lets go of its delegate right after the callback.
+  for (int i = 0; i < 200 && session_->delegate(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(session_->delegate(), nullptr);
   EXPECT_THROW(session_->dataTaskWithURL(ZRBURL::URLWithString(server_.url("/slow"))), ZRBException);
 }
