@@ -1,30 +1,10 @@
 #include "platform/http_cookie_storage.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <charconv>
-#include <memory>
-
-#include "platform/string_format.h"
-
-struct ZRBHTTPCookieStorageLocking {
-  static std::mutex& mutexFor(ZRBHTTPCookieStorage& storage, curl_lock_data data) {
-    return data == CURL_LOCK_DATA_COOKIE ? storage.cookieLock_ : storage.shareLock_;
-  }
-  static void lock(CURL*, curl_lock_data data, curl_lock_access, void* storage) {
-    mutexFor(*static_cast<ZRBHTTPCookieStorage*>(storage), data).lock();
-  }
-  static void unlock(CURL*, curl_lock_data data, void* storage) {
-    mutexFor(*static_cast<ZRBHTTPCookieStorage*>(storage), data).unlock();
-  }
-};
+#include <ctime>
 
 namespace {
-struct EasyDeleter {
-  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
-};
-
 std::string_view trim(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
   while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
@@ -37,53 +17,35 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
          });
 }
 
-// One cookie in the tab-separated form libcurl lists and accepts.
-std::string netscapeLine(const ZRBHTTPCookie& cookie) {
-  bool domainCookie = !cookie.domain.empty() && cookie.domain.front() == '.';
-  return (cookie.HTTPOnly ? "#HttpOnly_" : "") + cookie.domain + "\t" + (domainCookie ? "TRUE" : "FALSE") +
-         "\t" + cookie.path + "\t" + (cookie.secure ? "TRUE" : "FALSE") + "\t" +
-         std::to_string(cookie.expiresDate.value_or(0)) + "\t" + cookie.name + "\t" + cookie.value;
-}
-
-std::optional<ZRBHTTPCookie> parseNetscapeLine(std::string_view line) {
-  ZRBHTTPCookie cookie;
-  constexpr std::string_view httpOnly = "#HttpOnly_";
-  if (line.starts_with(httpOnly)) {
-    cookie.HTTPOnly = true;
-    line.remove_prefix(httpOnly.size());
-  }
-  std::string_view fields[7];
-  for (int i = 0; i < 7; ++i) {
-    std::size_t tab = i < 6 ? line.find('\t') : line.size();
-    if (tab == std::string_view::npos) return std::nullopt;
-    fields[i] = line.substr(0, tab);
-    line.remove_prefix(std::min(line.size(), tab + 1));
-  }
-  cookie.domain = std::string(fields[0]);
-  if (fields[1] == "TRUE" && !cookie.domain.starts_with('.')) cookie.domain.insert(0, ".");
-  cookie.path = std::string(fields[2]);
-  cookie.secure = fields[3] == "TRUE";
-  std::int64_t expires = 0;
-  std::from_chars(fields[4].data(), fields[4].data() + fields[4].size(), expires);
-  if (expires != 0) cookie.expiresDate = expires;
-  cookie.name = std::string(fields[5]);
-  cookie.value = std::string(fields[6]);
-  return cookie;
-}
-
-bool domainMatches(const std::string& host, const std::string& domain) {
+// A leading "." in the cookie's domain lets subdomains match too.
+bool domainMatches(std::string_view host, std::string_view domain) {
   if (domain.empty()) return false;
   if (domain.front() != '.') return equalsIgnoringCase(host, domain);
-  std::string_view bare = std::string_view(domain).substr(1);
-  if (equalsIgnoringCase(host, bare)) return true;
-  return host.size() > domain.size() &&
-         equalsIgnoringCase(std::string_view(host).substr(host.size() - domain.size()), domain);
+  if (equalsIgnoringCase(host, domain.substr(1))) return true;
+  return host.size() > domain.size() && equalsIgnoringCase(host.substr(host.size() - domain.size()), domain);
 }
 
-bool pathMatches(const std::string& requestPath, const std::string& cookiePath) {
+bool pathMatches(std::string_view requestPath, std::string_view cookiePath) {
   if (requestPath == cookiePath) return true;
   if (!requestPath.starts_with(cookiePath)) return false;
   return cookiePath.ends_with('/') || requestPath[cookiePath.size()] == '/';
+}
+
+std::int64_t now() { return std::int64_t(std::time(nullptr)); }
+
+bool expired(const ZRBHTTPCookie& cookie, std::int64_t at) {
+  return cookie.expiresDate && *cookie.expiresDate <= at;
+}
+
+// An HTTP date ("Wed, 21 Oct 2026 07:28:00 GMT") as seconds since 1970; nullopt when unreadable.
+std::optional<std::int64_t> parseHTTPDate(std::string_view text) {
+  std::tm tm{};
+  std::string copy(text);
+  for (const char* format : {"%a, %d %b %Y %H:%M:%S", "%a, %d-%b-%Y %H:%M:%S", "%a, %d-%b-%y %H:%M:%S"}) {
+    tm = {};
+    if (strptime(copy.c_str(), format, &tm)) return std::int64_t(timegm(&tm));
+  }
+  return std::nullopt;
 }
 }  // namespace
 
@@ -96,53 +58,54 @@ std::shared_ptr<ZRBHTTPCookieStorage> ZRBHTTPCookieStorage::make() {
   return std::make_shared<ZRBHTTPCookieStorage>();
 }
 
-ZRBHTTPCookieStorage::ZRBHTTPCookieStorage() : share_(curl_share_init()) {
-  curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, &ZRBHTTPCookieStorageLocking::lock);
-  curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, &ZRBHTTPCookieStorageLocking::unlock);
-  curl_share_setopt(share_, CURLSHOPT_USERDATA, this);
-  curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
-}
-
-ZRBHTTPCookieStorage::~ZRBHTTPCookieStorage() { curl_share_cleanup(share_); }
-
 std::vector<ZRBHTTPCookie> ZRBHTTPCookieStorage::cookies() const {
+  std::int64_t at = now();
+  std::lock_guard lock(mutex_);
   std::vector<ZRBHTTPCookie> result;
-  std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
-  if (!easy) return result;
-  curl_easy_setopt(easy.get(), CURLOPT_SHARE, share_);
-  curl_slist* list = nullptr;
-  if (curl_easy_getinfo(easy.get(), CURLINFO_COOKIELIST, &list) == CURLE_OK) {
-    for (curl_slist* item = list; item; item = item->next) {
-      if (auto cookie = parseNetscapeLine(item->data)) result.push_back(std::move(*cookie));
-    }
+  for (const auto& cookie : cookies_) {
+    if (!expired(cookie, at)) result.push_back(cookie);
   }
-  curl_slist_free_all(list);
-  curl_easy_setopt(easy.get(), CURLOPT_SHARE, nullptr);
   return result;
 }
 
 std::vector<ZRBHTTPCookie> ZRBHTTPCookieStorage::cookiesForURL(const ZRBURL& url) const {
-  std::vector<ZRBHTTPCookie> result;
   std::string host = url.host().value_or("");
   std::string path = url.percentEncodedPath().empty() ? "/" : url.percentEncodedPath();
   bool secure = url.scheme() == "https";
+  std::vector<ZRBHTTPCookie> result;
   for (auto& cookie : cookies()) {
     if (domainMatches(host, cookie.domain) && pathMatches(path, cookie.path) && (!cookie.secure || secure)) {
       result.push_back(std::move(cookie));
     }
   }
+  // Longer paths first, as browsers send them.
+  std::stable_sort(result.begin(), result.end(), [](const ZRBHTTPCookie& a, const ZRBHTTPCookie& b) {
+    return a.path.size() > b.path.size();
+  });
   return result;
 }
 
-void ZRBHTTPCookieStorage::setCookie(const ZRBHTTPCookie& cookie) {
-  std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
-  if (!easy) return;
-  curl_easy_setopt(easy.get(), CURLOPT_SHARE, share_);
-  curl_easy_setopt(easy.get(), CURLOPT_COOKIELIST, netscapeLine(cookie).c_str());
-  curl_easy_setopt(easy.get(), CURLOPT_SHARE, nullptr);
+std::optional<std::string> ZRBHTTPCookieStorage::cookieHeaderForURL(const ZRBURL& url) const {
+  auto cookies = cookiesForURL(url);
+  if (cookies.empty()) return std::nullopt;
+  std::string header;
+  for (const auto& cookie : cookies) {
+    if (!header.empty()) header += "; ";
+    header += cookie.name + "=" + cookie.value;
+  }
+  return header;
 }
 
-bool ZRBHTTPCookieStorage::setCookieFromHeader(const ZRBURL& url, const std::string& setCookieValue) {
+void ZRBHTTPCookieStorage::setCookie(ZRBHTTPCookie cookie) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(cookies_, [&](const ZRBHTTPCookie& known) {
+    return known.name == cookie.name && equalsIgnoringCase(known.domain, cookie.domain) &&
+           known.path == cookie.path;
+  });
+  if (!expired(cookie, now())) cookies_.push_back(std::move(cookie));
+}
+
+bool ZRBHTTPCookieStorage::setCookieFromHeader(const ZRBURL& url, std::string_view setCookieValue) {
   auto host = url.host();
   if (!host) return false;
   std::string_view rest = setCookieValue;
@@ -154,9 +117,11 @@ bool ZRBHTTPCookieStorage::setCookieFromHeader(const ZRBURL& url, const std::str
   cookie.name = std::string(trim(pair.substr(0, equals)));
   cookie.value = std::string(trim(pair.substr(equals + 1)));
   cookie.domain = *host;
+  // The default path is the request path up to its last "/".
   std::string requestPath = url.percentEncodedPath();
   std::size_t lastSlash = requestPath.rfind('/');
   cookie.path = lastSlash == std::string::npos || lastSlash == 0 ? "/" : requestPath.substr(0, lastSlash);
+  std::optional<std::int64_t> maxAge;
   while (semicolon != std::string_view::npos) {
     rest.remove_prefix(semicolon + 1);
     semicolon = rest.find(';');
@@ -167,7 +132,7 @@ bool ZRBHTTPCookieStorage::setCookieFromHeader(const ZRBURL& url, const std::str
         eq == std::string_view::npos ? std::string_view() : trim(attribute.substr(eq + 1));
     if (equalsIgnoringCase(name, "Domain") && !value.empty()) {
       std::string domain(value.starts_with('.') ? value.substr(1) : value);
-      // A server may only set cookies for its own domain or a parent of it.
+      // A server may set cookies for its own domain or a parent of it only.
       if (!domainMatches(*host, "." + domain)) return false;
       cookie.domain = "." + domain;
     } else if (equalsIgnoringCase(name, "Path") && value.starts_with('/')) {
@@ -178,18 +143,19 @@ bool ZRBHTTPCookieStorage::setCookieFromHeader(const ZRBURL& url, const std::str
       cookie.HTTPOnly = true;
     } else if (equalsIgnoringCase(name, "Max-Age")) {
       std::int64_t seconds = 0;
-      std::from_chars(value.data(), value.data() + value.size(), seconds);
-      cookie.expiresDate = std::int64_t(time(nullptr)) + seconds;
+      if (std::from_chars(value.data(), value.data() + value.size(), seconds).ec == std::errc())
+        maxAge = seconds;
+    } else if (equalsIgnoringCase(name, "Expires") && !cookie.expiresDate) {
+      cookie.expiresDate = parseHTTPDate(value);
     }
   }
-  setCookie(cookie);
+  // Max-Age wins over Expires.
+  if (maxAge) cookie.expiresDate = now() + *maxAge;
+  setCookie(std::move(cookie));
   return true;
 }
 
 void ZRBHTTPCookieStorage::deleteAllCookies() {
-  std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
-  if (!easy) return;
-  curl_easy_setopt(easy.get(), CURLOPT_SHARE, share_);
-  curl_easy_setopt(easy.get(), CURLOPT_COOKIELIST, "ALL");
-  curl_easy_setopt(easy.get(), CURLOPT_SHARE, nullptr);
+  std::lock_guard lock(mutex_);
+  cookies_.clear();
 }

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/object.h"
@@ -30,28 +31,23 @@ class ZRBHTTPCookieStorage final : public ZRBObject {
   static const std::shared_ptr<ZRBHTTPCookieStorage>& sharedHTTPCookieStorage();
   static std::shared_ptr<ZRBHTTPCookieStorage> make();
 
-  ZRBHTTPCookieStorage();
-  ~ZRBHTTPCookieStorage() override;
-
+  // Every unexpired cookie, in the order stored.
   std::vector<ZRBHTTPCookie> cookies() const;
-  // The cookies a request to `url` would carry.
+  // The cookies a request to `url` carries: domain and path match, secure ones only over https.
   std::vector<ZRBHTTPCookie> cookiesForURL(const ZRBURL& url) const;
-  // Stores a cookie as if `url` had answered with this Set-Cookie value. False when it was refused.
-  bool setCookieFromHeader(const ZRBURL& url, const std::string& setCookieValue);
-  void setCookie(const ZRBHTTPCookie& cookie);
+  // The "Cookie" field for a request to `url`, nullopt when no cookie applies.
+  std::optional<std::string> cookieHeaderForURL(const ZRBURL& url) const;
+  // Stores a cookie as if `url` had answered with this Set-Cookie value (Domain, Path, Secure,
+  // HttpOnly, Max-Age and Expires are understood). False when it was refused: no name, or a
+  // domain that is not the host's own or a parent of it.
+  bool setCookieFromHeader(const ZRBURL& url, std::string_view setCookieValue);
+  // Replaces the cookie of the same name, domain and path; an expired one just removes it.
+  void setCookie(ZRBHTTPCookie cookie);
   void deleteAllCookies();
 
   std::string className() const override { return "ZRBHTTPCookieStorage"; }
 
-  // The transport attaches requests to this handle (a libcurl share handle).
-  void* shareHandle() const { return share_; }
-
  private:
-  void* share_;
-  // libcurl locks the cookie data and its own share state separately, sometimes one inside the
-  // other, so each has a mutex.
-  std::mutex cookieLock_;
-  std::mutex shareLock_;
-
-  friend struct ZRBHTTPCookieStorageLocking;
+  mutable std::mutex mutex_;
+  std::vector<ZRBHTTPCookie> cookies_;
 };

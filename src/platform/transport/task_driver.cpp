@@ -276,10 +276,8 @@ void ZRBURLSessionTaskDriver::startAttempt() {
   }
   setup.additionalHeaders = configuration.HTTPAdditionalHeaders();
   setup.connectTimeoutMilliseconds = long(idleTimeout_ * 1000);
-  auto storage = configuration.HTTPCookieStorage();
-  if (storage && request_ && request_->HTTPShouldHandleCookies() && configuration.HTTPShouldSetCookies() &&
-      configuration.HTTPCookieAcceptPolicy() != ZRBHTTPCookieAcceptPolicyNever) {
-    setup.cookieShare = storage->shareHandle();
+  if (auto storage = cookieStorage(); storage && request_->URL()) {
+    setup.cookieHeader = storage->cookieHeaderForURL(*request_->URL());
   }
   setup.proxyDictionary = configuration.connectionProxyDictionary();
   setup.streamWeight = long(1 + task_->priority() * 255);
@@ -367,8 +365,24 @@ void ZRBURLSessionTaskDriver::withNewBodyStream(std::function<void()> then) {
 
 // ---- the response ----
 
-void ZRBURLSessionTaskDriver::transferDidReceiveResponse(ZRBTransfer&, ZRBHTTPURLResponsePtr response) {
+std::shared_ptr<ZRBHTTPCookieStorage> ZRBURLSessionTaskDriver::cookieStorage() const {
+  const auto& configuration = session_->configurationRef();
+  auto storage = configuration.HTTPCookieStorage();
+  bool handles = storage && request_ && request_->HTTPShouldHandleCookies() &&
+                 configuration.HTTPShouldSetCookies() &&
+                 configuration.HTTPCookieAcceptPolicy() != ZRBHTTPCookieAcceptPolicyNever;
+  return handles ? storage : nullptr;
+}
+
+void ZRBURLSessionTaskDriver::transferDidReceiveResponse(ZRBTransfer& transfer,
+                                                         ZRBHTTPURLResponsePtr response) {
   lastActivity_ = Clock::now();
+  // Cookies count from every head, redirects included.
+  if (!transfer.setCookies().empty()) {
+    if (auto storage = cookieStorage(); storage && currentURL()) {
+      for (const auto& value : transfer.setCookies()) storage->setCookieFromHeader(*currentURL(), value);
+    }
+  }
   long status = response->statusCode();
   if (isRedirectStatus(status) && response->valueForHTTPHeaderField("Location")) {
     hold_ = Hold::Redirect;

@@ -19,6 +19,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/http_cookie_storage.h"
 #include "platform/stream.h"
 #include "platform/transport/resume_data.h"
 #include "platform/transport/transfer.h"
@@ -87,6 +88,7 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
   ZRBErrorPtr failureFor(ZRBTransfer& transfer, int curlCode);
   void finish(ZRBErrorPtr error);
   void unpauseIfRunnable();
+  std::shared_ptr<ZRBHTTPCookieStorage> cookieStorage() const;
   ZRBURLPtr currentURL() const { return request_ ? request_->URL() : nullptr; }
 
   std::shared_ptr<ZRBTransport> transport_;

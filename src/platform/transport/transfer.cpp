@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -121,10 +122,6 @@ ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
   curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &ZRBTransfer::onSSLContext);
   curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
 
-  if (setup.cookieShare) {
-    curl_easy_setopt(easy, CURLOPT_SHARE, setup.cookieShare);
-    curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");
-  }
   if (auto proxy = proxyFor(setup.proxyDictionary, lowerScheme == "https")) {
     curl_easy_setopt(easy, CURLOPT_PROXY, proxy->c_str());
   }
@@ -176,6 +173,11 @@ void ZRBTransfer::applyHeaders(const ZRBTransferSetup& setup, bool hasBody) {
     }
   }
   for (const auto& [name, value] : setup.overrideHeaders.fields()) fields.set(name, value);
+  // Stored cookies join a Cookie field of the request's own.
+  if (setup.cookieHeader) {
+    auto own = fields.value("Cookie");
+    fields.set("Cookie", own ? *own + "; " + *setup.cookieHeader : *setup.cookieHeader);
+  }
   // The body's length is the transfer's business: a Content-Length of the request was read in
   // prepare() and libcurl writes the header itself.
   fields.remove("Content-Length");
@@ -243,6 +245,7 @@ std::size_t ZRBTransfer::header(std::string_view line) {
   if (line.starts_with("HTTP/")) {
     // A new head: an interim 1xx one may come before the final one.
     fields_.clear();
+    setCookies_.clear();
     std::string_view rest = line.substr(5);
     std::size_t space = rest.find(' ');
     version_ = "HTTP/" + std::string(rest.substr(0, space));
@@ -267,7 +270,10 @@ std::size_t ZRBTransfer::header(std::string_view line) {
   }
   std::size_t colon = content.find(':');
   if (colon != std::string_view::npos && colon > 0) {
-    fields_.add(trimmed(content.substr(0, colon)), trimmed(content.substr(colon + 1)));
+    std::string_view name = trimmed(content.substr(0, colon));
+    std::string_view value = trimmed(content.substr(colon + 1));
+    fields_.add(name, value);
+    if (name.size() == 10 && strncasecmp(name.data(), "Set-Cookie", 10) == 0) setCookies_.emplace_back(value);
   }
   return line.size();
 }

@@ -16,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/error.h"
 #include "platform/http_header_fields.h"
@@ -63,8 +64,8 @@ struct ZRBTransferSetup {
   // Extra fields set on top of the request's (Range, If-Range of a resumed download).
   ZRBHTTPHeaderFields overrideHeaders;
   long connectTimeoutMilliseconds = 60000;
-  void* cookieShare = nullptr;  // null: no cookie handling
-  ZRBValue proxyDictionary;     // absent: proxies from the environment
+  std::optional<std::string> cookieHeader;  // the "Cookie" field, when cookies are handled
+  ZRBValue proxyDictionary;                 // absent: proxies from the environment
   long streamWeight = 16;
   long receiveBufferSize = 0;  // 0: libcurl's default
   bool decodeContent = true;
@@ -102,6 +103,9 @@ class ZRBTransfer {
   const char* errorDetail() const { return errorBuffer_; }
   // The head arrived (a final response was reported).
   bool receivedResponse() const { return receivedResponse_; }
+  // The Set-Cookie fields of the final head, one entry each (a joined field would be ambiguous,
+  // dates carry commas).
+  const std::vector<std::string>& setCookies() const { return setCookies_; }
 
   // ---- for the transport ----
   void done(int curlCode);
@@ -146,5 +150,6 @@ class ZRBTransfer {
   ZRBHTTPHeaderFields fields_;
   std::size_t headBytes_ = 0;
   bool headTooLarge_ = false;
+  std::vector<std::string> setCookies_;
   bool receivedResponse_ = false;
 };
