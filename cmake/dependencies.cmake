@@ -4,5 +4,9 @@ find_package(Threads REQUIRED)
 find_package(OpenSSL 3 REQUIRED)
 find_package(simdjson REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+# PCRE2 (8-bit code units) runs the request layer's URL host extractors.
+pkg_check_modules(PCRE2 REQUIRED IMPORTED_TARGET libpcre2-8)
 # Asio (queues, timers) is header-only; Boost.URL is a compiled library.
 find_package(Boost 1.81 REQUIRED COMPONENTS url)
+# The URL loading service runs on libcurl (multi interface) over OpenSSL.
+find_package(CURL REQUIRED)

@@ -9,7 +9,7 @@ packages=(
   g++ make cmake ninja-build pkg-config ccache
   # library dependencies
   libssl-dev ca-certificates libsimdjson-dev libplist-dev libboost1.81-dev libboost-url1.81-dev
-  media-types gettext
+  media-types gettext libpcre2-dev
   # input of the domain registry's generated tables
   publicsuffix
   # tests and benchmarks

@@ -48,5 +48,10 @@ class ZRBHTTPCookieStorage final : public ZRBObject {
 
  private:
   void* share_;
-  mutable std::mutex mutex_;
+  // libcurl locks the cookie data and its own share state separately, sometimes one inside the
+  // other, so each has a mutex.
+  std::mutex cookieLock_;
+  std::mutex shareLock_;
+
+  friend struct ZRBHTTPCookieStorageLocking;
 };

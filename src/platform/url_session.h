@@ -37,6 +37,7 @@
 #include "platform/value.h"
 
 class ZRBTransport;
+class ZRBURLSessionTaskDriver;
 
 using ZRBURLSessionDataCompletion =
     std::function<void(ZRBValue data, ZRBURLResponsePtr response, ZRBErrorPtr error)>;
@@ -118,10 +119,15 @@ class ZRBURLSession final : public ZRBObject {
   ZRBTransport& transport();
   // The task has completed: drop it, and finish the invalidation when it was the last one.
   void taskDidFinish(const ZRBURLSessionTask& task);
+  // A data task whose delegate answered "become download": a new download task, with its own
+  // identifier, that carries on with the same driver.
+  ZRBURLSessionDownloadTaskPtr adoptAsDownloadTask(const ZRBURLSessionTaskPtr& dataTask,
+                                                   std::shared_ptr<ZRBURLSessionTaskDriver> driver);
 
  private:
+  struct TaskBody;
   template <typename Task>
-  std::shared_ptr<Task> makeTask(ZRBURLSessionTask::Kind kind, ZRBURLRequestPtr request);
+  std::shared_ptr<Task> makeTask(ZRBURLSessionTask::Kind kind, ZRBURLRequestPtr request, TaskBody body);
   void checkNotInvalidated() const;
   void becomeInvalidIfDone();  // with mutex_ held
   ZRBURLSessionDownloadTaskPtr makeResumedDownload(const ZRBValue& resumeData);

@@ -1,0 +1,160 @@
+#include "platform/transport/transport.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "platform/transport/transfer.h"
+
+namespace {
+constexpr auto kTimeoutCheckInterval = std::chrono::milliseconds(100);
+constexpr std::size_t kEasyPoolLimit = 64;
+
+// libcurl's global set-up is not thread-safe; do it once before the first handle.
+void initializeCurlOnce() {
+  static const bool initialized = [] { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }();
+  (void)initialized;
+}
+}  // namespace
+
+std::shared_ptr<ZRBTransport> ZRBTransport::make(const ZRBTransportOptions& options) {
+  auto transport = std::make_shared<ZRBTransport>(options);
+  // The thread holds the transport until it has stopped, so a transport released from its own
+  // thread (the last task completing) outlives the loop that is running it.
+  transport->thread_ = std::thread([self = transport] { self->run(); });
+  transport->threadID_ = transport->thread_.get_id();
+  return transport;
+}
+
+ZRBTransport::ZRBTransport(const ZRBTransportOptions& options) {
+  initializeCurlOnce();
+  multi_ = curl_multi_init();
+  curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, std::max(1L, options.maximumConnectionsPerHost));
+  curl_multi_setopt(multi_, CURLMOPT_PIPELINING, long(CURLPIPE_MULTIPLEX));
+}
+
+ZRBTransport::~ZRBTransport() {
+  for (CURL* easy : pool_) curl_easy_cleanup(easy);
+  curl_multi_cleanup(multi_);
+}
+
+void ZRBTransport::post(std::function<void()> work) {
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_) return;
+    posted_.push_back(std::move(work));
+  }
+  curl_multi_wakeup(multi_);
+}
+
+void ZRBTransport::shutdown() {
+  {
+    std::lock_guard lock(mutex_);
+    if (stopping_) return;
+    stopping_ = true;
+  }
+  curl_multi_wakeup(multi_);
+  if (!thread_.joinable()) return;
+  if (isTransportThread()) {
+    thread_.detach();
+  } else {
+    thread_.join();
+  }
+}
+
+void ZRBTransport::add(ZRBTransfer& transfer) {
+  active_.push_back(&transfer);
+  curl_multi_add_handle(multi_, transfer.easy());
+}
+
+void ZRBTransport::remove(ZRBTransfer& transfer) {
+  auto found = std::find(active_.begin(), active_.end(), &transfer);
+  if (found == active_.end()) return;
+  active_.erase(found);
+  curl_multi_remove_handle(multi_, transfer.easy());
+}
+
+CURL* ZRBTransport::takeEasyHandle() {
+  if (pool_.empty()) return curl_easy_init();
+  CURL* easy = pool_.back();
+  pool_.pop_back();
+  return easy;
+}
+
+void ZRBTransport::returnEasyHandle(CURL* easy) {
+  if (!easy) return;
+  if (pool_.size() >= kEasyPoolLimit) {
+    curl_easy_cleanup(easy);
+    return;
+  }
+  // Options go, the handle's DNS and TLS session caches stay.
+  curl_easy_reset(easy);
+  pool_.push_back(easy);
+}
+
+void ZRBTransport::run() {
+  for (;;) {
+    runPostedWork();
+    {
+      std::lock_guard lock(mutex_);
+      if (stopping_ && posted_.empty()) break;
+    }
+    int running = 0;
+    curl_multi_perform(multi_, &running);
+    finishDoneTransfers();
+    checkTimeouts();
+
+    long timeout = -1;
+    curl_multi_timeout(multi_, &timeout);
+    if (timeout < 0 || timeout > kTimeoutCheckInterval.count()) timeout = kTimeoutCheckInterval.count();
+    if (!active_.empty() || timeout > 0) {
+      std::lock_guard lock(mutex_);
+      if (!posted_.empty()) timeout = 0;
+    }
+    if (timeout > 0) curl_multi_poll(multi_, nullptr, 0, int(timeout), nullptr);
+  }
+  // Transfers still here belong to tasks that were never finished (the session went away); they
+  // are dropped without callbacks.
+  for (ZRBTransfer* transfer : std::vector<ZRBTransfer*>(active_)) transfer->abandon();
+  active_.clear();
+}
+
+void ZRBTransport::runPostedWork() {
+  std::vector<std::function<void()>> work;
+  {
+    std::lock_guard lock(mutex_);
+    work.swap(posted_);
+  }
+  for (auto& item : work) {
+    try {
+      item();
+    } catch (const std::exception& exception) {
+      std::fprintf(stderr, "ORVELKIT: transport work threw: %s\n", exception.what());
+    }
+  }
+}
+
+void ZRBTransport::finishDoneTransfers() {
+  int queued = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    ZRBTransfer* transfer = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&transfer));
+    CURLcode result = message->data.result;
+    if (!transfer) continue;
+    remove(*transfer);
+    // May delete the transfer or start new ones.
+    transfer->done(result);
+  }
+}
+
+void ZRBTransport::checkTimeouts() {
+  auto now = std::chrono::steady_clock::now();
+  if (now < nextTimeoutCheck_) return;
+  nextTimeoutCheck_ = now + kTimeoutCheckInterval;
+  // A check may finish a transfer, which removes it from active_.
+  for (ZRBTransfer* transfer : std::vector<ZRBTransfer*>(active_)) {
+    if (std::find(active_.begin(), active_.end(), transfer) != active_.end()) transfer->checkTimeouts(now);
+  }
+}
