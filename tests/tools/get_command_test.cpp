@@ -1,13 +1,17 @@
 // `orvel get` end to end: the built program against the loopback test server, checked by what it
 // prints, the files it leaves and what the server received.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/test_pki.h"
@@ -280,6 +284,46 @@ TEST(OrvelGetResume, APartialFileWithoutResumeDataIsContinuedWithRange) {
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_NE(run.err.find("is complete already"), std::string::npos) << run.err;
   EXPECT_EQ(std::filesystem::file_size(output), kSize);
+}
+
+TEST(OrvelGetResume, CtrlCKeepsResumeDataForTheNextRun) {
+  constexpr std::uint64_t kSize = 3 << 20;
+  ZRBTestServer server;
+  ZRBTestRangeOptions options{.body = ZRBTestBodySource::pattern(kSize), .etag = std::string("\"v2\"")};
+  options.shape.bytesPerSecond = 2 << 20;
+  options.shape.chunkSize = 16 * 1024;
+  server.serveRanges("/slow.bin", options);
+  server.start();
+  TemporaryDirectory directory;
+  auto output = (directory.path / "slow.bin").string();
+  auto errors = directory.path / "stderr";
+  auto url = server.url("/slow.bin");
+
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    int fd = open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(fd, STDERR_FILENO);
+    execl(ORVEL_PROGRAM_PATH, "orvel", "get", "-o", output.c_str(), url.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  ASSERT_TRUE(server.waitForRequests(1));
+  std::this_thread::sleep_for(std::chrono::milliseconds(400));  // part of the body is in, not all
+  kill(child, SIGINT);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 130);
+  auto messages = readFile(errors);
+  EXPECT_NE(messages.find("interrupted; run again with -C"), std::string::npos) << messages;
+  ASSERT_TRUE(std::filesystem::exists(output + ".orvel-resume"));
+
+  auto run = orvelGet({"-C", "-o", output, url});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(ZRBTestSHA256Hex(readFile(output)), ZRBTestPatternSHA256(0, kSize));
+  auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[1].header("If-Range"), "\"v2\"");
 }
 
 }  // namespace

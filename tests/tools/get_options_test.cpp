@@ -34,6 +34,10 @@ TEST(OrvelGetOptions, EveryOptionSpellingReachesItsField) {
                 o.outputPath == "f";
        }},
       {{"-C", "-o", "f", "http://h/"}, [](auto& o) { return o.resume; }},
+      // curl's "-C -" spelling; the dash is not taken for the URL.
+      {{"-C", "-", "-o", "f", "http://h/"}, [](auto& o) { return o.resume && o.url == "http://h/"; }},
+      {{"-sC", "-", "-o", "f", "http://h/"}, [](auto& o) { return o.resume && o.url == "http://h/"; }},
+      {{"--continue-at", "-", "-o", "f", "http://h/"}, [](auto& o) { return o.resume; }},
       {{"--cacert", "ca.pem", "https://h/"}, [](auto& o) { return o.caCertificatePath == "ca.pem"; }},
       {{"-XPUT", "http://h/"}, [](auto& o) { return o.method == "PUT"; }},
       {{"-d", "a=1", "--data=b=2", "http://h/"},

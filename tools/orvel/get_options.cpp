@@ -38,6 +38,8 @@ struct Option {
   bool takesValue;
   // Returns false (with `error` set) when the value is unusable.
   bool (*apply)(OrvelGetOptions& options, std::string_view value, std::string& error);
+  // curl spells "resume where the file ends" as "-C -"; the "-" is taken when it follows.
+  bool takesOptionalDash = false;
 };
 
 constexpr Option kOptions[] = {
@@ -53,7 +55,7 @@ constexpr Option kOptions[] = {
     {'L', "location", false,
      [](OrvelGetOptions& o, std::string_view, std::string&) { return o.followRedirects = true; }},
     {'C', "continue-at", false,
-     [](OrvelGetOptions& o, std::string_view, std::string&) { return o.resume = true; }},
+     [](OrvelGetOptions& o, std::string_view, std::string&) { return o.resume = true; }, true},
     {'k', "insecure", false,
      [](OrvelGetOptions& o, std::string_view, std::string&) { return o.insecure = true; }},
     {'s', "silent", false,
@@ -177,6 +179,7 @@ std::optional<OrvelGetOptions> orvelParseGetArguments(OrvelArguments arguments, 
         return std::nullopt;
       }
       if (!option->apply(options, value, error)) return std::nullopt;
+      if (option->takesOptionalDash && index + 1 < arguments.size() && arguments[index + 1] == "-") ++index;
       continue;
     }
     // A cluster of short options ("-sfL"); one that takes a value ends the cluster.
@@ -194,6 +197,11 @@ std::optional<OrvelGetOptions> orvelParseGetArguments(OrvelArguments arguments, 
         at = argument.size();
       }
       if (!option->apply(options, value, error)) return std::nullopt;
+      bool lastInCluster = at + 1 == argument.size();
+      if (option->takesOptionalDash && lastInCluster && index + 1 < arguments.size() &&
+          arguments[index + 1] == "-") {
+        ++index;
+      }
     }
   }
 
@@ -231,7 +239,7 @@ const char* orvelGetUsage() {
          "  -H, --header 'N: v'  send a header field (repeatable; 'N:' removes one, 'N;' sends it empty)\n"
          "  -f, --fail           fail with exit status 22 on HTTP status 400 or above\n"
          "  -L, --location       follow redirects\n"
-         "  -C, --continue-at    resume an interrupted download to -o FILE\n"
+         "  -C, --continue-at [-] resume an interrupted download to -o FILE\n"
          "      --cacert FILE    trust the PEM certificates in FILE instead of the system's\n"
          "  -k, --insecure       accept any server certificate\n"
          "  -s, --silent         no progress bar\n"
