@@ -2,6 +2,7 @@
 // prints, the files it leaves and what the server received.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -128,6 +129,7 @@ TEST_F(OrvelGetHTTPS, DownloadsIntoAFileAndFailsOnHTTPErrorsOnlyWithF) {
   auto run = orvelGet({"--cacert", root(), "-o", output.string(), server_.url("/big.bin")});
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err, "");  // no progress bar when standard error is not a terminal
   EXPECT_EQ(ZRBTestSHA256Hex(readFile(output)), ZRBTestPatternSHA256(0, kSize, 7));
 
   run = orvelGet({"--cacert", root(), "-f", server_.url("/missing")});
@@ -324,6 +326,56 @@ TEST(OrvelGetResume, CtrlCKeepsResumeDataForTheNextRun) {
   auto requests = server.requests();
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[1].header("If-Range"), "\"v2\"");
+}
+
+// What `orvel get ARGUMENTS...` writes to standard error when that is a terminal (standard output
+// goes to /dev/null).
+std::string stderrOnATerminal(const std::vector<std::string>& arguments) {
+  std::vector<std::string> words{"orvel", "get"};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  int master = -1;
+  pid_t child = forkpty(&master, nullptr, nullptr, nullptr);
+  if (child < 0) return "forkpty failed";
+  if (child == 0) {
+    int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDOUT_FILENO);
+    execv(ORVEL_PROGRAM_PATH, argv.data());
+    _exit(127);
+  }
+  std::string text;
+  char buffer[4096];
+  for (ssize_t n; (n = read(master, buffer, sizeof buffer)) > 0;)
+    text.append(buffer, static_cast<std::size_t>(n));
+  close(master);
+  int status = 0;
+  waitpid(child, &status, 0);
+  return text;
+}
+
+TEST(OrvelGet, DrawsProgressBarsForLongTransfersOnATerminal) {
+  constexpr std::uint64_t kSize = 4 << 20;
+  ZRBTestServer server;
+  server.respond("GET", "/big.bin", ZRBTestResponse::generated(kSize));
+  server.uploadSink("/sink");
+  server.start();
+  TemporaryDirectory directory;
+  auto file = directory.path / "upload.bin";
+  writeFile(file, ZRBTestPatternBytes(0, kSize));
+
+  auto download = stderrOnATerminal({"-o", (directory.path / "down.bin").string(), server.url("/big.bin")});
+  EXPECT_NE(download.find("\r[==="), std::string::npos) << download;
+  EXPECT_NE(download.find("100%  4.0 MiB / 4.0 MiB"), std::string::npos) << download;
+
+  auto upload = stderrOnATerminal({"-F", "file=@" + file.string(), server.url("/sink")});
+  EXPECT_NE(upload.find("\rupload ["), std::string::npos) << upload;
+  EXPECT_NE(upload.find("100%  4.0 MiB / 4.0 MiB"), std::string::npos) << upload;
+
+  // -s keeps the terminal quiet.
+  EXPECT_EQ(stderrOnATerminal({"-s", "-o", (directory.path / "quiet.bin").string(), server.url("/big.bin")}),
+            "");
 }
 
 }  // namespace
