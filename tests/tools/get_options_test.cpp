@@ -27,6 +27,7 @@ TEST(OrvelGetOptions, EveryOptionSpellingReachesItsField) {
       {{"-oout.bin", "http://h/"}, [](auto& o) { return o.outputPath == "out.bin"; }},
       {{"--output=out.bin", "http://h/"}, [](auto& o) { return o.outputPath == "out.bin"; }},
       {{"http://h/", "--output", "out.bin"}, [](auto& o) { return o.outputPath == "out.bin"; }},
+      {{"-o", "x", "-o", "-", "http://h/"}, [](auto& o) { return !o.outputPath; }},
       // A cluster of flags; the one taking a value ends it.
       {{"-sfLiko", "f", "http://h/"},
        [](auto& o) {

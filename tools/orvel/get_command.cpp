@@ -89,7 +89,9 @@ int orvelGetCommand(OrvelArguments arguments) {
   settings.followRedirects = options->followRedirects;
   settings.insecure = options->insecure;
   settings.outputPath = options->outputPath;
-  settings.showProgress = !options->silent && isatty(fileno(stderr)) != 0;
+  // Like curl, no bar when the body itself goes to the same terminal.
+  bool bodyOnTerminal = !options->outputPath && isatty(fileno(stdout)) != 0;
+  settings.showProgress = !options->silent && isatty(fileno(stderr)) != 0 && !bodyOnTerminal;
   if (options->caCertificatePath) {
     auto pem = orvelReadFile(*options->caCertificatePath);
     if (pem) settings.anchors = ZRBSecCertificate::createAllWithPEM(*pem);

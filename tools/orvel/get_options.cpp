@@ -45,7 +45,8 @@ struct Option {
 constexpr Option kOptions[] = {
     {'o', "output", true,
      [](OrvelGetOptions& o, std::string_view v, std::string&) {
-       o.outputPath = std::string(v);
+       // "-o -" is standard output, as with curl.
+       o.outputPath = v == "-" ? std::nullopt : std::optional<std::string>(v);
        return true;
      }},
     {'i', "include", false,
