@@ -11,7 +11,7 @@
 #include "platform/property_list_serialization.h"
 #include "platform/url_session.h"
 #include "support/test_server.h"
-#include "url_session_support.h"
+#include "support/recording_delegate.h"
 
 namespace {
 

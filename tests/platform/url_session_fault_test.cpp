@@ -8,7 +8,7 @@
 
 #include "platform/url_session.h"
 #include "support/test_server.h"
-#include "url_session_support.h"
+#include "support/recording_delegate.h"
 
 namespace {
 

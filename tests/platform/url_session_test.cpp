@@ -13,7 +13,7 @@
 #include "platform/http_cookie_storage.h"
 #include "platform/json_serialization.h"
 #include "support/test_server.h"
-#include "url_session_support.h"
+#include "support/recording_delegate.h"
 
 namespace {
 

@@ -548,12 +548,10 @@ bool ZRBURLSessionTaskDriver::consumeBody(const char* data, std::size_t length) 
 
 bool ZRBURLSessionTaskDriver::openDownloadFile(const ZRBHTTPURLResponse& response) {
   std::int64_t offset = 0;
-  bool resumed = false;
   if (resumeInfo_) {
     auto start = contentRangeStart(response.valueForHTTPHeaderField("Content-Range"));
     if (response.statusCode() == 206 && start && *start == resumeInfo_->bytesReceived) {
       offset = *start;
-      resumed = true;
     } else if (response.statusCode() == 206) {
       abortError_ = ZRBTransportError(ZRBURLErrorBadServerResponse, currentURL());
       return false;
@@ -597,7 +595,6 @@ bool ZRBURLSessionTaskDriver::openDownloadFile(const ZRBHTTPURLResponse& respons
         delegate.downloadTaskDidResume(session, task, offset, total);
       });
     }
-    (void)resumed;
     resumeInfo_.reset();
   }
   return true;

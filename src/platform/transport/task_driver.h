@@ -48,7 +48,6 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
   void suspend();
   void cancel();
   void cancelProducingResumeData(std::function<void(ZRBValue)> completion);
-  void priorityChanged() {}
 
   // ---- ZRBTransferClient (transport thread) ----
   void transferDidReceiveResponse(ZRBTransfer& transfer, ZRBHTTPURLResponsePtr response) override;

@@ -9,6 +9,7 @@
 
 namespace {
 constexpr auto kTimeoutCheckInterval = std::chrono::milliseconds(100);
+constexpr auto kIdleWait = std::chrono::milliseconds(5000);
 constexpr std::size_t kEasyPoolLimit = 64;
 
 // libcurl's global set-up is not thread-safe; do it once before the first handle.
@@ -107,8 +108,11 @@ void ZRBTransport::run() {
 
     long timeout = -1;
     curl_multi_timeout(multi_, &timeout);
-    if (timeout < 0 || timeout > kTimeoutCheckInterval.count()) timeout = kTimeoutCheckInterval.count();
-    if (!active_.empty() || timeout > 0) {
+    // With transfers running, timeouts are checked at least every interval; an idle transport
+    // sleeps until work is posted (or libcurl wants to close idle connections).
+    long limit = active_.empty() ? kIdleWait.count() : kTimeoutCheckInterval.count();
+    if (timeout < 0 || timeout > limit) timeout = limit;
+    {
       std::lock_guard lock(mutex_);
       if (!posted_.empty()) timeout = 0;
     }
