@@ -19,8 +19,9 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS)
 
+# Version and settings, then two fetches over HTTPS from an in-process loopback server.
 demo: build
-	@$(BUILD_DIR)/tools/orvel/orvel
+	@$(BUILD_DIR)/tools/orvel-demo/orvel-demo
 
 test: build
 	@ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)

@@ -19,6 +19,8 @@ constexpr Command kCommands[] = {
     {"pins", "print the public-key pins of the certificates in PEM or DER files", orvelPinsCommand},
     {"suffix", "print the public-suffix length and registrable domain of host names", orvelSuffixCommand},
     {"pinning-config", "check a pinning configuration and print it normalised", orvelPinningConfigCommand},
+    {"get", "fetch a URL: the body to standard output or a file (curl-like options, see get -h)",
+     orvelGetCommand},
 };
 
 void printUsage(std::FILE* out) {

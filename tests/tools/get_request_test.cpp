@@ -1,0 +1,171 @@
+// The requests `orvel get` builds from its options: where -d fields go, --json and -F bodies,
+// authorization and -H fields.
+#include "orvel/get_request.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "http/multipart_body_stream.h"
+#include "platform/crypto.h"
+#include "platform/json_serialization.h"
+#include "platform/stream.h"
+#include "platform/url.h"
+#include "support/test_pki.h"
+
+namespace {
+
+OrvelGetRequest build(const std::vector<std::string_view>& words) {
+  std::string error;
+  auto options = orvelParseGetArguments(OrvelArguments(words), error);
+  EXPECT_TRUE(options) << error;
+  if (!options) return {};
+  auto built = orvelBuildGetRequest(*options, error);
+  EXPECT_TRUE(built) << error;
+  return built.value_or(OrvelGetRequest{});
+}
+
+std::string buildError(const std::vector<std::string_view>& words) {
+  std::string error;
+  auto options = orvelParseGetArguments(OrvelArguments(words), error);
+  EXPECT_TRUE(options) << error;
+  EXPECT_FALSE(options && orvelBuildGetRequest(*options, error));
+  return error;
+}
+
+std::string body(const ZRBURLRequestPtr& request) {
+  auto bytes = request->HTTPBody().bytes();
+  return std::string(bytes.begin(), bytes.end());
+}
+
+std::string readAll(const ZRBInputStreamPtr& stream) {
+  std::string text;
+  stream->open();
+  std::uint8_t buffer[4096];
+  for (long n; (n = stream->read(buffer, sizeof buffer)) > 0;)
+    text.append(reinterpret_cast<char*>(buffer), n);
+  stream->close();
+  return text;
+}
+
+TEST(OrvelGetRequest, DataFieldsGoIntoTheQueryOrAFormBodyByMethod) {
+  struct Case {
+    std::vector<std::string_view> words;
+    std::string method;
+    std::string url;
+    std::optional<std::string> body;  // nullopt: no body at all
+  };
+  const Case cases[] = {
+      // A body makes a POST, as with curl.
+      {{"-d", "b=2", "-d", "a=x y", "http://h/p"}, "POST", "http://h/p", "a=x%20y&b=2"},
+      {{"-XPUT", "-d", "a=1", "http://h/p"}, "PUT", "http://h/p", "a=1"},
+      // GET (with -G), HEAD and DELETE put them into the query, after an existing one.
+      {{"-G", "-d", "a=1", "http://h/p?q=0"}, "GET", "http://h/p?q=0&a=1", std::nullopt},
+      {{"-XHEAD", "-d", "a=1", "http://h/p"}, "HEAD", "http://h/p?a=1", std::nullopt},
+      {{"-XDELETE", "-d", "id=7", "http://h/p"}, "DELETE", "http://h/p?id=7", std::nullopt},
+      // -G moves any method's fields into the query.
+      {{"-G", "-XPOST", "-d", "a=1", "http://h/p"}, "POST", "http://h/p?a=1", std::nullopt},
+      // A repeated key repeats; a bare key goes without "=".
+      {{"-G", "-d", "t=2", "-d", "t=1", "-d", "flag", "http://h/"},
+       "GET",
+       "http://h/?flag&t=1&t=2",
+       std::nullopt},
+      {{"http://h/plain"}, "GET", "http://h/plain", std::nullopt},
+  };
+  for (const auto& testCase : cases) {
+    auto built = build(testCase.words);
+    ASSERT_TRUE(built.request);
+    EXPECT_EQ(built.request->HTTPMethod(), testCase.method) << testCase.url;
+    EXPECT_EQ(built.request->URL()->absoluteString(), testCase.url);
+    EXPECT_FALSE(built.streamedBody);
+    if (testCase.body) {
+      EXPECT_EQ(body(built.request), *testCase.body);
+      EXPECT_EQ(built.request->valueForHTTPHeaderField("Content-Type"), "application/x-www-form-urlencoded");
+    } else {
+      EXPECT_TRUE(built.request->HTTPBody().isAbsent()) << testCase.url;
+    }
+  }
+}
+
+TEST(OrvelGetRequest, JSONBodyIsParsedAndWrittenByTheJSONSerializer) {
+  auto built = build({"--json", R"({"name": "ann", "n": [1, 2]})", "http://h/api"});
+  ASSERT_TRUE(built.request);
+  EXPECT_EQ(built.request->HTTPMethod(), "POST");
+  EXPECT_EQ(built.request->valueForHTTPHeaderField("Content-Type"), "application/json");
+  EXPECT_EQ(built.request->valueForHTTPHeaderField("Accept"), "application/json");
+  EXPECT_EQ(ZRBJSONSerialization::JSONObjectWithData(body(built.request)),
+            ZRBValue::dictionary({{"name", ZRBValue("ann")}, {"n", ZRBValue::array({1, 2})}}));
+
+  // -H wins over what the serializer set.
+  built = build({"--json", "[1]", "-H", "Content-Type: application/vnd.x+json", "http://h/api"});
+  EXPECT_EQ(built.request->valueForHTTPHeaderField("Content-Type"), "application/vnd.x+json");
+
+  auto error = buildError({"--json", "{\"a\": }", "http://h/api"});
+  EXPECT_NE(error.find("--json"), std::string::npos) << error;
+  EXPECT_NE(error.find("line 1"), std::string::npos) << error;
+}
+
+TEST(OrvelGetRequest, UserAndHeaderFieldsOverrideAndRemoveDefaults) {
+  auto built = build(
+      {"-u", "ann:s3cr:et", "-H", "User-Agent:", "-H", "X-Trace: 1", "-H", "Accept-Language;", "http://h/"});
+  ASSERT_TRUE(built.request);
+  // Only the first colon separates the user from the password.
+  EXPECT_EQ(built.request->valueForHTTPHeaderField("Authorization"),
+            "Basic " + ZRBBase64Encode("ann:s3cr:et"));
+  EXPECT_FALSE(built.request->valueForHTTPHeaderField("User-Agent"));
+  EXPECT_EQ(built.request->valueForHTTPHeaderField("X-Trace"), "1");
+  EXPECT_EQ(built.request->valueForHTTPHeaderField("Accept-Language"), "");
+
+  built = build({"-u", "bob", "http://h/"});
+  EXPECT_EQ(built.request->valueForHTTPHeaderField("Authorization"), "Basic " + ZRBBase64Encode("bob:"));
+  // Without -H the serializer's defaults are sent.
+  EXPECT_TRUE(built.request->valueForHTTPHeaderField("User-Agent"));
+}
+
+TEST(OrvelGetRequest, FormFieldsAndFilesStreamAsMultipart) {
+  std::filesystem::path directory = ZRBTestPKI::makeTemporaryDirectory();
+  auto file = directory / "notes.txt";
+  std::ofstream(file) << "file contents\n";
+
+  auto path = "doc=@" + file.string();
+  auto typed = "raw=@" + file.string() + ";type=application/x-notes";
+  auto built = build({"-F", "title=hello", "-F", path, "-F", typed, "http://h/upload"});
+  ASSERT_TRUE(built.request);
+  EXPECT_TRUE(built.streamedBody);
+  EXPECT_EQ(built.request->HTTPMethod(), "POST");
+  auto contentType = built.request->valueForHTTPHeaderField("Content-Type").value_or("");
+  ASSERT_TRUE(contentType.starts_with("multipart/form-data; boundary=")) << contentType;
+  auto boundary = contentType.substr(contentType.find('=') + 1);
+
+  auto text = readAll(built.request->HTTPBodyStream());
+  EXPECT_EQ(std::to_string(text.size()), built.request->valueForHTTPHeaderField("Content-Length"));
+  EXPECT_NE(text.find("name=\"title\"\r\n\r\nhello\r\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("name=\"doc\"; filename=\"notes.txt\"\r\nContent-Type: text/plain"), std::string::npos);
+  EXPECT_NE(text.find("name=\"raw\"; filename=\"notes.txt\"\r\nContent-Type: application/x-notes"),
+            std::string::npos);
+  EXPECT_NE(text.find("file contents\n"), std::string::npos);
+  EXPECT_TRUE(text.ends_with("--" + boundary + "--\r\n")) << text;
+
+  // --throttle: the library's suggested packet size and pause.
+  auto throttled = build({"-F", "title=hello", "--throttle", "http://h/upload"});
+  auto stream = std::dynamic_pointer_cast<ZRBHS_MultipartBodyStream>(throttled.request->HTTPBodyStream());
+  ASSERT_TRUE(stream);
+  EXPECT_EQ(stream->numberOfBytesInPacket(), ZRBHS_kUploadStream3GSuggestedPacketSize);
+  EXPECT_EQ(stream->delay(), ZRBHS_kUploadStream3GSuggestedDelay);
+
+  auto missing = "doc=@" + (directory / "missing.txt").string();
+  EXPECT_NE(buildError({"-F", missing, "http://h/upload"}).find("missing.txt"), std::string::npos);
+  EXPECT_NE(buildError({"-XGET", "-F", "a=b", "http://h/upload"}).find("GET cannot carry"),
+            std::string::npos);
+  std::filesystem::remove_all(directory);
+}
+
+TEST(OrvelGetRequest, URLsWithoutSchemeOrHostAreRefused) {
+  for (std::string_view url : {"localhost:8080/x", "not a url", "http://"}) {
+    auto error = buildError({url});
+    EXPECT_NE(error.find("is not a URL"), std::string::npos) << url << ": " << error;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,234 @@
+// orvel get [OPTIONS] URL: one request over a URL session, the way curl would make it. See
+// orvelGetUsage() for the options and get_resume.h for how -C picks up an interrupted download.
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <future>
+#include <memory>
+
+#include "commands.h"
+#include "get_delegate.h"
+#include "get_options.h"
+#include "get_request.h"
+#include "get_resume.h"
+#include "platform/exception.h"
+#include "platform/url_session.h"
+
+namespace {
+
+volatile std::sig_atomic_t gInterrupted = 0;
+
+void noteInterrupt(int) { gInterrupted = 1; }
+
+// SIGINT becomes a flag for the duration of the transfer (a second Ctrl-C kills, as usual), and a
+// closed standard output becomes a write error instead of a silent death.
+class SignalScope {
+ public:
+  SignalScope() {
+    gInterrupted = 0;
+    struct sigaction action {};
+    action.sa_handler = noteInterrupt;
+    action.sa_flags = SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, &previousInterrupt_);
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGPIPE, &ignore, &previousPipe_);
+  }
+  ~SignalScope() {
+    sigaction(SIGINT, &previousInterrupt_, nullptr);
+    sigaction(SIGPIPE, &previousPipe_, nullptr);
+  }
+  SignalScope(const SignalScope&) = delete;
+  SignalScope& operator=(const SignalScope&) = delete;
+
+ private:
+  struct sigaction previousInterrupt_ {};
+  struct sigaction previousPipe_ {};
+};
+
+int usageError(const std::string& message) {
+  std::fprintf(stderr, "orvel: %s\n\n%s", message.c_str(), orvelGetUsage());
+  return 2;
+}
+
+void complain(const std::string& message) { std::fprintf(stderr, "orvel: %s\n", message.c_str()); }
+
+std::string hostOf(const std::string& url) {
+  auto parsed = ZRBURL::URLWithString(url);
+  auto host = parsed ? parsed->host() : std::nullopt;
+  return host.value_or(url);
+}
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+}  // namespace
+
+int orvelGetCommand(OrvelArguments arguments) {
+  for (auto argument : arguments) {
+    if (argument == "-h" || argument == "--help") {
+      std::fputs(orvelGetUsage(), stdout);
+      return 0;
+    }
+    if (argument == "--") break;
+  }
+  std::string problem;
+  auto options = orvelParseGetArguments(arguments, problem);
+  if (!options) return usageError(problem);
+
+  OrvelGetDelegate::Settings settings;
+  settings.includeHead = options->includeHead;
+  settings.failOnHTTPError = options->failOnHTTPError;
+  settings.followRedirects = options->followRedirects;
+  settings.insecure = options->insecure;
+  settings.outputPath = options->outputPath;
+  // Like curl, no bar when the body itself goes to the same terminal.
+  bool bodyOnTerminal = !options->outputPath && isatty(fileno(stdout)) != 0;
+  settings.showProgress = !options->silent && isatty(fileno(stderr)) != 0 && !bodyOnTerminal;
+  if (options->caCertificatePath) {
+    auto pem = orvelReadFile(*options->caCertificatePath);
+    if (pem) settings.anchors = ZRBSecCertificate::createAllWithPEM(*pem);
+    if (settings.anchors.empty()) {
+      complain(*options->caCertificatePath + ": no PEM certificate to trust");
+      return 2;
+    }
+  }
+
+  auto built = orvelBuildGetRequest(*options, problem);
+  if (!built) {
+    complain(problem);
+    return 2;
+  }
+  auto request = built->request;
+
+  // Where the body goes: a download task moves its file into place; everything else streams into
+  // standard output or, for a Range resume or an upload with -o, straight into the output file.
+  OrvelResumePlan plan;
+  if (options->resume) plan = orvelPlanResume(*options->outputPath);
+  bool download = options->outputPath && !built->streamedBody && plan.kind != OrvelResumePlan::Range;
+  std::unique_ptr<std::FILE, FileCloser> outputFile;
+  if (options->outputPath && !download) {
+    bool append = plan.kind == OrvelResumePlan::Range;
+    outputFile.reset(std::fopen(options->outputPath->c_str(), append ? "ab" : "wb"));
+    if (!outputFile) {
+      complain("cannot open " + *options->outputPath + ": " + std::strerror(errno));
+      return 1;
+    }
+    settings.body = outputFile.get();
+  }
+  if (plan.kind == OrvelResumePlan::Range) {
+    settings.rangeOffset = plan.offset;
+    request->setValue(orvelRangeHeaderValue(plan.offset), "Range");
+  }
+
+  auto delegate = std::make_shared<OrvelGetDelegate>(std::move(settings));
+  auto session =
+      ZRBURLSession::sessionWithConfiguration(ZRBURLSessionConfiguration::ephemeralSessionConfiguration(),
+                                              delegate, ZRBDispatchQueue::serial("orvel.get"));
+  ZRBURLSessionTaskPtr task;
+  ZRBURLSessionDownloadTaskPtr downloadTask;
+  if (built->streamedBody) {
+    task = session->uploadTaskWithStreamedRequest(request);
+  } else if (download) {
+    if (plan.kind == OrvelResumePlan::ResumeData) {
+      try {
+        downloadTask = session->downloadTaskWithResumeData(plan.resumeData);
+      } catch (const ZRBException&) {
+        complain("the resume data in " + orvelResumeDataPath(*options->outputPath) +
+                 " cannot be used; downloading from the start");
+        orvelDiscardResumeData(*options->outputPath);
+      }
+    }
+    if (!downloadTask) downloadTask = session->downloadTaskWithRequest(request);
+    task = downloadTask;
+  } else {
+    task = session->dataTaskWithRequest(request);
+  }
+
+  // Ctrl-C during a download keeps what has arrived as resume data; other transfers just stop (a
+  // Range resume has been writing into the output file, which is its own resume point).
+  // The promise is shared: the resume data may come after this function has stopped waiting.
+  auto resumeDataKept = std::make_shared<std::promise<bool>>();
+  auto resumeDataDone = resumeDataKept->get_future();
+  bool interrupted = false;
+  auto onInterrupt = [&] {
+    interrupted = true;
+    if (!downloadTask) {
+      resumeDataKept->set_value(false);
+      task->cancel();
+      return;
+    }
+    downloadTask->cancelByProducingResumeData([resumeDataKept, output = *options->outputPath](ZRBValue data) {
+      resumeDataKept->set_value(orvelSaveResumeData(output, data));
+    });
+  };
+  {
+    SignalScope signals;
+    task->resume();
+    delegate->waitForCompletion([] { return gInterrupted != 0; }, onInterrupt);
+  }
+  bool keptOnInterrupt = interrupted &&
+                         resumeDataDone.wait_for(std::chrono::seconds(10)) == std::future_status::ready &&
+                         resumeDataDone.get();
+  session->invalidateAndCancel();
+  if (outputFile && std::fflush(outputFile.get()) != 0) {
+    complain("cannot write " + *options->outputPath + ": " + std::strerror(errno));
+    return 1;
+  }
+
+  if (interrupted) {
+    if (keptOnInterrupt) {
+      complain("interrupted; run again with -C to continue (" + orvelResumeDataPath(*options->outputPath) +
+               ")");
+    } else if (plan.kind == OrvelResumePlan::Range) {
+      complain("interrupted; run again with -C to continue " + *options->outputPath);
+    } else if (downloadTask) {
+      complain("interrupted; the server gave nothing to resume from");
+    } else {
+      complain("interrupted");
+    }
+    return 130;
+  }
+  if (auto failure = delegate->localFailure(); !failure.empty()) {
+    complain(failure);
+    return 1;
+  }
+  if (delegate->alreadyComplete()) {
+    complain(*options->outputPath + " is complete already");
+    orvelDiscardResumeData(*options->outputPath);
+    return 0;
+  }
+  if (delegate->rejectedStatus()) {
+    auto response = delegate->response();
+    long status = response ? response->statusCode() : 0;
+    std::string answer = std::to_string(status) + " " + orvelReasonPhrase(status);
+    complain(plan.kind == OrvelResumePlan::Range
+                 ? "cannot resume " + *options->outputPath + ": the server answered " + answer
+                 : "the requested URL returned error: " + answer);
+    return status >= 400 ? 22 : 1;
+  }
+  if (delegate->trustRejected()) {
+    complain("the certificate of " + hostOf(options->url) + " does not chain to a certificate in " +
+             *options->caCertificatePath);
+    return 1;
+  }
+  if (auto error = delegate->error()) {
+    complain(orvelTransferErrorMessage(*error));
+    const auto& resumeData = error->userInfo()[ZRBURLSessionDownloadTaskResumeData];
+    if (downloadTask && orvelSaveResumeData(*options->outputPath, resumeData)) {
+      complain("run again with -C to continue (" + orvelResumeDataPath(*options->outputPath) + ")");
+    } else if (plan.kind == OrvelResumePlan::Range) {
+      complain("run again with -C to continue " + *options->outputPath);
+    }
+    return 1;
+  }
+  if (options->outputPath) orvelDiscardResumeData(*options->outputPath);
+  return 0;
+}
