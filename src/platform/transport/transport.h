@@ -9,6 +9,7 @@
 // transfers.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -54,6 +55,8 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   // Queues `work` for the callback queue. What one turn of the loop queues goes over in one block,
   // in order, so a burst of events costs one hand-over instead of one each.
   void toCallbackQueue(std::function<void()> work) { outbox_.push_back(std::move(work)); }
+  // A task has completed this turn; its callbacks may well start another task right away.
+  void noteTaskFinished() { taskFinished_ = true; }
 
  private:
   void run();
@@ -61,6 +64,8 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   void finishDoneTransfers();
   void checkTimeouts();
   void flushOutbox();
+  // Spins up to `limit` for work to be posted; true when some was.
+  bool awaitPostedWork(std::chrono::microseconds limit);
 
   CURLM* multi_;
   std::thread thread_;
@@ -69,11 +74,13 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   std::mutex mutex_;
   std::vector<std::function<void()>> posted_;
   bool stopping_ = false;
+  std::atomic<bool> hasPosted_{false};
 
   // Transport thread only.
   std::vector<ZRBTransfer*> active_;
   std::vector<CURL*> pool_;
   ZRBDispatchQueuePtr callbackQueue_;
   std::vector<std::function<void()>> outbox_;
+  bool taskFinished_ = false;
   std::chrono::steady_clock::time_point nextTimeoutCheck_{};
 };
