@@ -125,9 +125,10 @@ void ZRBTransport::run() {
       std::lock_guard lock(mutex_);
       if (!posted_.empty()) timeout = 0;
     }
-    // A completion just handed over often answers at once (it starts the next task); waiting a
-    // moment for that is cheaper than sleeping and being woken.
-    if (timeout > 0 && completionsHandedOver && awaitPostedWork(kAnswerWait)) timeout = 0;
+    // A completion just handed over often answers at once (it starts the next task); when nothing
+    // else would wake this thread soon, waiting a moment for that is cheaper than sleeping and
+    // being woken.
+    if (timeout > 0 && completionsHandedOver && active_.empty() && awaitPostedWork(kAnswerWait)) timeout = 0;
     if (timeout > 0) curl_multi_poll(multi_, nullptr, 0, int(timeout), nullptr);
   }
   // Transfers still here belong to tasks that were never finished (the session went away); they
