@@ -167,6 +167,34 @@ TEST_F(URLSessionTest, RedirectsAreFollowedOfferedAndRefused) {
   EXPECT_EQ(server_.requestCount(), 2u + 2u + 17u + 1u);
 }
 
+TEST_F(URLSessionTest, StreamedBodyIsAskedForAgainWhenARedirectKeepsIt) {
+  server_.echo("/echo");
+  server_.redirect("/moved", "/echo/there", 307);
+  std::string payload = ZRBTestPatternBytes(0, 100000);
+  auto request = requestFor(server_.url("/moved"), "PUT");
+  request->setHTTPBodyStream(ZRBInputStream::inputStreamWithData(ZRBValue::data(payload)));
+  delegate_->onNeedBodyStream = [&](auto completion) {
+    completion(ZRBInputStream::inputStreamWithData(ZRBValue::data(payload)));
+  };
+  auto task = session_->uploadTaskWithStreamedRequest(request);
+  task->resume();
+  ASSERT_TRUE(delegate_->waitForCompletions(1));
+  auto body = delegate_->completion(task).body;
+  EXPECT_EQ(fieldOf(body, "method"), "PUT");
+  EXPECT_EQ(fieldOf(body, "bodySHA256"), ZRBTestSHA256Hex(payload));
+  auto events = delegate_->events();
+  EXPECT_EQ(std::count(events.begin(), events.end(), "need body stream"), 1);
+
+  // Without a new stream the task cannot go on.
+  delegate_->onNeedBodyStream = [](auto completion) { completion(nullptr); };
+  request->setHTTPBodyStream(ZRBInputStream::inputStreamWithData(ZRBValue::data(payload)));
+  auto stranded = session_->uploadTaskWithStreamedRequest(request);
+  stranded->resume();
+  ASSERT_TRUE(delegate_->waitForCompletions(2));
+  ASSERT_TRUE(delegate_->completion(stranded).error);
+  EXPECT_EQ(delegate_->completion(stranded).error->code(), ZRBURLErrorRequestBodyStreamExhausted);
+}
+
 TEST_F(URLSessionTest, ResponseDispositionHoldsTheBodyCancelsOrTurnsIntoADownload) {
   server_.respond("GET", "/big", ZRBTestResponse::generated(200000));
   std::vector<ZRBURLSessionResponseDisposition> answers = {

@@ -33,6 +33,7 @@ class RecordingDelegate : public ZRBURLSessionDelegate {
       onRedirect;
   std::function<void(const ZRBURLResponsePtr&, std::function<void(ZRBURLSessionResponseDisposition)>)>
       onResponse;
+  std::function<void(std::function<void(ZRBInputStreamPtr)>)> onNeedBodyStream;
   // Called on the delegate queue with the downloaded file before it is removed.
   std::function<void(const ZRBURLSessionDownloadTaskPtr&, const ZRBURLPtr&)> onDownloaded;
 
@@ -43,6 +44,7 @@ class RecordingDelegate : public ZRBURLSessionDelegate {
       case Op::TaskDidReceiveChallenge: return static_cast<bool>(onTaskChallenge);
       case Op::TaskWillPerformHTTPRedirection: return static_cast<bool>(onRedirect);
       case Op::DataTaskDidReceiveResponse: return static_cast<bool>(onResponse);
+      case Op::TaskNeedNewBodyStream: return static_cast<bool>(onNeedBodyStream);
       default: return ZRBURLSessionDelegate::respondsToOperation(operation);
     }
   }
@@ -66,6 +68,11 @@ class RecordingDelegate : public ZRBURLSessionDelegate {
     record("redirect " + std::to_string(response->statusCode()));
     onRedirect(response, std::move(request), std::move(completion));
     leave();
+  }
+  void taskNeedNewBodyStream(const ZRBURLSessionPtr&, const ZRBURLSessionTaskPtr&,
+                             std::function<void(ZRBInputStreamPtr)> completion) override {
+    record("need body stream");
+    onNeedBodyStream(std::move(completion));
   }
   void dataTaskDidReceiveResponse(const ZRBURLSessionPtr&, const ZRBURLSessionDataTaskPtr&,
                                   const ZRBURLResponsePtr& response,
