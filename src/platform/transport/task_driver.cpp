@@ -934,7 +934,6 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
     transport_->toCallbackQueue([completion] { completion(ZRBValue()); });
   }
 
-  transport_->noteTaskFinished();
   ZRBURLSessionPtr session = std::move(session_);
   ZRBURLSessionTaskPtr task = std::move(task_);
   task->setError(error);

@@ -10,7 +10,6 @@
 namespace {
 constexpr auto kTimeoutCheckInterval = std::chrono::milliseconds(100);
 constexpr auto kIdleWait = std::chrono::milliseconds(5000);
-constexpr auto kAnswerWait = std::chrono::microseconds(200);
 constexpr std::size_t kEasyPoolLimit = 64;
 
 // libcurl's global set-up is not thread-safe; do it once before the first handle.
@@ -50,7 +49,6 @@ void ZRBTransport::post(std::function<void()> work) {
     // previous lot needs to wake it.
     wake = posted_.empty();
     posted_.push_back(std::move(work));
-    hasPosted_.store(true, std::memory_order_release);
   }
   if (wake) curl_multi_wakeup(multi_);
 }
@@ -111,8 +109,6 @@ void ZRBTransport::run() {
     curl_multi_perform(multi_, &running);
     finishDoneTransfers();
     checkTimeouts();
-    bool completionsHandedOver = !outbox_.empty() && taskFinished_;
-    taskFinished_ = false;
     flushOutbox();
 
     long timeout = -1;
@@ -125,10 +121,6 @@ void ZRBTransport::run() {
       std::lock_guard lock(mutex_);
       if (!posted_.empty()) timeout = 0;
     }
-    // A completion just handed over often answers at once (it starts the next task); when nothing
-    // else would wake this thread soon, waiting a moment for that is cheaper than sleeping and
-    // being woken.
-    if (timeout > 0 && completionsHandedOver && active_.empty() && awaitPostedWork(kAnswerWait)) timeout = 0;
     if (timeout > 0) curl_multi_poll(multi_, nullptr, 0, int(timeout), nullptr);
   }
   // Transfers still here belong to tasks that were never finished (the session went away); they
@@ -157,23 +149,11 @@ void ZRBTransport::flushOutbox() {
   outbox_.clear();
 }
 
-bool ZRBTransport::awaitPostedWork(std::chrono::microseconds limit) {
-  auto until = std::chrono::steady_clock::now() + limit;
-  do {
-    for (int i = 0; i < 64; ++i) {
-      if (hasPosted_.load(std::memory_order_acquire)) return true;
-      __builtin_ia32_pause();
-    }
-  } while (std::chrono::steady_clock::now() < until);
-  return false;
-}
-
 void ZRBTransport::runPostedWork() {
   std::vector<std::function<void()>> work;
   {
     std::lock_guard lock(mutex_);
     work.swap(posted_);
-    hasPosted_.store(false, std::memory_order_relaxed);
   }
   for (auto& item : work) {
     try {

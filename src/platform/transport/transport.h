@@ -9,7 +9,6 @@
 // transfers.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -55,8 +54,6 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   // Queues `work` for the callback queue. What one turn of the loop queues goes over in one block,
   // in order, so a burst of events costs one hand-over instead of one each.
   void toCallbackQueue(std::function<void()> work) { outbox_.push_back(std::move(work)); }
-  // A task has completed this turn; its callbacks may well start another task right away.
-  void noteTaskFinished() { taskFinished_ = true; }
 
  private:
   void run();
@@ -64,8 +61,6 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   void finishDoneTransfers();
   void checkTimeouts();
   void flushOutbox();
-  // Spins up to `limit` for work to be posted; true when some was.
-  bool awaitPostedWork(std::chrono::microseconds limit);
 
   CURLM* multi_;
   std::thread thread_;
@@ -74,13 +69,11 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   std::mutex mutex_;
   std::vector<std::function<void()>> posted_;
   bool stopping_ = false;
-  std::atomic<bool> hasPosted_{false};
 
   // Transport thread only.
   std::vector<ZRBTransfer*> active_;
   std::vector<CURL*> pool_;
   ZRBDispatchQueuePtr callbackQueue_;
   std::vector<std::function<void()>> outbox_;
-  bool taskFinished_ = false;
   std::chrono::steady_clock::time_point nextTimeoutCheck_{};
 };
