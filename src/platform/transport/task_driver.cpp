@@ -953,7 +953,6 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
                                offerToCache, cache, dataCompletion = std::move(dataCompletion_),
                                downloadCompletion = std::move(downloadCompletion_)] {
     auto delegate = session->delegate();
-    auto fileManager = ZRBFileManager::defaultManager();
     if (isDownload) {
       auto downloadTask = std::static_pointer_cast<ZRBURLSessionDownloadTask>(task);
       ZRBURLPtr location = !error && !path.empty() ? ZRBURL::fileURLWithPath(path) : nullptr;
@@ -984,6 +983,11 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
         delegate->taskDidComplete(session, task, error);
       }
     }
+  });
+  // Apart from the callbacks, so that a callback that throws cannot keep the task (and the
+  // session's invalidation) waiting for ever.
+  transport_->toCallbackQueue([session, task, path, removeFile] {
+    auto fileManager = ZRBFileManager::defaultManager();
     if (removeFile && fileManager->fileExistsAtPath(path)) fileManager->removeItemAtPath(path);
     session->taskDidFinish(*task);
   });
