@@ -45,10 +45,11 @@ void ZRBTransport::post(std::function<void()> work) {
   {
     std::lock_guard lock(mutex_);
     if (stopping_) return;
-    // The thread takes everything posted at once, so only the first post after it has taken the
-    // previous lot needs to wake it.
-    wake = posted_.empty();
     posted_.push_back(std::move(work));
+    // A thread that is not asleep finds the work before it sleeps again; one asleep needs one
+    // wake-up however much is posted.
+    wake = sleeping_ && !wakeSent_;
+    if (wake) wakeSent_ = true;
   }
   if (wake) curl_multi_wakeup(multi_);
 }
@@ -59,7 +60,7 @@ void ZRBTransport::shutdown() {
     if (stopping_) return;
     stopping_ = true;
   }
-  curl_multi_wakeup(multi_);
+  curl_multi_wakeup(multi_);  // unconditionally: stopping must never wait for a timeout
   if (!thread_.joinable()) return;
   if (isTransportThread()) {
     thread_.detach();
@@ -120,8 +121,14 @@ void ZRBTransport::run() {
     {
       std::lock_guard lock(mutex_);
       if (!posted_.empty()) timeout = 0;
+      sleeping_ = timeout > 0;
     }
-    if (timeout > 0) curl_multi_poll(multi_, nullptr, 0, int(timeout), nullptr);
+    if (timeout > 0) {
+      curl_multi_poll(multi_, nullptr, 0, int(timeout), nullptr);
+      std::lock_guard lock(mutex_);
+      sleeping_ = false;
+      wakeSent_ = false;
+    }
   }
   // Transfers still here belong to tasks that were never finished (the session went away); they
   // are dropped without callbacks.

@@ -69,6 +69,8 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   std::mutex mutex_;
   std::vector<std::function<void()>> posted_;
   bool stopping_ = false;
+  bool sleeping_ = false;  // the thread is in (or about to enter) curl_multi_poll
+  bool wakeSent_ = false;  // ... and has been woken already
 
   // Transport thread only.
   std::vector<ZRBTransfer*> active_;
