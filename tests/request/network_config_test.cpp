@@ -52,17 +52,6 @@ TEST(NetworkConfig, DefaultsAfterConstruction) {
   EXPECT_NE(other.securityPolicy(), policy);
 }
 
-TEST(NetworkConfig, SharedConfigIsOneInstanceAcrossThreads) {
-  std::vector<const ZRBRQ_NetworkConfig*> seen(8, nullptr);
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < seen.size(); ++i)
-    threads.emplace_back([&seen, i] { seen[i] = ZRBRQ_NetworkConfig::sharedConfig().get(); });
-  for (auto& thread : threads) thread.join();
-  ASSERT_NE(seen[0], nullptr);
-  for (const auto* config : seen) EXPECT_EQ(config, seen[0]);
-  EXPECT_EQ(ZRBRQ_NetworkConfig::sharedConfig().get(), seen[0]);
-}
-
 TEST(NetworkConfig, UrlFiltersKeepOrderAndDuplicatesAndNull) {
   ZRBRQ_NetworkConfig config;
   auto a = std::make_shared<PrefixUrlFilter>("a");

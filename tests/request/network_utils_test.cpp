@@ -169,21 +169,6 @@ TEST(NetworkUtilsFilterUrl, SchemeAndEverythingUpToTheFirstSlash) {
   EXPECT_EQ(Utils::filterUrl("ftp://host/x"), "ftp:");
 }
 
-TEST(NetworkUtilsFilterUrl, ExtractorsFromManyThreads) {
-  std::vector<std::thread> threads;
-  std::atomic<int> good{0};
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&good] {
-      for (int i = 0; i < 200; ++i) {
-        if (Utils::filterUrlHost("http://aa.example.com/p") == "aa.example.com" &&
-            Utils::filterUrl("https://aa.example.net:8443/p") == "https://aa.example.net:8443")
-          ++good;
-      }
-    });
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(good.load(), 800);
-}
-
 // ---- md5StringFromString ----
 
 TEST(NetworkUtilsMD5, StandardTestValues) {
@@ -205,19 +190,6 @@ TEST(NetworkUtilsMD5, NullOrEmptyStringIsAnAssertionWithTheExactText) {
       EXPECT_EQ(failure.file(), "ZRBRQ_NetworkPrivate");
     }
   }
-}
-
-TEST(NetworkUtilsMD5, AssertionThatReturnsGivesTheDigestOfNoBytes) {
-  std::vector<std::string> messages;
-  auto previous = ZRBSetAssertionHandler(
-      [&messages](const std::string& message, const char*, int) { messages.push_back(message); });
-  EXPECT_EQ(Utils::md5StringFromString(std::nullopt), "d41d8cd98f00b204e9800998ecf8427e");
-  EXPECT_EQ(Utils::md5StringFromString(std::string()), "d41d8cd98f00b204e9800998ecf8427e");
-  ZRBSetAssertionHandler(previous);
-  ASSERT_EQ(messages.size(), 2u);
-  EXPECT_EQ(messages[0], "Invalid parameter not satisfying: string != nil && [string length] > 0");
-  // A valid string does not reach the handler.
-  EXPECT_EQ(Utils::md5StringFromString(std::string("abc")), "900150983cd24fb0d6963f7d28e17f72");
 }
 
 // ---- stringEncodingWithResponse ----
