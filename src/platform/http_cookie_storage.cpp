@@ -4,6 +4,8 @@
 #include <charconv>
 #include <ctime>
 
+#include "platform/http_header_fields.h"
+
 namespace {
 std::string_view trim(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
@@ -11,18 +13,13 @@ std::string_view trim(std::string_view text) {
   return text;
 }
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
 // A leading "." in the cookie's domain lets subdomains match too.
 bool domainMatches(std::string_view host, std::string_view domain) {
   if (domain.empty()) return false;
-  if (domain.front() != '.') return equalsIgnoringCase(host, domain);
-  if (equalsIgnoringCase(host, domain.substr(1))) return true;
-  return host.size() > domain.size() && equalsIgnoringCase(host.substr(host.size() - domain.size()), domain);
+  if (domain.front() != '.') return ZRBHTTPHeaderNameEquals(host, domain);
+  if (ZRBHTTPHeaderNameEquals(host, domain.substr(1))) return true;
+  return host.size() > domain.size() &&
+         ZRBHTTPHeaderNameEquals(host.substr(host.size() - domain.size()), domain);
 }
 
 bool pathMatches(std::string_view requestPath, std::string_view cookiePath) {
@@ -99,7 +96,7 @@ std::optional<std::string> ZRBHTTPCookieStorage::cookieHeaderForURL(const ZRBURL
 void ZRBHTTPCookieStorage::setCookie(ZRBHTTPCookie cookie) {
   std::lock_guard lock(mutex_);
   std::erase_if(cookies_, [&](const ZRBHTTPCookie& known) {
-    return known.name == cookie.name && equalsIgnoringCase(known.domain, cookie.domain) &&
+    return known.name == cookie.name && ZRBHTTPHeaderNameEquals(known.domain, cookie.domain) &&
            known.path == cookie.path;
   });
   if (!expired(cookie, now())) cookies_.push_back(std::move(cookie));
@@ -130,22 +127,22 @@ bool ZRBHTTPCookieStorage::setCookieFromHeader(const ZRBURL& url, std::string_vi
     std::string_view name = trim(attribute.substr(0, eq));
     std::string_view value =
         eq == std::string_view::npos ? std::string_view() : trim(attribute.substr(eq + 1));
-    if (equalsIgnoringCase(name, "Domain") && !value.empty()) {
+    if (ZRBHTTPHeaderNameEquals(name, "Domain") && !value.empty()) {
       std::string domain(value.starts_with('.') ? value.substr(1) : value);
       // A server may set cookies for its own domain or a parent of it only.
       if (!domainMatches(*host, "." + domain)) return false;
       cookie.domain = "." + domain;
-    } else if (equalsIgnoringCase(name, "Path") && value.starts_with('/')) {
+    } else if (ZRBHTTPHeaderNameEquals(name, "Path") && value.starts_with('/')) {
       cookie.path = std::string(value);
-    } else if (equalsIgnoringCase(name, "Secure")) {
+    } else if (ZRBHTTPHeaderNameEquals(name, "Secure")) {
       cookie.secure = true;
-    } else if (equalsIgnoringCase(name, "HttpOnly")) {
+    } else if (ZRBHTTPHeaderNameEquals(name, "HttpOnly")) {
       cookie.HTTPOnly = true;
-    } else if (equalsIgnoringCase(name, "Max-Age")) {
+    } else if (ZRBHTTPHeaderNameEquals(name, "Max-Age")) {
       std::int64_t seconds = 0;
       if (std::from_chars(value.data(), value.data() + value.size(), seconds).ec == std::errc())
         maxAge = seconds;
-    } else if (equalsIgnoringCase(name, "Expires") && !cookie.expiresDate) {
+    } else if (ZRBHTTPHeaderNameEquals(name, "Expires") && !cookie.expiresDate) {
       cookie.expiresDate = parseHTTPDate(value);
     }
   }

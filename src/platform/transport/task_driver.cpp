@@ -13,6 +13,7 @@
 
 #include "platform/file_manager.h"
 #include "platform/http_cookie_storage.h"
+#include "platform/http_header_fields.h"
 #include "platform/sec_policy.h"
 #include "platform/transport/body_pump.h"
 #include "platform/transport/transport.h"
@@ -34,12 +35,6 @@ bool isRedirectStatus(long status) {
   return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
 // The authentication scheme and realm of a WWW-Authenticate (or Proxy-Authenticate) value; only
 // Basic and Digest are answered with credentials.
 struct AuthenticationOffer {
@@ -52,10 +47,10 @@ std::optional<AuthenticationOffer> authenticationOffer(std::string_view value) {
   AuthenticationOffer offer;
   std::size_t space = value.find(' ');
   std::string_view scheme = value.substr(0, space);
-  if (equalsIgnoringCase(scheme, "Basic")) {
+  if (ZRBHTTPHeaderNameEquals(scheme, "Basic")) {
     offer.method = ZRBURLAuthenticationMethodHTTPBasic;
     offer.curlSchemes = CURLAUTH_BASIC;
-  } else if (equalsIgnoringCase(scheme, "Digest")) {
+  } else if (ZRBHTTPHeaderNameEquals(scheme, "Digest")) {
     offer.method = ZRBURLAuthenticationMethodHTTPDigest;
     offer.curlSchemes = CURLAUTH_DIGEST;
   } else {

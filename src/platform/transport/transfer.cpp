@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -273,7 +272,7 @@ std::size_t ZRBTransfer::header(std::string_view line) {
     std::string_view name = trimmed(content.substr(0, colon));
     std::string_view value = trimmed(content.substr(colon + 1));
     fields_.add(name, value);
-    if (name.size() == 10 && strncasecmp(name.data(), "Set-Cookie", 10) == 0) setCookies_.emplace_back(value);
+    if (ZRBHTTPHeaderNameEquals(name, "Set-Cookie")) setCookies_.emplace_back(value);
   }
   return line.size();
 }
