@@ -35,6 +35,7 @@ class ZRBHTTPHeaderFields {
   void add(std::string_view name, std::string_view value);
   bool remove(std::string_view name);
   void clear() { fields_.clear(); }
+  void reserve(std::size_t count) { fields_.reserve(count); }
 
   const std::vector<Field>& fields() const { return fields_; }
   std::size_t size() const { return fields_.size(); }

@@ -173,8 +173,8 @@ bool ZRBURLSessionTaskDriver::delegateResponds(ZRBURLSessionDelegateOperation op
   return delegate && delegate->respondsToOperation(operation);
 }
 
-void ZRBURLSessionTaskDriver::toDelegate(
-    std::function<void(const ZRBURLSessionPtr&, ZRBURLSessionDelegate&)> call) {
+template <typename Call>
+void ZRBURLSessionTaskDriver::toDelegate(Call call) {
   transport_->toCallbackQueue([session = session_, call = std::move(call)] {
     if (auto delegate = session->delegate()) call(session, *delegate);
   });

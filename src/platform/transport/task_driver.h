@@ -64,7 +64,9 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
 
   // Transport thread.
   void post(void (ZRBURLSessionTaskDriver::*step)());
-  void toDelegate(std::function<void(const ZRBURLSessionPtr&, ZRBURLSessionDelegate&)> call);
+  // `call(session, delegate)` on the delegate queue, if the session still has a delegate then.
+  template <typename Call>
+  void toDelegate(Call call);
   bool delegateResponds(ZRBURLSessionDelegateOperation operation) const;
   void resumeNow();
   void suspendNow();

@@ -202,6 +202,7 @@ void ZRBTransfer::start() {
     // The pump wakes us from its own thread; the wake-up reaches this transfer through the
     // transport thread, and only if the transfer still exists by then.
     std::weak_ptr<ZRBTransport> weakTransport = transport_.shared_from_this();
+    self_ = std::make_shared<ZRBTransfer*>(this);
     std::weak_ptr<ZRBTransfer*> weakSelf = self_;
     body_.pump->start([weakTransport, weakSelf] {
       if (auto transport = weakTransport.lock()) {
@@ -244,6 +245,7 @@ std::size_t ZRBTransfer::header(std::string_view line) {
   if (line.starts_with("HTTP/")) {
     // A new head: an interim 1xx one may come before the final one.
     fields_.clear();
+    fields_.reserve(12);
     setCookies_.clear();
     std::string_view rest = line.substr(5);
     std::size_t space = rest.find(' ');

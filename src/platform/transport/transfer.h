@@ -134,7 +134,7 @@ class ZRBTransfer {
   bool active_ = false;
   // Lets work posted from other threads find this transfer if it still exists (checked and
   // destroyed on the transport thread only).
-  std::shared_ptr<ZRBTransfer*> self_ = std::make_shared<ZRBTransfer*>(this);
+  std::shared_ptr<ZRBTransfer*> self_;  // made when a body pump needs it
   char errorBuffer_[256] = {};
 
   ZRBURLPtr url_;

@@ -143,7 +143,10 @@ void ZRBTransport::flushOutbox() {
     outbox_.clear();
     return;
   }
-  callbackQueue_->async([batch = std::move(outbox_)] {
+  std::vector<std::function<void()>> batch;
+  batch.reserve(16);
+  batch.swap(outbox_);
+  callbackQueue_->async([batch = std::move(batch)] {
     for (const auto& work : batch) {
       // One failing callback must not take the rest of the batch with it.
       try {
@@ -153,7 +156,6 @@ void ZRBTransport::flushOutbox() {
       }
     }
   });
-  outbox_.clear();
 }
 
 void ZRBTransport::runPostedWork() {
