@@ -532,7 +532,7 @@ bool ZRBURLSessionTaskDriver::consumeBody(const char* data, std::size_t length) 
       collecting_ = false;
       collected_.clear();
     } else {
-      collected_.append(data, length);
+      collected_.insert(collected_.end(), data, data + length);
     }
   }
   if (dataCompletion_) return true;
@@ -939,8 +939,9 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
   ZRBURLResponsePtr response = task->response();
   bool isDownload = download_;
   ZRBValue body;
-  if (!isDownload && (dataCompletion_ || collecting_) && !error) body = ZRBValue::data(collected_);
-  collected_.clear();
+  // Handed over whole: the body is not copied again.
+  if (!isDownload && (dataCompletion_ || collecting_) && !error) body = ZRBValue::data(std::move(collected_));
+  collected_ = {};
   auto cache = session->configurationRef().URLCache();
   bool offerToCache = cache && collecting_ && !error && !isDownload && response;
 

@@ -18,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/http_cookie_storage.h"
 #include "platform/stream.h"
@@ -126,7 +127,7 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
   bool awaitingDisposition_ = false;
   bool completeAfterDisposition_ = false;
   std::string pendingBody_;
-  std::string collected_;  // the body for a completion handler or the cache
+  std::vector<std::uint8_t> collected_;  // the body for a completion handler or the cache
   bool collecting_ = false;
 
   // Server trust.
