@@ -134,15 +134,17 @@ void ZRBURLSessionTask::suspendImplementation() {
     driver_->suspend();
 }
 
+bool ZRBURLSessionTask::beginCanceling() {
+  return moveState(ZRBURLSessionTaskStateRunning, ZRBURLSessionTaskStateCanceling) ||
+         moveState(ZRBURLSessionTaskStateSuspended, ZRBURLSessionTaskStateCanceling);
+}
+
 void ZRBURLSessionTask::cancel() {
-  bool canceling = moveState(ZRBURLSessionTaskStateRunning, ZRBURLSessionTaskStateCanceling) ||
-                   moveState(ZRBURLSessionTaskStateSuspended, ZRBURLSessionTaskStateCanceling);
-  if (canceling && driver_) driver_->cancel();
+  if (beginCanceling() && driver_) driver_->cancel();
 }
 
 void ZRBURLSessionDownloadTask::cancelByProducingResumeData(std::function<void(ZRBValue)> completion) {
-  bool canceling = moveState(ZRBURLSessionTaskStateRunning, ZRBURLSessionTaskStateCanceling) ||
-                   moveState(ZRBURLSessionTaskStateSuspended, ZRBURLSessionTaskStateCanceling);
+  bool canceling = beginCanceling();
   if (driver() && (canceling || completion)) {
     driver()->cancelProducingResumeData(std::move(completion));
   }

@@ -130,6 +130,8 @@ class ZRBURLSessionTask : public ZRBObject {
  protected:
   void resumeImplementation();
   void suspendImplementation();
+  // Running or suspended -> canceling; false when the task is canceling or completed already.
+  bool beginCanceling();
 
  private:
   Kind kind_;
