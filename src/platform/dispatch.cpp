@@ -6,7 +6,6 @@
 #include <atomic>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/strand.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <cstdio>
 #include <cstdlib>
@@ -104,6 +103,8 @@ class DispatchQueueCore : public std::enable_shared_from_this<DispatchQueueCore>
   QueueKind kind() const { return kind_; }
 
   virtual void submit(Job job, bool barrier) = 0;
+  // Runs the block on the calling thread as a block of this queue, if the queue is idle.
+  virtual bool runNowIfIdle(const ZRBDispatchBlock&) { return false; }
 
  protected:
   void execute(Job& job) const {
@@ -131,18 +132,71 @@ class DispatchQueueCore : public std::enable_shared_from_this<DispatchQueueCore>
 
 namespace {
 
+// Blocks run one at a time, in submission order. The queue is owned by at most one runner at a
+// time: a drain on the pool, started by the submission that found the queue idle, or a caller of
+// runNowIfIdle(), which runs its block on its own thread. A drain gives its pool thread back after
+// a bounded number of blocks, so one busy queue cannot keep a pool thread to itself.
 class SerialCore final : public DispatchQueueCore {
  public:
-  explicit SerialCore(std::string label)
-      : DispatchQueueCore(std::move(label), QueueKind::Serial), strand_(boost::asio::make_strand(pool())) {}
+  explicit SerialCore(std::string label) : DispatchQueueCore(std::move(label), QueueKind::Serial) {}
 
   void submit(Job job, bool) override {
-    boost::asio::post(strand_, [self = std::static_pointer_cast<const SerialCore>(shared_from_this()),
-                                job = std::move(job)]() mutable { self->execute(job); });
+    {
+      std::lock_guard lock(mutex_);
+      jobs_.push_back(std::move(job));
+      if (owned_) return;
+      owned_ = true;
+    }
+    scheduleDrain();
+  }
+
+  bool runNowIfIdle(const ZRBDispatchBlock& block) override {
+    {
+      std::lock_guard lock(mutex_);
+      if (owned_) return false;
+      owned_ = true;
+    }
+    Job job{block, nullptr};
+    execute(job);
+    {
+      std::lock_guard lock(mutex_);
+      if (jobs_.empty()) {
+        owned_ = false;
+        return true;
+      }
+    }
+    scheduleDrain();  // blocks that came meanwhile
+    return true;
   }
 
  private:
-  boost::asio::strand<boost::asio::thread_pool::executor_type> strand_;
+  static constexpr int kDrainBatch = 64;
+
+  void scheduleDrain() {
+    boost::asio::post(pool(),
+                      [self = std::static_pointer_cast<SerialCore>(shared_from_this())] { self->drain(); });
+  }
+
+  void drain() {
+    for (int ran = 0; ran < kDrainBatch; ++ran) {
+      Job job;
+      {
+        std::lock_guard lock(mutex_);
+        if (jobs_.empty()) {
+          owned_ = false;
+          return;
+        }
+        job = std::move(jobs_.front());
+        jobs_.pop_front();
+      }
+      execute(job);
+    }
+    scheduleDrain();  // still owned: the rest runs after other queues had their turn
+  }
+
+  std::mutex mutex_;
+  std::deque<Job> jobs_;
+  bool owned_ = false;  // a drain is scheduled or running, or a caller runs a block now
 };
 
 // Readers/writer scheduling: ordinary blocks run side by side, a barrier runs alone. Blocks that
@@ -421,6 +475,10 @@ bool ZRBDispatchQueue::isMain() const { return core_->kind() == QueueKind::Main;
 
 void ZRBDispatchQueue::async(ZRBDispatchBlock block) const {
   core_->submit(Job{std::move(block), nullptr}, false);
+}
+
+bool ZRBDispatchQueue::runNowIfIdle(const ZRBDispatchBlock& block) const {
+  return core_->runNowIfIdle(block);
 }
 
 void ZRBDispatchQueue::sync(const ZRBDispatchBlock& block) const { zrb_detail::runSync(core_, block, false); }

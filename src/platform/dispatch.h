@@ -6,7 +6,8 @@
 //   threads on purpose (synchronous hops, semaphore waits for task lists, throttled upload reads),
 //   so even a 2-core machine needs enough threads that blocking work on one queue cannot starve
 //   the others. The pool never shrinks or grows and lives for the process.
-// - A serial queue runs one block at a time, in submission order (an Asio strand on the pool).
+// - A serial queue runs one block at a time, in submission order, on the pool (a strand of our own:
+//   Asio's cannot be taken over by a caller that finds it idle, which runNowIfIdle needs).
 // - A concurrent queue runs its blocks in parallel on the pool. A barrier block waits for the
 //   blocks submitted before it, runs alone, and blocks submitted after it wait until it is done.
 // - Global queues are concurrent queues, one per quality of service. Quality of service is a
@@ -68,6 +69,11 @@ class ZRBDispatchQueue final : public ZRBObject {
 
   // Queues the block and returns at once.
   void async(ZRBDispatchBlock block) const;
+  // Runs the block at once on the calling thread, as a block of this queue, when this is a serial
+  // queue (not the main queue) with nothing queued or running; returns whether it ran. A thread
+  // that would otherwise hand work over and wait for another thread to take it saves the hop.
+  // An exception escaping the block is reported and dropped, as for an asynchronous block.
+  bool runNowIfIdle(const ZRBDispatchBlock& block) const;
   // Runs the block on this queue and waits for it. On the main queue from the main queue it runs
   // inline; on a concurrent queue from a block of the same queue it runs inline too. A sync onto a
   // serial queue from that same queue (directly or through a chain of sync calls) would deadlock:

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -48,6 +49,43 @@ TEST(DispatchQueueTest, SerialQueueRunsBlocksOneAtATimeInOrder) {
   ASSERT_EQ(order.size(), 500u);
   for (int i = 0; i < 500; ++i) ASSERT_EQ(order[i], i);
   EXPECT_FALSE(overlapped);
+}
+
+TEST(DispatchQueueTest, RunNowIfIdleTakesAnIdleSerialQueueAndKeepsItsOrder) {
+  auto queue = ZRBDispatchQueue::serial("test.serial.now");
+  std::thread::id ranOn;
+  std::string label;
+  ASSERT_TRUE(queue->runNowIfIdle([&] {
+    ranOn = std::this_thread::get_id();
+    label = ZRBDispatch::currentQueueLabel();
+  }));
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+  EXPECT_EQ(label, "test.serial.now");
+
+  // While a block runs here, submitted blocks wait for it and another caller is turned away.
+  std::vector<int> order;
+  std::atomic<bool> turnedAway{false};
+  ASSERT_TRUE(queue->runNowIfIdle([&] {
+    queue->async([&] { order.push_back(2); });
+    std::thread([&] { turnedAway = !queue->runNowIfIdle([&] { order.push_back(-1); }); }).join();
+    order.push_back(1);
+  }));
+  queue->sync([] {});
+  EXPECT_TRUE(turnedAway.load());
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+
+  // A busy queue is not taken, nor is the main queue or a concurrent one.
+  ZRBDispatchSemaphore release;
+  std::atomic<bool> running{false};
+  queue->async([&] {
+    running = true;
+    release.wait(kHangGuard);
+  });
+  ASSERT_TRUE(waitUntil([&] { return running.load(); }));
+  EXPECT_FALSE(queue->runNowIfIdle([] {}));
+  release.signal();
+  EXPECT_FALSE(ZRBDispatch::mainQueue()->runNowIfIdle([] {}));
+  EXPECT_FALSE(ZRBDispatchQueue::concurrent("test.concurrent.now")->runNowIfIdle([] {}));
 }
 
 TEST(DispatchQueueTest, ConcurrentAndGlobalQueuesRunBlocksInParallel) {

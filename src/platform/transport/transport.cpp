@@ -11,11 +11,25 @@ namespace {
 constexpr auto kTimeoutCheckInterval = std::chrono::milliseconds(100);
 constexpr auto kIdleWait = std::chrono::milliseconds(5000);
 constexpr std::size_t kEasyPoolLimit = 64;
+// Callbacks run on the transport thread only while they are quick.
+constexpr auto kInlineBudget = std::chrono::milliseconds(2);
+constexpr auto kInlinePenalty = std::chrono::seconds(1);
 
 // libcurl's global set-up is not thread-safe; do it once before the first handle.
 void initializeCurlOnce() {
   static const bool initialized = [] { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }();
   (void)initialized;
+}
+
+void runCallbacks(const std::vector<std::function<void()>>& batch) {
+  for (const auto& work : batch) {
+    // One failing callback must not take the rest of the batch with it.
+    try {
+      work();
+    } catch (const std::exception& exception) {
+      std::fprintf(stderr, "ORVELKIT: a session callback threw: %s\n", exception.what());
+    }
+  }
 }
 }  // namespace
 
@@ -146,16 +160,16 @@ void ZRBTransport::flushOutbox() {
   std::vector<std::function<void()>> batch;
   batch.reserve(16);
   batch.swap(outbox_);
-  callbackQueue_->async([batch = std::move(batch)] {
-    for (const auto& work : batch) {
-      // One failing callback must not take the rest of the batch with it.
-      try {
-        work();
-      } catch (const std::exception& exception) {
-        std::fprintf(stderr, "ORVELKIT: a session callback threw: %s\n", exception.what());
-      }
-    }
-  });
+  // A delegate queue with nothing to do runs the batch here and now, as its own block: the
+  // callbacks keep their order and run one at a time, and no thread has to wake for them. A
+  // delegate that turns out slow gets its callbacks on the pool for a while, so it cannot hold
+  // up the transfers.
+  auto now = std::chrono::steady_clock::now();
+  if (now >= inlineAllowedAfter_ && callbackQueue_->runNowIfIdle([&batch] { runCallbacks(batch); })) {
+    if (std::chrono::steady_clock::now() - now > kInlineBudget) inlineAllowedAfter_ = now + kInlinePenalty;
+    return;
+  }
+  callbackQueue_->async([batch = std::move(batch)] { runCallbacks(batch); });
 }
 
 void ZRBTransport::runPostedWork() {

@@ -78,4 +78,5 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   ZRBDispatchQueuePtr callbackQueue_;
   std::vector<std::function<void()>> outbox_;
   std::chrono::steady_clock::time_point nextTimeoutCheck_{};
+  std::chrono::steady_clock::time_point inlineAllowedAfter_{};
 };
