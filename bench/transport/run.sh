@@ -95,6 +95,8 @@ http {
   client_max_body_size 2g;
   # One line per upload: how many bytes nginx really read, checked after each upload case.
   log_format upload '\$request_length \$status';
+  # The length of each side's request, to check that both send the same one.
+  log_format probe '\$request_length';
   server {
     listen 127.0.0.1:$http_port;
     listen 127.0.0.1:$https_port ssl http2;
@@ -102,6 +104,11 @@ http {
     ssl_certificate_key $pki/server.key;
     root $work/www;
     location = /small {
+      default_type application/octet-stream;
+      return 200 "$small_body";
+    }
+    location = /probe {
+      access_log $work/logs/probe.log probe;
       default_type application/octet-stream;
       return 200 "$small_body";
     }
@@ -253,6 +260,21 @@ same_protocol() {
   fi
 }
 
+# same_request CASE BASE CA...: one request of each side to /probe, whose length nginx logs; notes
+# a case where the two sides sent requests of different lengths.
+same_request() {
+  local name="$1" base="$2" lengths
+  shift 2
+  [ -n "$our_program" ] || return 0
+  : >"$work/logs/probe.log"
+  run "$baseline_program" requests "$base/probe" 1 1 "$@" >/dev/null
+  run "$our_program" requests "$base/probe" 1 1 "$@" >/dev/null
+  lengths="$(tr '\n' ' ' <"$work/logs/probe.log")"
+  # shellcheck disable=SC2086 # two numbers
+  set -- $lengths
+  if [ "$#" -ne 2 ] || [ "$1" != "$2" ]; then notes+=("$name: request lengths differ (curl, ours: ${lengths:-none})"); fi
+}
+
 rows=()
 # row CASE METRIC BASELINE OURS KIND TARGET
 #   KIND "higher": ratio = ours/baseline, the target is a minimum ratio;
@@ -265,6 +287,7 @@ row() { rows+=("$1|$2|$3|$4|$5|$6"); }
 status=0
 for scheme in http https; do
   if [ "$scheme" = http ]; then base="$http_url"; ca=(); else base="$https_url"; ca=("$pki/ca.pem"); fi
+  same_request "$scheme" "$base" "${ca[@]}"
   for c in $concurrency; do
     measure none requests "$base/small" "$requests" "$c" "${ca[@]}"
     same_protocol "$scheme c=$c"
