@@ -13,8 +13,19 @@
 
 #include "platform/value.h"
 
-// Whether two header names are equal, ignoring ASCII case.
-bool ZRBHTTPHeaderNameEquals(std::string_view a, std::string_view b);
+// Whether two header names are equal, ignoring ASCII case. Inline: response heads call it for
+// every field they read.
+inline bool ZRBHTTPHeaderNameEquals(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    char x = a[i], y = b[i];
+    if (x == y) continue;
+    if (x >= 'A' && x <= 'Z') x = static_cast<char>(x + 32);
+    if (y >= 'A' && y <= 'Z') y = static_cast<char>(y + 32);
+    if (x != y) return false;
+  }
+  return true;
+}
 
 class ZRBHTTPHeaderFields {
  public:
@@ -28,6 +39,11 @@ class ZRBHTTPHeaderFields {
   static ZRBHTTPHeaderFields fromDictionary(const ZRBValue& dictionary);
 
   std::optional<std::string> value(std::string_view name) const;
+  // The value without a copy; null when the field is absent.
+  const std::string* lookup(std::string_view name) const {
+    const Field* field = find(name);
+    return field ? &field->second : nullptr;
+  }
   bool contains(std::string_view name) const { return find(name) != nullptr; }
   // Replaces the value (keeping the first spelling and position of the name); nullopt removes.
   void set(std::string_view name, std::optional<std::string> value);

@@ -104,7 +104,7 @@ std::optional<std::string> filenameFromURL(const ZRBURLPtr& url) {
   return sanitizedFilename(std::move(last));
 }
 
-long long parseContentLength(const std::optional<std::string>& value) {
+long long parseContentLength(const std::string* value) {
   if (!value) return -1;
   std::string_view digits = trim(*value);
   long long length = -1;
@@ -117,6 +117,12 @@ long long parseContentLength(const std::optional<std::string>& value) {
 
 ZRBContentType ZRBParseContentType(std::string_view value) {
   ZRBContentType result;
+  if (value.find(';') == std::string_view::npos) {
+    // No parameters, the common case of a response head.
+    std::string_view mainValue = trim(value);
+    if (!mainValue.empty()) result.MIMEType = lower(mainValue);
+    return result;
+  }
   auto [mainValue, parameters] = splitParameters(value);
   if (!mainValue.empty()) result.MIMEType = lower(mainValue);
   for (const auto& p : parameters) {
@@ -163,12 +169,12 @@ ZRBHTTPURLResponse::ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::opti
       statusCode_(statusCode),
       httpVersion_(HTTPVersion.value_or("HTTP/1.1")),
       headers_(std::move(headerFields)) {
-  if (auto contentType = headers_.value("Content-Type")) {
+  if (const std::string* contentType = headers_.lookup("Content-Type")) {
     ZRBContentType parsed = ZRBParseContentType(*contentType);
     mimeType_ = std::move(parsed.MIMEType);
     textEncodingName_ = std::move(parsed.charset);
   }
-  expectedContentLength_ = parseContentLength(headers_.value("Content-Length"));
+  expectedContentLength_ = parseContentLength(headers_.lookup("Content-Length"));
 }
 
 ZRBHTTPURLResponsePtr ZRBHTTPURLResponse::make(ZRBURLPtr url, long statusCode,
