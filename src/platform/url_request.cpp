@@ -1,6 +1,7 @@
 #include "platform/url_request.h"
 
 #include <functional>
+#include <typeinfo>
 
 ZRBURLRequest::ZRBURLRequest(ZRBURLPtr url, ZRBURLRequestCachePolicy cachePolicy, double timeoutInterval)
     : url_(std::move(url)), cachePolicy_(cachePolicy), timeoutInterval_(timeoutInterval) {}
@@ -49,6 +50,12 @@ ZRBValue ZRBURLRequest::allHTTPHeaderFields() const {
 }
 
 ZRBURLRequestPtr ZRBURLRequest::copy() const {
+  // An immutable request is its own copy, as on the platform.
+  if (typeid(*this) == typeid(ZRBURLRequest)) {
+    if (auto self = weak_from_this().lock()) {
+      return std::static_pointer_cast<ZRBURLRequest>(std::const_pointer_cast<ZRBObject>(self));
+    }
+  }
   auto request = std::make_shared<ZRBURLRequest>();
   request->copyStateFrom(*this);
   return request;

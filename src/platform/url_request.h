@@ -2,9 +2,10 @@
 //
 // A request is a value: the URL, the HTTP method, header fields, an optional body (bytes or a
 // stream, never both) and the loading options. ZRBURLRequest offers reading only;
-// ZRBMutableURLRequest adds the setters. copy() gives an independent immutable request and
-// mutableCopy() an independent mutable one; neither shares mutable state with the original (a
-// body stream is shared, as a stream can only be read once anyway). A mutable request is not
+// ZRBMutableURLRequest adds the setters. copy() gives an independent immutable request (an
+// immutable request owned by a shared pointer is returned itself) and mutableCopy() an independent
+// mutable one; neither shares mutable state with the original (a body stream is shared, as a
+// stream can only be read once anyway). A mutable request is not
 // safe to change from two threads at once.
 #pragma once
 

@@ -80,6 +80,8 @@ TEST(URLRequestTest, CopiesAreIndependentAndEqual) {
   auto frozen = original->copy();
   auto mutableCopy = frozen->mutableCopy();
   EXPECT_EQ(frozen->className(), "ZRBURLRequest");
+  EXPECT_EQ(frozen->copy(), frozen);  // nothing in it can change
+  EXPECT_NE(mutableCopy->copy(), frozen);
   EXPECT_TRUE(frozen->isEqual(*original));
   EXPECT_TRUE(mutableCopy->isEqual(*original));
   EXPECT_EQ(mutableCopy->cachePolicy(), ZRBURLRequestReturnCacheDataElseLoad);
