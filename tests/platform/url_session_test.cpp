@@ -130,6 +130,36 @@ TEST_F(URLSessionTest, CompletionHandlerGetsTheWholeBodyAndConfigurationHeadersA
   session->finishTasksAndInvalidate();
 }
 
+TEST_F(URLSessionTest, ProxiesComeFromTheEnvironmentAsItWasWhenTheSessionStarted) {
+  // The test server is the proxy: it sees the absolute target. Reached directly, localhost:9 would
+  // refuse the connection.
+  server_.respond("GET", "http://localhost:9/through", ZRBTestResponse::text(200, "via proxy"));
+  server_.respond("GET", "/direct", ZRBTestResponse::text(200, "direct"));
+  auto fetch = [](const ZRBURLSessionPtr& session, const std::string& url) {
+    std::promise<std::tuple<ZRBValue, ZRBURLResponsePtr, ZRBErrorPtr>> promise;
+    session->dataTaskWithRequest(requestFor(url), capture(promise))->resume();
+    auto [data, response, error] = promise.get_future().get();
+    auto bytes = data.bytes();
+    return error ? "error " + std::to_string(error->code())
+                 : std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  };
+  ::setenv("http_proxy", server_.baseURL().c_str(), 1);
+  ::setenv("no_proxy", "127.0.0.1", 1);
+  auto session =
+      ZRBURLSession::sessionWithConfiguration(ZRBURLSessionConfiguration::ephemeralSessionConfiguration());
+  EXPECT_EQ(fetch(session, "http://localhost:9/through"), "via proxy");
+  EXPECT_EQ(fetch(session, server_.url("/direct")), "direct") << "no_proxy names the host";
+  // Read once: later changes to the environment leave a running session as it was.
+  ::unsetenv("http_proxy");
+  EXPECT_EQ(fetch(session, "http://localhost:9/through"), "via proxy");
+  ::unsetenv("no_proxy");
+  session->finishTasksAndInvalidate();
+  auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 3u);
+  EXPECT_EQ(requests[0].target, "http://localhost:9/through");
+  EXPECT_EQ(requests[1].target, "/direct");
+}
+
 TEST_F(URLSessionTest, RedirectsAreFollowedOfferedAndRefused) {
   server_.echo("/echo");
   server_.redirect("/see-other", "/echo/after-303", 303);

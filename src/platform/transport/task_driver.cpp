@@ -934,57 +934,73 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
   task->setError(error);
   task->setState(ZRBURLSessionTaskStateCompleted);
 
-  std::string path = downloadPath_;
-  bool removeFile = !path.empty() && !keepDownloadFile_;
-  ZRBURLResponsePtr response = task->response();
-  bool isDownload = download_;
-  ZRBValue body;
+  Completion completion;
+  completion.path = downloadPath_;
+  completion.removeFile = !completion.path.empty() && !keepDownloadFile_;
+  completion.response = task->response();
+  completion.isDownload = download_;
   // Handed over whole: the body is not copied again.
-  if (!isDownload && (dataCompletion_ || collecting_) && !error) body = ZRBValue::data(std::move(collected_));
+  if (!download_ && (dataCompletion_ || collecting_) && !error)
+    completion.body = ZRBValue::data(std::move(collected_));
   collected_ = {};
-  auto cache = session->configurationRef().URLCache();
-  bool offerToCache = cache && collecting_ && !error && !isDownload && response;
-
-  transport_->toCallbackQueue([session, task, error, path, removeFile, response, isDownload, body,
-                               offerToCache, cache, dataCompletion = std::move(dataCompletion_),
-                               downloadCompletion = std::move(downloadCompletion_)] {
-    auto delegate = session->delegate();
-    if (isDownload) {
-      auto downloadTask = std::static_pointer_cast<ZRBURLSessionDownloadTask>(task);
-      ZRBURLPtr location = !error && !path.empty() ? ZRBURL::fileURLWithPath(path) : nullptr;
-      if (downloadCompletion) {
-        downloadCompletion(location, response, error);
-      } else if (delegate) {
-        if (location) delegate->downloadTaskDidFinishDownloading(session, downloadTask, location);
-        delegate->taskDidComplete(session, task, error);
-      }
-    } else {
-      auto dataTask = std::static_pointer_cast<ZRBURLSessionDataTask>(task);
-      if (offerToCache) {
-        auto proposed = std::make_shared<ZRBCachedURLResponse>(response, body);
-        auto request = task->currentRequest();
-        auto store = [cache, request](ZRBCachedURLResponsePtr chosen) {
-          if (chosen && request) cache->storeCachedResponse(std::move(chosen), *request);
-        };
-        if (!dataCompletion && delegate &&
-            delegate->respondsToOperation(ZRBURLSessionDelegateOperation::DataTaskWillCacheResponse)) {
-          delegate->dataTaskWillCacheResponse(session, dataTask, proposed, store);
-        } else {
-          store(proposed);
-        }
-      }
-      if (dataCompletion) {
-        dataCompletion(error ? ZRBValue() : body, response, error);
-      } else if (delegate) {
-        delegate->taskDidComplete(session, task, error);
-      }
+  completion.cache = session->configurationRef().URLCache();
+  completion.offerToCache = completion.cache && collecting_ && !error && !download_ && completion.response;
+  completion.dataCompletion = std::move(dataCompletion_);
+  completion.downloadCompletion = std::move(downloadCompletion_);
+  completion.session = std::move(session);
+  completion.task = std::move(task);
+  completion.error = std::move(error);
+  transport_->toCallbackQueue([completion = std::move(completion)] {
+    // The clean-up runs even when a callback throws, so that neither the task nor the session's
+    // invalidation waits for ever.
+    try {
+      completion.deliver();
+    } catch (...) {
+      completion.cleanUp();
+      throw;
     }
+    completion.cleanUp();
   });
-  // Apart from the callbacks, so that a callback that throws cannot keep the task (and the
-  // session's invalidation) waiting for ever.
-  transport_->toCallbackQueue([session, task, path, removeFile] {
+}
+
+void ZRBURLSessionTaskDriver::Completion::deliver() const {
+  auto delegate = session->delegate();
+  if (isDownload) {
+    auto downloadTask = std::static_pointer_cast<ZRBURLSessionDownloadTask>(task);
+    ZRBURLPtr location = !error && !path.empty() ? ZRBURL::fileURLWithPath(path) : nullptr;
+    if (downloadCompletion) {
+      downloadCompletion(location, response, error);
+    } else if (delegate) {
+      if (location) delegate->downloadTaskDidFinishDownloading(session, downloadTask, location);
+      delegate->taskDidComplete(session, task, error);
+    }
+    return;
+  }
+  if (offerToCache) {
+    auto dataTask = std::static_pointer_cast<ZRBURLSessionDataTask>(task);
+    auto proposed = std::make_shared<ZRBCachedURLResponse>(response, body);
+    auto request = task->currentRequest();
+    auto store = [cache = cache, request](ZRBCachedURLResponsePtr chosen) {
+      if (chosen && request) cache->storeCachedResponse(std::move(chosen), *request);
+    };
+    if (!dataCompletion && delegate &&
+        delegate->respondsToOperation(ZRBURLSessionDelegateOperation::DataTaskWillCacheResponse)) {
+      delegate->dataTaskWillCacheResponse(session, dataTask, proposed, store);
+    } else {
+      store(proposed);
+    }
+  }
+  if (dataCompletion) {
+    dataCompletion(error ? ZRBValue() : body, response, error);
+  } else if (delegate) {
+    delegate->taskDidComplete(session, task, error);
+  }
+}
+
+void ZRBURLSessionTaskDriver::Completion::cleanUp() const {
+  if (removeFile) {
     auto fileManager = ZRBFileManager::defaultManager();
-    if (removeFile && fileManager->fileExistsAtPath(path)) fileManager->removeItemAtPath(path);
-    session->taskDidFinish(*task);
-  });
+    if (fileManager->fileExistsAtPath(path)) fileManager->removeItemAtPath(path);
+  }
+  session->taskDidFinish(*task);
 }

@@ -63,6 +63,25 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
   using Clock = std::chrono::steady_clock;
   enum class Hold { None, Redirect, Authenticate };
 
+  // What the delegate queue needs to end a task: the completion callbacks, then the clean-up.
+  struct Completion {
+    ZRBURLSessionPtr session;
+    ZRBURLSessionTaskPtr task;
+    ZRBErrorPtr error;
+    ZRBURLResponsePtr response;
+    ZRBValue body;
+    std::string path;  // a download's file
+    bool removeFile = false;
+    bool isDownload = false;
+    bool offerToCache = false;
+    std::shared_ptr<ZRBURLCache> cache;
+    ZRBURLSessionDataCompletion dataCompletion;
+    ZRBURLSessionDownloadCompletion downloadCompletion;
+
+    void deliver() const;
+    void cleanUp() const;
+  };
+
   // Transport thread.
   void post(void (ZRBURLSessionTaskDriver::*step)());
   // `call(session, delegate)` on the delegate queue, if the session still has a delegate then.

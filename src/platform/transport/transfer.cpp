@@ -43,14 +43,66 @@ std::optional<std::string> proxyFor(const ZRBValue& proxies, bool https) {
 }  // namespace
 
 ZRBTransfer::ZRBTransfer(ZRBTransport& transport, ZRBTransferClient& client)
-    : transport_(transport), client_(client), easy_(transport.takeEasyHandle()) {}
+    : transport_(transport), client_(client), handle_(transport.takeEasyHandle()) {
+  handle_->transfer = this;
+}
 
 ZRBTransfer::~ZRBTransfer() {
   if (active_) transport_.remove(*this);
   if (body_.pump) body_.pump->cancel();
   if (fd_ >= 0) ::close(fd_);
-  transport_.returnEasyHandle(easy_);
-  curl_slist_free_all(headerList_);
+  transport_.returnEasyHandle(std::move(handle_));
+}
+
+CURL* ZRBTransfer::easy() const { return handle_->easy; }
+const char* ZRBTransfer::errorDetail() const { return handle_->errorBuffer; }
+
+namespace {
+// Sets an option that not every transfer sets: the handle is reset before its next transfer.
+template <typename Value>
+void setExtraOption(ZRBEasyHandle& handle, CURLoption option, Value value) {
+  handle.dirty = true;
+  curl_easy_setopt(handle.easy, option, value);
+}
+}  // namespace
+
+void ZRBTransfer::configureHandle() {
+  ZRBEasyHandle& handle = *handle_;
+  CURL* easy = handle.easy;
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, &handle);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, handle.errorBuffer);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, long(CURL_HTTP_VERSION_2TLS));
+  curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
+  curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  // Every encoding libcurl can decode; the Accept-Encoding field itself is one of our header
+  // lines (see applyHeaders).
+  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+  // No proxy unless a transfer names one: the environment's were read when the transport started.
+  curl_easy_setopt(easy, CURLOPT_PROXY, "");
+  curl_easy_setopt(easy, CURLOPT_NOPROXY, "");
+
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &ZRBTransfer::onHeader);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, &handle);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &ZRBTransfer::onWrite);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &handle);
+  // Only used by transfers with a body.
+  curl_easy_setopt(easy, CURLOPT_READFUNCTION, &ZRBTransfer::onRead);
+  curl_easy_setopt(easy, CURLOPT_READDATA, &handle);
+  curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &ZRBTransfer::onSeek);
+  curl_easy_setopt(easy, CURLOPT_SEEKDATA, &handle);
+  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &ZRBTransfer::onProgress);
+  curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &handle);
+
+  // The session's challenge path judges the server; libcurl's own checks are off.
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
+  curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
+  curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+  curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &ZRBTransfer::onSSLContext);
+  curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, &handle);
+  handle.configured = true;
 }
 
 ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
@@ -94,68 +146,49 @@ ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
     }
   }
 
-  CURL* easy = easy_;
+  ZRBEasyHandle& handle = *handle_;
+  if (!handle.configured) configureHandle();
+  handle.errorBuffer[0] = '\0';
+  CURL* easy = handle.easy;
   curl_easy_setopt(easy, CURLOPT_URL, url_->absoluteString().c_str());
-  curl_easy_setopt(easy, CURLOPT_PRIVATE, this);
-  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer_);
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
-  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, long(CURL_HTTP_VERSION_2TLS));
-  curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
   curl_easy_setopt(easy, CURLOPT_STREAM_WEIGHT, std::clamp(setup.streamWeight, 1L, 256L));
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, setup.connectTimeoutMilliseconds));
-  curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  if (setup.receiveBufferSize > 0) curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, setup.receiveBufferSize);
-  if (setup.decodeContent) curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-
-  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &ZRBTransfer::onHeader);
-  curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &ZRBTransfer::onWrite);
-  curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
-
-  // The session's challenge path judges the server; libcurl's own checks are off.
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
-  curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
-  curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
-  curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &ZRBTransfer::onSSLContext);
-  curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
-
+  if (setup.receiveBufferSize > 0) setExtraOption(handle, CURLOPT_BUFFERSIZE, setup.receiveBufferSize);
+  if (!setup.decodeContent)
+    setExtraOption(handle, CURLOPT_ACCEPT_ENCODING, static_cast<const char*>(nullptr));
   if (auto proxy = proxyFor(setup.proxyDictionary, lowerScheme == "https")) {
-    curl_easy_setopt(easy, CURLOPT_PROXY, proxy->c_str());
+    setExtraOption(handle, CURLOPT_PROXY, proxy->c_str());
+  } else if (const ZRBEnvironmentProxies& environment = transport_.environmentProxies(); environment.any()) {
+    curl_easy_setopt(easy, CURLOPT_PROXY,
+                     (lowerScheme == "https" ? environment.https : environment.http).c_str());
+    curl_easy_setopt(easy, CURLOPT_NOPROXY, environment.noProxy.c_str());
   }
   if (setup.user) {
-    curl_easy_setopt(easy, CURLOPT_USERNAME, setup.user->c_str());
-    curl_easy_setopt(easy, CURLOPT_PASSWORD, setup.password.value_or("").c_str());
-    curl_easy_setopt(
-        easy, CURLOPT_HTTPAUTH,
+    setExtraOption(handle, CURLOPT_USERNAME, setup.user->c_str());
+    setExtraOption(handle, CURLOPT_PASSWORD, setup.password.value_or("").c_str());
+    setExtraOption(
+        handle, CURLOPT_HTTPAUTH,
         setup.authenticationSchemes ? setup.authenticationSchemes : long(CURLAUTH_BASIC | CURLAUTH_DIGEST));
   }
 
   const std::string& method = request.HTTPMethod();
   bool hasBody = body_.kind != ZRBTransferBody::Kind::None;
   if (hasBody) {
-    curl_easy_setopt(easy, CURLOPT_POST, 1L);
-    curl_easy_setopt(easy, CURLOPT_READFUNCTION, &ZRBTransfer::onRead);
-    curl_easy_setopt(easy, CURLOPT_READDATA, this);
-    curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &ZRBTransfer::onSeek);
-    curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(bodyLength_));
+    setExtraOption(handle, CURLOPT_POST, 1L);
+    setExtraOption(handle, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(bodyLength_));
     // libcurl's default upload buffer (64 KiB) is kept: larger ones measured slower on loopback,
     // where the socket rather than the buffer sets the pace.
-    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &ZRBTransfer::onProgress);
-    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
-    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
-    if (method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+    setExtraOption(handle, CURLOPT_NOPROGRESS, 0L);
+    if (method != "POST") setExtraOption(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
   } else if (method == "GET") {
     curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
   } else if (method == "HEAD") {
-    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+    setExtraOption(handle, CURLOPT_NOBODY, 1L);
   } else if (method == "POST") {
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, "");
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, 0L);
+    setExtraOption(handle, CURLOPT_POSTFIELDS, "");
+    setExtraOption(handle, CURLOPT_POSTFIELDSIZE, 0L);
   } else {
-    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+    setExtraOption(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
   }
   applyHeaders(setup, hasBody);
   return nullptr;
@@ -182,19 +215,35 @@ void ZRBTransfer::applyHeaders(const ZRBTransferSetup& setup, bool hasBody) {
   fields.remove("Content-Length");
   if (hasBody && bodyLength_ < 0 && !fields.contains("Transfer-Encoding"))
     fields.set("Transfer-Encoding", "chunked");
-  if (!fields.contains("User-Agent")) fields.set("User-Agent", "ORVELKIT/" ORVELKIT_VERSION_STRING);
 
-  curl_slist* list = nullptr;
+  std::string& text = handle_->headerText;
+  text.clear();
+  std::size_t lines = 0;
+  auto addLine = [&](std::string_view name, std::string_view separator, std::string_view value) {
+    text.append(name).append(separator).append(value).push_back('\0');
+    ++lines;
+  };
   for (const auto& [name, value] : fields.fields()) {
     // "Name;" is libcurl's way of sending a field with an empty value.
-    std::string line = value.empty() ? name + ";" : name + ": " + value;
-    list = curl_slist_append(list, line.c_str());
+    addLine(name, value.empty() ? ";" : ": ", value);
   }
+  if (!fields.contains("User-Agent")) addLine("User-Agent", ": ", "ORVELKIT/" ORVELKIT_VERSION_STRING);
+  // Sent by us rather than by libcurl, which would format the line anew for every request.
+  if (setup.decodeContent && !fields.contains("Accept-Encoding"))
+    addLine("Accept-Encoding", ": ", "gzip, deflate, br");
   // Fields libcurl would add on its own that a request here does not send unless it asks.
-  if (!fields.contains("Expect")) list = curl_slist_append(list, "Expect:");
-  if (hasBody && !fields.contains("Content-Type")) list = curl_slist_append(list, "Content-Type:");
-  headerList_ = list;
-  curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, headerList_);
+  if (hasBody && !fields.contains("Expect")) addLine("Expect", ":", "");
+  if (hasBody && !fields.contains("Content-Type")) addLine("Content-Type", ":", "");
+
+  std::vector<curl_slist>& list = handle_->headerList;
+  list.resize(lines);
+  const char* line = text.data();
+  for (std::size_t i = 0; i < lines; ++i) {
+    list[i].data = const_cast<char*>(line);
+    list[i].next = i + 1 < lines ? &list[i + 1] : nullptr;
+    line += std::strlen(line) + 1;
+  }
+  curl_easy_setopt(handle_->easy, CURLOPT_HTTPHEADER, lines ? list.data() : nullptr);
 }
 
 void ZRBTransfer::start() {
@@ -217,11 +266,11 @@ void ZRBTransfer::start() {
 }
 
 void ZRBTransfer::pause() {
-  if (active_) curl_easy_pause(easy_, CURLPAUSE_ALL);
+  if (active_) curl_easy_pause(handle_->easy, CURLPAUSE_ALL);
 }
 
 void ZRBTransfer::unpause() {
-  if (active_) curl_easy_pause(easy_, CURLPAUSE_CONT);
+  if (active_) curl_easy_pause(handle_->easy, CURLPAUSE_CONT);
 }
 
 void ZRBTransfer::done(int curlCode) {
@@ -232,8 +281,12 @@ void ZRBTransfer::done(int curlCode) {
 
 // ---- libcurl callbacks ----
 
+namespace {
+ZRBTransfer& transferOf(void* handle) { return *static_cast<ZRBEasyHandle*>(handle)->transfer; }
+}  // namespace
+
 std::size_t ZRBTransfer::onHeader(char* data, std::size_t size, std::size_t count, void* self) {
-  return static_cast<ZRBTransfer*>(self)->header(std::string_view(data, size * count));
+  return transferOf(self).header(std::string_view(data, size * count));
 }
 
 std::size_t ZRBTransfer::header(std::string_view line) {
@@ -249,8 +302,9 @@ std::size_t ZRBTransfer::header(std::string_view line) {
     setCookies_.clear();
     std::string_view rest = line.substr(5);
     std::size_t space = rest.find(' ');
-    version_ = "HTTP/" + std::string(rest.substr(0, space));
-    if (version_ == "HTTP/2.0") version_ = "HTTP/2";
+    std::string_view version = rest.substr(0, space);
+    if (version == "2.0") version = "2";
+    version_.assign("HTTP/").append(version);
     status_ = 0;
     if (space != std::string_view::npos) {
       std::string_view code = trimmed(rest.substr(space + 1)).substr(0, 3);
@@ -263,7 +317,8 @@ std::size_t ZRBTransfer::header(std::string_view line) {
     if (status_ >= 200 || status_ == 0) {
       headBytes_ = 0;
       receivedResponse_ = true;
-      auto response = std::make_shared<ZRBHTTPURLResponse>(url_, status_, version_, std::move(fields_));
+      auto response =
+          std::make_shared<ZRBHTTPURLResponse>(url_, status_, std::move(version_), std::move(fields_));
       fields_ = {};
       client_.transferDidReceiveResponse(*this, std::move(response));
     }
@@ -271,8 +326,10 @@ std::size_t ZRBTransfer::header(std::string_view line) {
   }
   std::size_t colon = content.find(':');
   if (colon != std::string_view::npos && colon > 0) {
-    std::string_view name = trimmed(content.substr(0, colon));
-    std::string_view value = trimmed(content.substr(colon + 1));
+    std::string_view name = content.substr(0, colon);
+    while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
+    std::string_view value = content.substr(colon + 1);
+    while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
     fields_.add(name, value);
     if (ZRBHTTPHeaderNameEquals(name, "Set-Cookie")) setCookies_.emplace_back(value);
   }
@@ -280,12 +337,12 @@ std::size_t ZRBTransfer::header(std::string_view line) {
 }
 
 std::size_t ZRBTransfer::onWrite(char* data, std::size_t size, std::size_t count, void* self) {
-  auto* transfer = static_cast<ZRBTransfer*>(self);
-  return transfer->client_.transferDidReceiveData(*transfer, data, size * count);
+  ZRBTransfer& transfer = transferOf(self);
+  return transfer.client_.transferDidReceiveData(transfer, data, size * count);
 }
 
 std::size_t ZRBTransfer::onRead(char* buffer, std::size_t size, std::size_t count, void* self) {
-  return static_cast<ZRBTransfer*>(self)->read(buffer, size * count);
+  return transferOf(self).read(buffer, size * count);
 }
 
 std::size_t ZRBTransfer::read(char* buffer, std::size_t length) {
@@ -319,7 +376,7 @@ std::size_t ZRBTransfer::read(char* buffer, std::size_t length) {
 }
 
 int ZRBTransfer::onSeek(void* self, std::int64_t offset, int origin) {
-  auto* transfer = static_cast<ZRBTransfer*>(self);
+  auto* transfer = &transferOf(self);
   // Only bytes and files can go back; a stream must be asked for again by the client.
   if (origin != SEEK_SET || transfer->body_.kind == ZRBTransferBody::Kind::Stream)
     return CURL_SEEKFUNC_CANTSEEK;
@@ -328,7 +385,7 @@ int ZRBTransfer::onSeek(void* self, std::int64_t offset, int origin) {
 }
 
 int ZRBTransfer::onProgress(void* self, std::int64_t, std::int64_t, std::int64_t, std::int64_t ulnow) {
-  auto* transfer = static_cast<ZRBTransfer*>(self);
+  auto* transfer = &transferOf(self);
   // libcurl counts chunk framing as sent bytes; the body bytes handed over are the upper bound.
   std::int64_t sent = std::min<std::int64_t>(ulnow, transfer->bodyOffset_);
   if (sent > transfer->lastReportedSent_) {
@@ -349,8 +406,9 @@ int ZRBTransfer::onSSLContext(CURL*, void* sslContext, void* self) {
 }
 
 int ZRBTransfer::onVerify(x509_store_ctx_st* context, void* self) {
-  auto* transfer = static_cast<ZRBTransfer*>(self);
-  bool proceed = transfer->client_.transferEvaluateServerTrust(*transfer, context);
+  // A handshake with no transfer behind it has nobody to judge it, so it does not go on.
+  ZRBTransfer* transfer = static_cast<ZRBEasyHandle*>(self)->transfer;
+  bool proceed = transfer && transfer->client_.transferEvaluateServerTrust(*transfer, context);
   if (!proceed) X509_STORE_CTX_set_error(context, X509_V_ERR_APPLICATION_VERIFICATION);
   return proceed ? 1 : 0;
 }

@@ -27,6 +27,7 @@
 typedef void CURL;
 struct x509_store_ctx_st;
 class ZRBTransport;
+struct ZRBEasyHandle;
 class ZRBTransfer;
 class ZRBBodyPump;
 
@@ -95,12 +96,12 @@ class ZRBTransfer {
   void pause();
   void unpause();
 
-  CURL* easy() const { return easy_; }
+  CURL* easy() const;
   // Total body length when known, else -1.
   std::int64_t bodyLength() const { return bodyLength_; }
   bool headTooLarge() const { return headTooLarge_; }
   // libcurl's own words about the last failure.
-  const char* errorDetail() const { return errorBuffer_; }
+  const char* errorDetail() const;
   // The head arrived (a final response was reported).
   bool receivedResponse() const { return receivedResponse_; }
   // The Set-Cookie fields of the final head, one entry each (a joined field would be ambiguous,
@@ -125,17 +126,16 @@ class ZRBTransfer {
 
   std::size_t header(std::string_view line);
   std::size_t read(char* buffer, std::size_t length);
+  void configureHandle();
   void applyHeaders(const ZRBTransferSetup& setup, bool hasBody);
 
   ZRBTransport& transport_;
   ZRBTransferClient& client_;
-  CURL* easy_;
-  struct curl_slist* headerList_ = nullptr;
+  std::unique_ptr<ZRBEasyHandle> handle_;
   bool active_ = false;
   // Lets work posted from other threads find this transfer if it still exists (checked and
   // destroyed on the transport thread only).
   std::shared_ptr<ZRBTransfer*> self_;  // made when a body pump needs it
-  char errorBuffer_[256] = {};
 
   ZRBURLPtr url_;
   ZRBTransferBody body_;

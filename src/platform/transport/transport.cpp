@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "platform/transport/transfer.h"
 
@@ -21,8 +22,8 @@ void initializeCurlOnce() {
   (void)initialized;
 }
 
-void runCallbacks(const std::vector<std::function<void()>>& batch) {
-  for (const auto& work : batch) {
+void runCallbacks(std::vector<ZRBTransportWork>& batch) {
+  for (auto& work : batch) {
     // One failing callback must not take the rest of the batch with it.
     try {
       work();
@@ -42,7 +43,22 @@ std::shared_ptr<ZRBTransport> ZRBTransport::make(const ZRBTransportOptions& opti
   return transport;
 }
 
-ZRBTransport::ZRBTransport(const ZRBTransportOptions& options) : callbackQueue_(options.callbackQueue) {
+ZRBEnvironmentProxies ZRBEnvironmentProxies::read() {
+  auto first = [](std::initializer_list<const char*> names) -> std::string {
+    for (const char* name : names) {
+      if (const char* value = std::getenv(name)) return value;  // set, even if empty
+    }
+    return {};
+  };
+  ZRBEnvironmentProxies proxies;
+  proxies.http = first({"http_proxy", "all_proxy", "ALL_PROXY"});
+  proxies.https = first({"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"});
+  proxies.noProxy = first({"no_proxy", "NO_PROXY"});
+  return proxies;
+}
+
+ZRBTransport::ZRBTransport(const ZRBTransportOptions& options)
+    : environmentProxies_(ZRBEnvironmentProxies::read()), callbackQueue_(options.callbackQueue) {
   initializeCurlOnce();
   multi_ = curl_multi_init();
   curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, std::max(1L, options.maximumConnectionsPerHost));
@@ -50,11 +66,11 @@ ZRBTransport::ZRBTransport(const ZRBTransportOptions& options) : callbackQueue_(
 }
 
 ZRBTransport::~ZRBTransport() {
-  for (CURL* easy : pool_) curl_easy_cleanup(easy);
+  pool_.clear();
   curl_multi_cleanup(multi_);
 }
 
-void ZRBTransport::post(std::function<void()> work) {
+void ZRBTransport::post(ZRBTransportWork work) {
   bool wake = false;
   {
     std::lock_guard lock(mutex_);
@@ -95,22 +111,26 @@ void ZRBTransport::remove(ZRBTransfer& transfer) {
   curl_multi_remove_handle(multi_, transfer.easy());
 }
 
-CURL* ZRBTransport::takeEasyHandle() {
-  if (pool_.empty()) return curl_easy_init();
-  CURL* easy = pool_.back();
+ZRBEasyHandle::ZRBEasyHandle() : easy(curl_easy_init()) {}
+ZRBEasyHandle::~ZRBEasyHandle() { curl_easy_cleanup(easy); }
+
+std::unique_ptr<ZRBEasyHandle> ZRBTransport::takeEasyHandle() {
+  if (pool_.empty()) return std::make_unique<ZRBEasyHandle>();
+  auto handle = std::move(pool_.back());
   pool_.pop_back();
-  return easy;
+  return handle;
 }
 
-void ZRBTransport::returnEasyHandle(CURL* easy) {
-  if (!easy) return;
-  if (pool_.size() >= kEasyPoolLimit) {
-    curl_easy_cleanup(easy);
-    return;
+void ZRBTransport::returnEasyHandle(std::unique_ptr<ZRBEasyHandle> handle) {
+  if (!handle || pool_.size() >= kEasyPoolLimit) return;
+  handle->transfer = nullptr;
+  if (handle->dirty) {
+    // Options go, the handle's DNS and TLS session caches stay.
+    curl_easy_reset(handle->easy);
+    handle->configured = false;
+    handle->dirty = false;
   }
-  // Options go, the handle's DNS and TLS session caches stay.
-  curl_easy_reset(easy);
-  pool_.push_back(easy);
+  pool_.push_back(std::move(handle));
 }
 
 void ZRBTransport::run() {
@@ -157,8 +177,8 @@ void ZRBTransport::flushOutbox() {
     outbox_.clear();
     return;
   }
-  std::vector<std::function<void()>> batch;
-  batch.reserve(16);
+  std::vector<ZRBTransportWork> batch;
+  batch.swap(spareOutbox_);
   batch.swap(outbox_);
   // A delegate queue with nothing to do runs the batch here and now, as its own block: the
   // callbacks keep their order and run one at a time, and no thread has to wake for them. A
@@ -167,33 +187,39 @@ void ZRBTransport::flushOutbox() {
   auto now = std::chrono::steady_clock::now();
   if (now >= inlineAllowedAfter_ && callbackQueue_->runNowIfIdle([&batch] { runCallbacks(batch); })) {
     if (std::chrono::steady_clock::now() - now > kInlineBudget) inlineAllowedAfter_ = now + kInlinePenalty;
+    batch.clear();
+    spareOutbox_.swap(batch);  // its storage serves the next turn
     return;
   }
-  callbackQueue_->async([batch = std::move(batch)] { runCallbacks(batch); });
+  // Queue blocks are copyable; the batch is not, so it goes over behind a shared pointer.
+  callbackQueue_->async(
+      [batch = std::make_shared<std::vector<ZRBTransportWork>>(std::move(batch))] { runCallbacks(*batch); });
 }
 
 void ZRBTransport::runPostedWork() {
-  std::vector<std::function<void()>> work;
   {
     std::lock_guard lock(mutex_);
-    work.swap(posted_);
+    if (posted_.empty()) return;
+    running_.swap(posted_);
   }
-  for (auto& item : work) {
+  for (auto& item : running_) {
     try {
       item();
     } catch (const std::exception& exception) {
       std::fprintf(stderr, "ORVELKIT: transport work threw: %s\n", exception.what());
     }
   }
+  running_.clear();  // its storage serves the next turn
 }
 
 void ZRBTransport::finishDoneTransfers() {
   int queued = 0;
   while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
     if (message->msg != CURLMSG_DONE) continue;
-    ZRBTransfer* transfer = nullptr;
-    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&transfer));
+    ZRBEasyHandle* handle = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&handle));
     CURLcode result = message->data.result;
+    ZRBTransfer* transfer = handle ? handle->transfer : nullptr;
     if (!transfer) continue;
     remove(*transfer);
     // May delete the transfer or start new ones.

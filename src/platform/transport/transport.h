@@ -6,22 +6,56 @@
 //
 // The multi handle holds the session's connection cache (keep-alive, HTTP/2 multiplexing) and
 // easy handles are reused from a pool, so DNS answers and TLS sessions carry over between
-// transfers.
+// transfers, and a handle that served a plain request is ready for the next one as it is.
 #pragma once
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "platform/dispatch.h"
+#include "platform/transport/transport_work.h"
 
 typedef void CURLM;
 typedef void CURL;
+struct curl_slist;
 
 class ZRBTransfer;
+
+// A libcurl easy handle as the transport pools it. The options that every transfer sets alike,
+// the callbacks among them, are set once and stay across transfers; the callbacks' data is this
+// record, whose `transfer` says whose turn it is. A transfer that sets anything more marks the
+// handle dirty, and it is reset before the next one.
+struct ZRBEasyHandle {
+  ZRBEasyHandle();
+  ~ZRBEasyHandle();
+  ZRBEasyHandle(const ZRBEasyHandle&) = delete;
+  ZRBEasyHandle& operator=(const ZRBEasyHandle&) = delete;
+
+  CURL* easy;
+  ZRBTransfer* transfer = nullptr;
+  bool configured = false;
+  bool dirty = false;
+  char errorBuffer[256] = {};  // CURL_ERROR_SIZE
+  // The current request's header lines, NUL-terminated one after another, and the list libcurl
+  // reads them through: nodes of our own, kept with the handle so that no transfer allocates them.
+  std::string headerText;
+  std::vector<curl_slist> headerList;
+};
+
+// The proxies the environment names, read once when the transport starts (libcurl would look them
+// up again for every transfer). The rules are libcurl's: a lower-case variable before its
+// upper-case form, never HTTP_PROXY, all_proxy for a scheme without one of its own.
+struct ZRBEnvironmentProxies {
+  std::string http;     // "" for none
+  std::string https;    // "" for none
+  std::string noProxy;  // hosts that are reached directly
+  bool any() const { return !http.empty() || !https.empty(); }
+  static ZRBEnvironmentProxies read();
+};
 
 struct ZRBTransportOptions {
   long maximumConnectionsPerHost = 6;
@@ -40,20 +74,22 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
 
   // Runs `work` on the transport thread, in the order posted. Work posted after shutdown() is
   // dropped (its captures are released on the caller's thread).
-  void post(std::function<void()> work);
+  void post(ZRBTransportWork work);
   bool isTransportThread() const { return std::this_thread::get_id() == threadID_; }
   // Stops the thread once the work posted so far has run. Waits for it unless called on it.
   void shutdown();
+
+  const ZRBEnvironmentProxies& environmentProxies() const { return environmentProxies_; }
 
   // ---- on the transport thread ----
   // The transfer is driven until it completes (its onDone runs) or is removed.
   void add(ZRBTransfer& transfer);
   void remove(ZRBTransfer& transfer);
-  CURL* takeEasyHandle();
-  void returnEasyHandle(CURL* easy);
+  std::unique_ptr<ZRBEasyHandle> takeEasyHandle();
+  void returnEasyHandle(std::unique_ptr<ZRBEasyHandle> handle);
   // Queues `work` for the callback queue. What one turn of the loop queues goes over in one block,
   // in order, so a burst of events costs one hand-over instead of one each.
-  void toCallbackQueue(std::function<void()> work) { outbox_.push_back(std::move(work)); }
+  void toCallbackQueue(ZRBTransportWork work) { outbox_.push_back(std::move(work)); }
 
  private:
   void run();
@@ -63,20 +99,23 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   void flushOutbox();
 
   CURLM* multi_;
+  const ZRBEnvironmentProxies environmentProxies_;
   std::thread thread_;
   std::thread::id threadID_;
 
   std::mutex mutex_;
-  std::vector<std::function<void()>> posted_;
+  std::vector<ZRBTransportWork> posted_;
   bool stopping_ = false;
   bool sleeping_ = false;  // the thread is in (or about to enter) curl_multi_poll
   bool wakeSent_ = false;  // ... and has been woken already
 
   // Transport thread only.
   std::vector<ZRBTransfer*> active_;
-  std::vector<CURL*> pool_;
+  std::vector<std::unique_ptr<ZRBEasyHandle>> pool_;
   ZRBDispatchQueuePtr callbackQueue_;
-  std::vector<std::function<void()>> outbox_;
+  std::vector<ZRBTransportWork> outbox_;
+  std::vector<ZRBTransportWork> spareOutbox_;  // the last batch run here, emptied
+  std::vector<ZRBTransportWork> running_;      // posted work being run, emptied after
   std::chrono::steady_clock::time_point nextTimeoutCheck_{};
   std::chrono::steady_clock::time_point inlineAllowedAfter_{};
 };
