@@ -32,8 +32,30 @@ struct StringNode : ValueNode {
   }
 };
 
+// Data: bytes copied in follow the header in the same allocation; a vector handed over is kept
+// as it is, without a copy.
 struct DataNode : ValueNode {
-  std::vector<std::uint8_t> bytes;
+  std::span<const std::uint8_t> bytes;
+  std::vector<std::uint8_t> adopted;
+
+  static DataNode* copying(const void* bytes, std::size_t length) {
+    void* memory = ::operator new(sizeof(DataNode) + length);
+    auto* node = new (memory) DataNode;
+    auto* trailing = reinterpret_cast<std::uint8_t*>(node + 1);
+    if (length) std::memcpy(trailing, bytes, length);
+    node->bytes = {trailing, length};
+    return node;
+  }
+  static DataNode* adopting(std::vector<std::uint8_t> bytes) {
+    auto* node = new (::operator new(sizeof(DataNode))) DataNode;
+    node->adopted = std::move(bytes);
+    node->bytes = node->adopted;
+    return node;
+  }
+  static void destroy(DataNode* node) {
+    node->~DataNode();
+    ::operator delete(node);
+  }
 };
 
 struct ArrayNode : ValueNode {
@@ -207,7 +229,7 @@ void ZRBValue::releaseNode() noexcept {
   if (n->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
   switch (kind_) {
     case ZRBValueKind::String: StringNode::destroy(static_cast<StringNode*>(n)); break;
-    case ZRBValueKind::Data: delete static_cast<DataNode*>(n); break;
+    case ZRBValueKind::Data: DataNode::destroy(static_cast<DataNode*>(n)); break;
     case ZRBValueKind::Array: delete static_cast<ArrayNode*>(n); break;
     case ZRBValueKind::Dictionary: delete static_cast<DictionaryNode*>(n); break;
     case ZRBValueKind::Set: delete static_cast<SetNode*>(n); break;
@@ -286,14 +308,11 @@ ZRBValue ZRBValue::classTag(ZRBValueClass cls) noexcept {
 }
 
 ZRBValue ZRBValue::data(std::vector<std::uint8_t> bytes) {
-  auto* n = new DataNode;
-  n->bytes = std::move(bytes);
-  return fromNode(ZRBValueKind::Data, n);
+  return fromNode(ZRBValueKind::Data, DataNode::adopting(std::move(bytes)));
 }
 
 ZRBValue ZRBValue::data(const void* bytes, std::size_t length) {
-  const auto* begin = static_cast<const std::uint8_t*>(bytes);
-  return data(std::vector<std::uint8_t>(begin, begin + length));
+  return fromNode(ZRBValueKind::Data, DataNode::copying(bytes, length));
 }
 
 ZRBValue ZRBValue::array(std::vector<ZRBValue> items) {
