@@ -92,7 +92,7 @@ std::shared_ptr<Task> ZRBURLSession::makeTask(ZRBURLSessionTask::Kind kind, ZRBU
     // Tasks keep the request as it was when they were made.
     task = std::make_shared<Task>(ZRBURLSessionTask::Private{}, kind, nextIdentifier_++,
                                   request ? request->copy() : nullptr);
-    tasks_.emplace(task->taskIdentifier(), task);
+    tasks_.add(task);
   }
   task->setDriver(std::make_shared<ZRBURLSessionTaskDriver>(self, task, std::move(body)));
   return task;
@@ -202,7 +202,7 @@ ZRBURLSessionDownloadTaskPtr ZRBURLSession::adoptAsDownloadTask(
     task = std::make_shared<ZRBURLSessionDownloadTask>(ZRBURLSessionTask::Private{},
                                                        ZRBURLSessionTask::Kind::Download, nextIdentifier_++,
                                                        dataTask->originalRequest());
-    tasks_.emplace(task->taskIdentifier(), task);
+    tasks_.add(task);
   }
   task->setCurrentRequest(dataTask->currentRequest());
   task->setResponse(dataTask->response());
@@ -217,14 +217,10 @@ ZRBURLSessionDownloadTaskPtr ZRBURLSession::adoptAsDownloadTask(
 }
 
 void ZRBURLSession::taskDidFinish(const ZRBURLSessionTask& task) {
+  // Dropped after the lock is released (the task may hold the last reference to this session).
   ZRBURLSessionTaskPtr released;
   std::lock_guard lock(mutex_);
-  auto found = tasks_.find(task.taskIdentifier());
-  if (found != tasks_.end()) {
-    // Dropped after the lock is released (the task may hold the last reference to this session).
-    released = std::move(found->second);
-    tasks_.erase(found);
-  }
+  released = tasks_.take(task.taskIdentifier());
   becomeInvalidIfDone();
 }
 
@@ -245,7 +241,7 @@ void ZRBURLSession::invalidateAndCancel() {
   {
     std::lock_guard lock(mutex_);
     invalidated_ = true;
-    for (const auto& [identifier, task] : tasks_) tasks.push_back(task);
+    tasks_.forEach([&tasks](const ZRBURLSessionTaskPtr& task) { tasks.push_back(task); });
     becomeInvalidIfDone();
   }
   for (const auto& task : tasks) task->cancel();
@@ -264,15 +260,13 @@ bool ZRBURLSession::isInvalidated() const {
 
 void ZRBURLSession::getAllTasksWithCompletionHandler(
     std::function<void(std::vector<ZRBURLSessionTaskPtr>)> completion) {
-  std::vector<ZRBURLSessionTaskPtr> tasks;
+  std::vector<ZRBURLSessionTaskPtr> tasks;  // in identifier order, as the list keeps them
   {
     std::lock_guard lock(mutex_);
-    for (const auto& [identifier, task] : tasks_) {
+    tasks_.forEach([&tasks](const ZRBURLSessionTaskPtr& task) {
       if (task->state() != ZRBURLSessionTaskStateCompleted) tasks.push_back(task);
-    }
+    });
   }
-  std::sort(tasks.begin(), tasks.end(),
-            [](const auto& a, const auto& b) { return a->taskIdentifier() < b->taskIdentifier(); });
   delegateQueue_->async(
       [tasks = std::move(tasks), completion = std::move(completion)] { completion(tasks); });
 }
@@ -298,6 +292,24 @@ void ZRBURLSession::getTasksWithCompletionHandler(ZRBURLSessionTasksCompletion c
         }
         completion(std::move(data), std::move(uploads), std::move(downloads));
       });
+}
+
+void ZRBURLSession::TaskList::add(ZRBURLSessionTaskPtr task) {
+  unsigned long identifier = task->taskIdentifier();
+  entries_.emplace_back(identifier, std::move(task));
+  ++count_;
+}
+
+ZRBURLSessionTaskPtr ZRBURLSession::TaskList::take(unsigned long identifier) {
+  auto found = std::lower_bound(entries_.begin(), entries_.end(), identifier,
+                                [](const auto& entry, unsigned long id) { return entry.first < id; });
+  if (found == entries_.end() || found->first != identifier || !found->second) return nullptr;
+  ZRBURLSessionTaskPtr task = std::move(found->second);
+  --count_;
+  if (entries_.size() > 32 && entries_.size() > 2 * count_) {
+    std::erase_if(entries_, [](const auto& entry) { return !entry.second; });
+  }
+  return task;
 }
 
 std::string ZRBURLSession::description() const { return ZRBStringWithFormat("<%@: %p>", className(), this); }

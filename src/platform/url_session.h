@@ -22,7 +22,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/dispatch.h"
@@ -132,6 +132,26 @@ class ZRBURLSession final : public ZRBObject {
   void becomeInvalidIfDone();  // with mutex_ held
   ZRBURLSessionDownloadTaskPtr makeResumedDownload(const ZRBValue& resumeData);
 
+  // The tasks that have not finished, in creation order, which is identifier order. A finished
+  // task leaves a hole, swept out once holes outnumber tasks: no allocation per task.
+  class TaskList {
+   public:
+    void add(ZRBURLSessionTaskPtr task);
+    // The task with that identifier, taken out of the list; null when it is not there.
+    ZRBURLSessionTaskPtr take(unsigned long identifier);
+    bool empty() const { return count_ == 0; }
+    template <typename Visit>
+    void forEach(Visit visit) const {
+      for (const auto& entry : entries_) {
+        if (entry.second) visit(entry.second);
+      }
+    }
+
+   private:
+    std::vector<std::pair<unsigned long, ZRBURLSessionTaskPtr>> entries_;
+    std::size_t count_ = 0;
+  };
+
   ZRBURLSessionConfigurationPtr configuration_;
   ZRBDispatchQueuePtr delegateQueue_;
 
@@ -139,7 +159,7 @@ class ZRBURLSession final : public ZRBObject {
   ZRBURLSessionDelegatePtr delegate_;
   std::optional<std::string> description_;
   unsigned long nextIdentifier_ = 1;
-  std::unordered_map<unsigned long, ZRBURLSessionTaskPtr> tasks_;
+  TaskList tasks_;
   bool invalidated_ = false;
   bool invalidationReported_ = false;
 
