@@ -185,7 +185,7 @@ void ZRBURLSessionTaskDriver::toDelegate(Call call) {
 void ZRBURLSessionTaskDriver::resumeNow() {
   if (finished_ || !suspended_) return;
   suspended_ = false;
-  lastActivity_ = Clock::now();
+  lastActivity_ = transport_->turnStart();
   if (!started_) {
     started_ = true;
     startedAt_ = lastActivity_;
@@ -317,7 +317,7 @@ void ZRBURLSessionTaskDriver::startAttempt() {
     task_->setCounter(ZRBURLSessionTaskCounter::BytesSent, 0);
     task_->setCounter(ZRBURLSessionTaskCounter::BytesExpectedToSend, transfer_->bodyLength());
   }
-  lastActivity_ = Clock::now();
+  lastActivity_ = transport_->turnStart();
   transfer_->start();
   if (suspended_) transfer_->pause();
 }
@@ -371,7 +371,7 @@ std::shared_ptr<ZRBHTTPCookieStorage> ZRBURLSessionTaskDriver::cookieStorage() c
 
 void ZRBURLSessionTaskDriver::transferDidReceiveResponse(ZRBTransfer& transfer,
                                                          ZRBHTTPURLResponsePtr response) {
-  lastActivity_ = Clock::now();
+  lastActivity_ = transport_->turnStart();
   // Cookies count from every head, redirects included.
   if (!transfer.setCookies().empty()) {
     if (auto storage = cookieStorage(); storage && currentURL()) {
@@ -483,7 +483,7 @@ void ZRBURLSessionTaskDriver::becomeDownloadTask() {
 
 std::size_t ZRBURLSessionTaskDriver::transferDidReceiveData(ZRBTransfer&, const char* data,
                                                             std::size_t length) {
-  lastActivity_ = Clock::now();
+  lastActivity_ = transport_->turnStart();
   if (hold_ != Hold::None) {
     if (heldBody_.size() < kHeldBodyLimit)
       heldBody_.append(data, std::min(length, kHeldBodyLimit - heldBody_.size()));
@@ -611,7 +611,7 @@ bool ZRBURLSessionTaskDriver::openDownloadFile(const ZRBHTTPURLResponse& respons
 // ---- the request body ----
 
 void ZRBURLSessionTaskDriver::transferDidSendBodyData(ZRBTransfer& transfer, std::int64_t totalSent) {
-  lastActivity_ = Clock::now();
+  lastActivity_ = transport_->turnStart();
   task_->setCounter(ZRBURLSessionTaskCounter::BytesSent, totalSent);
   if (sendReportPending_.exchange(true, std::memory_order_acq_rel)) return;
   if (!delegateResponds(ZRBURLSessionDelegateOperation::TaskDidSendBodyData)) {
@@ -935,18 +935,24 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
   task->setState(ZRBURLSessionTaskStateCompleted);
 
   Completion completion;
-  completion.path = downloadPath_;
-  completion.removeFile = !completion.path.empty() && !keepDownloadFile_;
   completion.response = task->response();
   completion.isDownload = download_;
   // Handed over whole: the body is not copied again.
   if (!download_ && (dataCompletion_ || collecting_) && !error)
     completion.body = ZRBValue::data(std::move(collected_));
   collected_ = {};
-  completion.cache = session->configurationRef().URLCache();
-  completion.offerToCache = completion.cache && collecting_ && !error && !download_ && completion.response;
+  const auto& cache = session->configurationRef().URLCache();
+  bool offerToCache = cache && collecting_ && !error && !download_ && completion.response;
+  if (download_ || offerToCache) {
+    completion.extra = std::make_unique<Completion::Extra>();
+    completion.extra->path = downloadPath_;
+    completion.extra->removeFile = !downloadPath_.empty() && !keepDownloadFile_;
+    completion.extra->downloadCompletion = std::move(downloadCompletion_);
+    if (offerToCache) completion.extra->cache = cache;
+  }
   completion.dataCompletion = std::move(dataCompletion_);
-  completion.downloadCompletion = std::move(downloadCompletion_);
+  static_assert(sizeof(Completion) <= ZRBTransportWork::kInlineSize,
+                "a completion travels without allocating");
   completion.session = std::move(session);
   completion.task = std::move(task);
   completion.error = std::move(error);
@@ -967,20 +973,20 @@ void ZRBURLSessionTaskDriver::Completion::deliver() const {
   auto delegate = session->delegate();
   if (isDownload) {
     auto downloadTask = std::static_pointer_cast<ZRBURLSessionDownloadTask>(task);
-    ZRBURLPtr location = !error && !path.empty() ? ZRBURL::fileURLWithPath(path) : nullptr;
-    if (downloadCompletion) {
-      downloadCompletion(location, response, error);
+    ZRBURLPtr location = !error && !extra->path.empty() ? ZRBURL::fileURLWithPath(extra->path) : nullptr;
+    if (extra->downloadCompletion) {
+      extra->downloadCompletion(location, response, error);
     } else if (delegate) {
       if (location) delegate->downloadTaskDidFinishDownloading(session, downloadTask, location);
       delegate->taskDidComplete(session, task, error);
     }
     return;
   }
-  if (offerToCache) {
+  if (extra && extra->cache) {
     auto dataTask = std::static_pointer_cast<ZRBURLSessionDataTask>(task);
     auto proposed = std::make_shared<ZRBCachedURLResponse>(response, body);
     auto request = task->currentRequest();
-    auto store = [cache = cache, request](ZRBCachedURLResponsePtr chosen) {
+    auto store = [cache = extra->cache, request](ZRBCachedURLResponsePtr chosen) {
       if (chosen && request) cache->storeCachedResponse(std::move(chosen), *request);
     };
     if (!dataCompletion && delegate &&
@@ -998,9 +1004,9 @@ void ZRBURLSessionTaskDriver::Completion::deliver() const {
 }
 
 void ZRBURLSessionTaskDriver::Completion::cleanUp() const {
-  if (removeFile) {
+  if (extra && extra->removeFile) {
     auto fileManager = ZRBFileManager::defaultManager();
-    if (fileManager->fileExistsAtPath(path)) fileManager->removeItemAtPath(path);
+    if (fileManager->fileExistsAtPath(extra->path)) fileManager->removeItemAtPath(extra->path);
   }
   session->taskDidFinish(*task);
 }

@@ -64,19 +64,22 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
   enum class Hold { None, Redirect, Authenticate };
 
   // What the delegate queue needs to end a task: the completion callbacks, then the clean-up.
+  // Small enough to travel without an allocation; a download's or a cache's share comes apart.
   struct Completion {
+    struct Extra {
+      std::string path;  // a download's file
+      bool removeFile = false;
+      ZRBURLSessionDownloadCompletion downloadCompletion;
+      std::shared_ptr<ZRBURLCache> cache;  // set when the response is offered to it
+    };
     ZRBURLSessionPtr session;
     ZRBURLSessionTaskPtr task;
     ZRBErrorPtr error;
     ZRBURLResponsePtr response;
     ZRBValue body;
-    std::string path;  // a download's file
-    bool removeFile = false;
-    bool isDownload = false;
-    bool offerToCache = false;
-    std::shared_ptr<ZRBURLCache> cache;
     ZRBURLSessionDataCompletion dataCompletion;
-    ZRBURLSessionDownloadCompletion downloadCompletion;
+    std::unique_ptr<Extra> extra;
+    bool isDownload = false;
 
     void deliver() const;
     void cleanUp() const;

@@ -109,12 +109,11 @@ ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
   const ZRBURLRequest& request = *setup.request;
   url_ = request.URL();
   if (!url_) return ZRBTransportError(ZRBURLErrorBadURL, nullptr);
-  auto scheme = url_->scheme();
-  std::string lowerScheme = scheme.value_or("");
-  std::transform(lowerScheme.begin(), lowerScheme.end(), lowerScheme.begin(), ::tolower);
-  if (lowerScheme != "http" && lowerScheme != "https")
+  const std::string scheme = url_->scheme().value_or("");
+  const bool https = ZRBHTTPHeaderNameEquals(scheme, "https");  // schemes ignore case, as names do
+  if (!https && !ZRBHTTPHeaderNameEquals(scheme, "http"))
     return ZRBTransportError(ZRBURLErrorUnsupportedURL, url_);
-  if (!url_->host() || url_->host()->empty()) return ZRBTransportError(ZRBURLErrorBadURL, url_);
+  if (auto host = url_->host(); !host || host->empty()) return ZRBTransportError(ZRBURLErrorBadURL, url_);
 
   body_ = setup.body;
   switch (body_.kind) {
@@ -151,16 +150,22 @@ ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
   handle.errorBuffer[0] = '\0';
   CURL* easy = handle.easy;
   curl_easy_setopt(easy, CURLOPT_URL, url_->absoluteString().c_str());
-  curl_easy_setopt(easy, CURLOPT_STREAM_WEIGHT, std::clamp(setup.streamWeight, 1L, 256L));
-  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, setup.connectTimeoutMilliseconds));
+  // Set only when they differ from the last transfer's: most transfers of a session agree.
+  if (long weight = std::clamp(setup.streamWeight, 1L, 256L); weight != handle.streamWeight) {
+    curl_easy_setopt(easy, CURLOPT_STREAM_WEIGHT, weight);
+    handle.streamWeight = weight;
+  }
+  if (long timeout = std::max(1L, setup.connectTimeoutMilliseconds); timeout != handle.connectTimeout) {
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeout);
+    handle.connectTimeout = timeout;
+  }
   if (setup.receiveBufferSize > 0) setExtraOption(handle, CURLOPT_BUFFERSIZE, setup.receiveBufferSize);
   if (!setup.decodeContent)
     setExtraOption(handle, CURLOPT_ACCEPT_ENCODING, static_cast<const char*>(nullptr));
-  if (auto proxy = proxyFor(setup.proxyDictionary, lowerScheme == "https")) {
+  if (auto proxy = proxyFor(setup.proxyDictionary, https)) {
     setExtraOption(handle, CURLOPT_PROXY, proxy->c_str());
   } else if (const ZRBEnvironmentProxies& environment = transport_.environmentProxies(); environment.any()) {
-    curl_easy_setopt(easy, CURLOPT_PROXY,
-                     (lowerScheme == "https" ? environment.https : environment.http).c_str());
+    curl_easy_setopt(easy, CURLOPT_PROXY, (https ? environment.https : environment.http).c_str());
     curl_easy_setopt(easy, CURLOPT_NOPROXY, environment.noProxy.c_str());
   }
   if (setup.user) {
@@ -181,7 +186,7 @@ ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
     setExtraOption(handle, CURLOPT_NOPROGRESS, 0L);
     if (method != "POST") setExtraOption(handle, CURLOPT_CUSTOMREQUEST, method.c_str());
   } else if (method == "GET") {
-    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    // A handle is in GET mode unless a transfer set another, which made it dirty.
   } else if (method == "HEAD") {
     setExtraOption(handle, CURLOPT_NOBODY, 1L);
   } else if (method == "POST") {

@@ -129,12 +129,15 @@ void ZRBTransport::returnEasyHandle(std::unique_ptr<ZRBEasyHandle> handle) {
     curl_easy_reset(handle->easy);
     handle->configured = false;
     handle->dirty = false;
+    handle->streamWeight = -1;
+    handle->connectTimeout = -1;
   }
   pool_.push_back(std::move(handle));
 }
 
 void ZRBTransport::run() {
   for (;;) {
+    turnStart_ = std::chrono::steady_clock::now();
     runPostedWork();
     {
       std::lock_guard lock(mutex_);
@@ -228,7 +231,7 @@ void ZRBTransport::finishDoneTransfers() {
 }
 
 void ZRBTransport::checkTimeouts() {
-  auto now = std::chrono::steady_clock::now();
+  auto now = turnStart_;
   if (now < nextTimeoutCheck_) return;
   nextTimeoutCheck_ = now + kTimeoutCheckInterval;
   // A check may finish a transfer, which removes it from active_.

@@ -39,6 +39,8 @@ struct ZRBEasyHandle {
   ZRBTransfer* transfer = nullptr;
   bool configured = false;
   bool dirty = false;
+  long streamWeight = -1;  // as last set, -1 for libcurl's default
+  long connectTimeout = -1;
   char errorBuffer[256] = {};  // CURL_ERROR_SIZE
   // The current request's header lines, NUL-terminated one after another, and the list libcurl
   // reads them through: nodes of our own, kept with the handle so that no transfer allocates them.
@@ -76,6 +78,9 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   // dropped (its captures are released on the caller's thread).
   void post(ZRBTransportWork work);
   bool isTransportThread() const { return std::this_thread::get_id() == threadID_; }
+  // When the transport thread's current turn of its loop began: close enough to now for idle
+  // timeouts, and cheaper than reading the clock for every event. Transport thread only.
+  std::chrono::steady_clock::time_point turnStart() const { return turnStart_; }
   // Stops the thread once the work posted so far has run. Waits for it unless called on it.
   void shutdown();
 
@@ -116,6 +121,7 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   std::vector<ZRBTransportWork> outbox_;
   std::vector<ZRBTransportWork> spareOutbox_;  // the last batch run here, emptied
   std::vector<ZRBTransportWork> running_;      // posted work being run, emptied after
+  std::chrono::steady_clock::time_point turnStart_{};
   std::chrono::steady_clock::time_point nextTimeoutCheck_{};
   std::chrono::steady_clock::time_point inlineAllowedAfter_{};
 };

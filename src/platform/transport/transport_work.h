@@ -1,9 +1,9 @@
 // ZRBTransportWork: a move-only void() callable for the transport's queues of work and callbacks.
 //
 // The closures a task hands over per request (a task driver and a step, a delegate call with its
-// session and task, a chunk of body bytes) fit in its inline storage, so handing work from one
-// thread to another, or to the delegate queue, costs no allocation; std::function would allocate
-// for any capture that is not trivially copyable. Larger callables are kept on the heap.
+// session and task, a chunk of body bytes, the task's completion) fit in its inline storage, so handing work
+// from one thread to another, or to the delegate queue, costs no allocation; std::function would allocate for
+// any capture that is not trivially copyable. Larger callables are kept on the heap.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@
 
 class ZRBTransportWork {
  public:
-  static constexpr std::size_t kInlineSize = 64;
+  static constexpr std::size_t kInlineSize = 128;
 
   ZRBTransportWork() noexcept = default;
 
