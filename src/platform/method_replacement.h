@@ -15,6 +15,7 @@
 // order) is kept and applied, in request order, when the slot registers.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -87,7 +88,7 @@ class ZRBReplaceableSlot<R(Args...)> final : public ZRBReplaceableSlotBase {
 
   ZRBReplaceableSlot(std::string className, ZRBMethodKind kind, std::string selector, Function original)
       : ZRBReplaceableSlotBase(std::move(className), kind, std::move(selector), typeid(R(Args...))),
-        original_(std::make_shared<const Function>(std::move(original))),
+        original_(keep(std::move(original))),
         current_(original_) {
     registerSlot();
   }
@@ -96,10 +97,7 @@ class ZRBReplaceableSlot<R(Args...)> final : public ZRBReplaceableSlotBase {
                            std::move(original)) {}
   ~ZRBReplaceableSlot() override { unregisterSlot(); }
 
-  R call(Args... args) const {
-    std::shared_ptr<const Function> implementation = load();
-    return (*implementation)(std::forward<Args>(args)...);
-  }
+  R call(Args... args) const { return (*load())(std::forward<Args>(args)...); }
 
   Function current() const { return *load(); }
 
@@ -109,33 +107,29 @@ class ZRBReplaceableSlot<R(Args...)> final : public ZRBReplaceableSlotBase {
     Function next = factory(*load());
     ZRBAssertNamed(static_cast<bool>(next), "replacement implementation");
     if (!next) return;
-    store(std::make_shared<const Function>(std::move(next)));
+    current_.store(keep(std::move(next)), std::memory_order_release);
   }
 
   void reset() override {
     std::lock_guard lock(replacing_);
-    store(original_);
+    current_.store(original_, std::memory_order_release);
   }
 
   bool isReplaced() const override { return load() != original_; }
 
  private:
-  std::shared_ptr<const Function> original_;
-  // The pointer is swapped whole under a short lock, so a caller holds either the old or the new
-  // implementation and keeps it alive for its call. (std::atomic<std::shared_ptr> would do the
-  // same, but its lock-bit implementation is invisible to ThreadSanitizer.)
-  std::shared_ptr<const Function> load() const {
-    std::lock_guard lock(pointer_);
-    return current_;
+  // Every implementation ever installed stays until the slot goes, so a caller runs the one it
+  // loaded without taking a reference or a lock (the slots sit on per-request paths). Replacing
+  // is rare, at load time or in tests, so what is kept stays small.
+  const Function* keep(Function function) {
+    installed_.push_back(std::make_unique<const Function>(std::move(function)));
+    return installed_.back().get();
   }
-  void store(std::shared_ptr<const Function> next) {
-    std::lock_guard lock(pointer_);
-    current_.swap(next);
-    // The old implementation is released after the lock, in `next`'s destructor.
-  }
+  const Function* load() const { return current_.load(std::memory_order_acquire); }
 
-  std::shared_ptr<const Function> current_;
-  mutable std::mutex pointer_;
+  std::vector<std::unique_ptr<const Function>> installed_;  // changed under replacing_ only
+  const Function* original_;
+  std::atomic<const Function*> current_;
   std::mutex replacing_;  // serializes replace() and reset()
 };
 
