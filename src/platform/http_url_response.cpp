@@ -167,7 +167,7 @@ ZRBHTTPURLResponse::ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::opti
                                        ZRBHTTPHeaderFields headerFields)
     : ZRBURLResponse(std::move(url), std::nullopt, -1, std::nullopt),
       statusCode_(statusCode),
-      httpVersion_(HTTPVersion.value_or("HTTP/1.1")),
+      httpVersion_(HTTPVersion ? std::move(*HTTPVersion) : std::string("HTTP/1.1")),
       headers_(std::move(headerFields)) {
   if (const std::string* contentType = headers_.lookup("Content-Type")) {
     ZRBContentType parsed = ZRBParseContentType(*contentType);

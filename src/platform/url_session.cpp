@@ -64,15 +64,17 @@ void ZRBURLSession::setSessionDescription(std::optional<std::string> description
   description_ = std::move(description);
 }
 
-ZRBTransport& ZRBURLSession::transport() {
+const std::shared_ptr<ZRBTransport>& ZRBURLSession::transport() {
+  if (transportStarted_.load(std::memory_order_acquire)) return transport_;
   std::call_once(transportOnce_, [this] {
     ZRBTransportOptions options;
     options.maximumConnectionsPerHost = configuration_->HTTPMaximumConnectionsPerHost();
     options.pipelining = configuration_->HTTPShouldUsePipelining();
     options.callbackQueue = delegateQueue_;
     transport_ = ZRBTransport::make(options);
+    transportStarted_.store(true, std::memory_order_release);
   });
-  return *transport_;
+  return transport_;
 }
 
 void ZRBURLSession::checkNotInvalidated() const {

@@ -17,6 +17,7 @@
 // Creating a task on an invalidated session throws ZRBException "ZRBGenericException".
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -116,7 +117,8 @@ class ZRBURLSession final : public ZRBObject {
                 ZRBDispatchQueuePtr delegateQueue);
   ~ZRBURLSession() override;
   const ZRBURLSessionConfiguration& configurationRef() const { return *configuration_; }
-  ZRBTransport& transport();
+  // The session's transport, started with its first task.
+  const std::shared_ptr<ZRBTransport>& transport();
   // The task has completed: drop it, and finish the invalidation when it was the last one.
   void taskDidFinish(const ZRBURLSessionTask& task);
   // A data task whose delegate answered "become download": a new download task, with its own
@@ -164,5 +166,6 @@ class ZRBURLSession final : public ZRBObject {
   bool invalidationReported_ = false;
 
   std::once_flag transportOnce_;
+  std::atomic<bool> transportStarted_{false};  // read before call_once, which costs more
   std::shared_ptr<ZRBTransport> transport_;
 };

@@ -114,7 +114,7 @@ ZRBErrorPtr trustFailure(const ZRBSecTrust& trust, const ZRBURLPtr& url) {
 
 ZRBURLSessionTaskDriver::ZRBURLSessionTaskDriver(ZRBURLSessionPtr session, ZRBURLSessionTaskPtr task,
                                                  Body body)
-    : transport_(session->transport().shared_from_this()),
+    : transport_(session->transport()),
       session_(std::move(session)),
       task_(std::move(task)),
       body_(std::move(body)),
@@ -362,11 +362,9 @@ void ZRBURLSessionTaskDriver::withNewBodyStream(std::function<void()> then) {
 
 std::shared_ptr<ZRBHTTPCookieStorage> ZRBURLSessionTaskDriver::cookieStorage() const {
   const auto& configuration = session_->configurationRef();
-  auto storage = configuration.HTTPCookieStorage();
-  bool handles = storage && request_ && request_->HTTPShouldHandleCookies() &&
-                 configuration.HTTPShouldSetCookies() &&
+  bool handles = request_ && request_->HTTPShouldHandleCookies() && configuration.HTTPShouldSetCookies() &&
                  configuration.HTTPCookieAcceptPolicy() != ZRBHTTPCookieAcceptPolicyNever;
-  return handles ? storage : nullptr;
+  return handles ? configuration.HTTPCookieStorage() : nullptr;
 }
 
 void ZRBURLSessionTaskDriver::transferDidReceiveResponse(ZRBTransfer& transfer,
@@ -405,7 +403,7 @@ void ZRBURLSessionTaskDriver::deliverResponse(const ZRBHTTPURLResponsePtr& respo
   } else {
     task_->setCounter(ZRBURLSessionTaskCounter::BytesReceived, 0);
     task_->setCounter(ZRBURLSessionTaskCounter::BytesExpectedToReceive, expected);
-    auto cache = session_->configurationRef().URLCache();
+    const auto& cache = session_->configurationRef().URLCache();
     collecting_ = static_cast<bool>(dataCompletion_) ||
                   (cache && response->statusCode() == 200 && request_->HTTPMethod() == "GET" &&
                    (expected < 0 || std::size_t(expected) <= cache->maximumEntrySize()));

@@ -228,17 +228,22 @@ void ZRBTransfer::applyHeaders(const ZRBTransferSetup& setup, bool hasBody) {
     text.append(name).append(separator).append(value).push_back('\0');
     ++lines;
   };
+  // Lines of our own, each with its terminating NUL.
+  auto addFixedLine = [&](std::string_view line) {
+    text.append(line.data(), line.size() + 1);
+    ++lines;
+  };
   for (const auto& [name, value] : fields.fields()) {
     // "Name;" is libcurl's way of sending a field with an empty value.
     addLine(name, value.empty() ? ";" : ": ", value);
   }
-  if (!fields.contains("User-Agent")) addLine("User-Agent", ": ", "ORVELKIT/" ORVELKIT_VERSION_STRING);
+  if (!fields.contains("User-Agent")) addFixedLine("User-Agent: ORVELKIT/" ORVELKIT_VERSION_STRING);
   // Sent by us rather than by libcurl, which would format the line anew for every request.
   if (setup.decodeContent && !fields.contains("Accept-Encoding"))
-    addLine("Accept-Encoding", ": ", "gzip, deflate, br");
+    addFixedLine("Accept-Encoding: gzip, deflate, br");
   // Fields libcurl would add on its own that a request here does not send unless it asks.
-  if (hasBody && !fields.contains("Expect")) addLine("Expect", ":", "");
-  if (hasBody && !fields.contains("Content-Type")) addLine("Content-Type", ":", "");
+  if (hasBody && !fields.contains("Expect")) addFixedLine("Expect:");
+  if (hasBody && !fields.contains("Content-Type")) addFixedLine("Content-Type:");
 
   std::vector<curl_slist>& list = handle_->headerList;
   list.resize(lines);
