@@ -71,3 +71,26 @@ bool operator==(const ZRBHTTPHeaderFields& a, const ZRBHTTPHeaderFields& b) {
     return other && other->second == f.second;
   });
 }
+
+std::optional<std::string_view> ZRBHTTPHeaderLines::value(std::string_view name, std::string& joined) const {
+  std::optional<std::string_view> found;
+  bool isJoined = false;
+  forEach([&](std::string_view fieldName, std::string_view fieldValue) {
+    if (!ZRBHTTPHeaderNameEquals(fieldName, name)) return;
+    if (!found) {
+      found = fieldValue;
+      return;
+    }
+    if (!isJoined) joined.assign(*found);
+    isJoined = true;
+    joined.append(", ").append(fieldValue);
+  });
+  if (isJoined) found = joined;
+  return found;
+}
+
+ZRBHTTPHeaderFields ZRBHTTPHeaderLines::fields() const {
+  ZRBHTTPHeaderFields fields;
+  forEach([&fields](std::string_view name, std::string_view value) { fields.add(name, value); });
+  return fields;
+}

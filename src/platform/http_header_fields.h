@@ -68,3 +68,34 @@ class ZRBHTTPHeaderFields {
 
   std::vector<Field> fields_;
 };
+
+// Header fields the way a transport collects them off the wire, without a map: one line
+// "Name:value\n" per field, in the order received. Names hold no ':' and values no '\n' (the
+// transport splits lines at '\n' and names at the first ':'). Cheap to build, and turned into
+// ZRBHTTPHeaderFields only when somebody asks for the fields.
+struct ZRBHTTPHeaderLines {
+  std::string text;
+
+  void add(std::string_view name, std::string_view value) {
+    text.append(name).push_back(':');
+    text.append(value).push_back('\n');
+  }
+  bool empty() const { return text.empty(); }
+  // Calls visit(name, value) for every field, in order.
+  template <typename Visit>
+  void forEach(Visit visit) const {
+    std::string_view rest = text;
+    while (!rest.empty()) {
+      // The first ':' ends the name; the line's '\n' ends the value.
+      std::size_t colon = rest.find(':');
+      std::size_t end = rest.find('\n', colon);
+      if (colon == std::string_view::npos || end == std::string_view::npos) return;
+      visit(rest.substr(0, colon), rest.substr(colon + 1, end - colon - 1));
+      rest.remove_prefix(end + 1);
+    }
+  }
+  // The value of `name` (case ignored), repeated fields joined with ", " as ZRBHTTPHeaderFields
+  // joins them; a joined value lives in `joined`. nullopt when the field is absent.
+  std::optional<std::string_view> value(std::string_view name, std::string& joined) const;
+  ZRBHTTPHeaderFields fields() const;
+};

@@ -104,7 +104,7 @@ std::optional<std::string> filenameFromURL(const ZRBURLPtr& url) {
   return sanitizedFilename(std::move(last));
 }
 
-long long parseContentLength(const std::string* value) {
+long long parseContentLength(std::optional<std::string_view> value) {
   if (!value) return -1;
   std::string_view digits = trim(*value);
   long long length = -1;
@@ -169,12 +169,57 @@ ZRBHTTPURLResponse::ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::opti
       statusCode_(statusCode),
       httpVersion_(HTTPVersion ? std::move(*HTTPVersion) : std::string("HTTP/1.1")),
       headers_(std::move(headerFields)) {
-  if (const std::string* contentType = headers_.lookup("Content-Type")) {
+  const std::string* contentType = headers_.lookup("Content-Type");
+  const std::string* contentLength = headers_.lookup("Content-Length");
+  setContentFields(contentType ? std::optional<std::string_view>(*contentType) : std::nullopt,
+                   contentLength ? std::optional<std::string_view>(*contentLength) : std::nullopt);
+}
+
+ZRBHTTPURLResponse::ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::optional<std::string> HTTPVersion,
+                                       ZRBHTTPHeaderLines headerLines)
+    : ZRBURLResponse(std::move(url), std::nullopt, -1, std::nullopt),
+      statusCode_(statusCode),
+      httpVersion_(HTTPVersion ? std::move(*HTTPVersion) : std::string("HTTP/1.1")),
+      lines_(std::move(headerLines)) {
+  // One pass for the two fields every response reads; repeated ones are joined as fields join them.
+  std::optional<std::string_view> contentType, contentLength;
+  std::string joinedType, joinedLength;
+  auto take = [](std::optional<std::string_view>& found, std::string& joined, std::string_view value) {
+    if (!found) {
+      found = value;
+      return;
+    }
+    if (found->data() != joined.data()) joined.assign(*found);
+    joined.append(", ").append(value);
+    found = joined;
+  };
+  lines_.forEach([&](std::string_view name, std::string_view value) {
+    if (ZRBHTTPHeaderNameEquals(name, "Content-Type")) {
+      take(contentType, joinedType, value);
+    } else if (ZRBHTTPHeaderNameEquals(name, "Content-Length")) {
+      take(contentLength, joinedLength, value);
+    }
+  });
+  setContentFields(contentType, contentLength);
+}
+
+void ZRBHTTPURLResponse::setContentFields(std::optional<std::string_view> contentType,
+                                          std::optional<std::string_view> contentLength) {
+  if (contentType) {
     ZRBContentType parsed = ZRBParseContentType(*contentType);
     mimeType_ = std::move(parsed.MIMEType);
     textEncodingName_ = std::move(parsed.charset);
   }
-  expectedContentLength_ = parseContentLength(headers_.lookup("Content-Length"));
+  expectedContentLength_ = parseContentLength(contentLength);
+}
+
+const ZRBHTTPHeaderFields& ZRBHTTPURLResponse::headerFields() const {
+  std::call_once(fieldsMade_, [this] {
+    if (lines_.empty()) return;
+    headers_ = lines_.fields();
+    lines_ = {};
+  });
+  return headers_;
 }
 
 ZRBHTTPURLResponsePtr ZRBHTTPURLResponse::make(ZRBURLPtr url, long statusCode,
@@ -185,7 +230,7 @@ ZRBHTTPURLResponsePtr ZRBHTTPURLResponse::make(ZRBURLPtr url, long statusCode,
 }
 
 std::string ZRBHTTPURLResponse::suggestedFilename() const {
-  if (auto disposition = headers_.value("Content-Disposition")) {
+  if (auto disposition = headerFields().value("Content-Disposition")) {
     if (auto name = ZRBFilenameFromContentDisposition(*disposition)) return *name;
   }
   return ZRBURLResponse::suggestedFilename();
@@ -244,5 +289,5 @@ std::string ZRBHTTPURLResponse::localizedStringForStatusCode(long statusCode) {
 
 std::string ZRBHTTPURLResponse::description() const {
   return ZRBURLResponse::description() + " { Status Code: " + std::to_string(statusCode_) + ", Headers " +
-         headers_.dictionary().description() + " }";
+         headerFields().dictionary().description() + " }";
 }

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -53,6 +54,10 @@ class ZRBHTTPURLResponse final : public ZRBURLResponse {
  public:
   ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::optional<std::string> HTTPVersion,
                      ZRBHTTPHeaderFields headerFields);
+  // From the lines a transport collected: the fields are made from them when first asked for, so
+  // a response whose fields nobody reads costs little. The same response either way.
+  ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::optional<std::string> HTTPVersion,
+                     ZRBHTTPHeaderLines headerLines);
   // Header fields as a dictionary value (string keys; values as ZRBHTTPHeaderFields takes them).
   static ZRBHTTPURLResponsePtr make(ZRBURLPtr url, long statusCode, std::optional<std::string> HTTPVersion,
                                     const ZRBValue& headerFields);
@@ -61,11 +66,11 @@ class ZRBHTTPURLResponse final : public ZRBURLResponse {
   // "HTTP/1.1" unless given.
   const std::string& HTTPVersion() const { return httpVersion_; }
   // Every field in the order received, names as received; absent-free dictionary of strings.
-  ZRBValue allHeaderFields() const { return headers_.dictionary(); }
-  const ZRBHTTPHeaderFields& headerFields() const { return headers_; }
+  ZRBValue allHeaderFields() const { return headerFields().dictionary(); }
+  const ZRBHTTPHeaderFields& headerFields() const;
   // Looked up without regard to case.
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const {
-    return headers_.value(field);
+    return headerFields().value(field);
   }
   std::string suggestedFilename() const override;
 
@@ -101,9 +106,15 @@ class ZRBHTTPURLResponse final : public ZRBURLResponse {
   std::string description() const override;
 
  private:
+  void setContentFields(std::optional<std::string_view> contentType,
+                        std::optional<std::string_view> contentLength);
+
   long statusCode_;
   std::string httpVersion_;
-  ZRBHTTPHeaderFields headers_;
+  // Lines not yet made into fields; made into headers_ once, on first use, from any thread.
+  mutable std::once_flag fieldsMade_;
+  mutable ZRBHTTPHeaderLines lines_;
+  mutable ZRBHTTPHeaderFields headers_;
 };
 
 // The parts of a Content-Type value: "Text/HTML; charset=\"UTF-8\"" gives "text/html" and

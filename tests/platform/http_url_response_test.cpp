@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+#include <vector>
+
 namespace {
 
 ZRBHTTPURLResponse response(const char* url, ZRBHTTPHeaderFields headers, long status = 200) {
@@ -44,6 +47,47 @@ TEST(HTTPURLResponseTest, HeadersLengthAndDescription) {
     EXPECT_EQ(response("http://h/", {{"Content-Length", bad}}).expectedContentLength(), -1) << bad;
   }
   EXPECT_EQ(response("http://h/", {}).expectedContentLength(), -1);
+}
+
+TEST(HTTPURLResponseTest, HeaderLinesMakeTheSameResponseAsFields) {
+  // As a transport collects them: repeated names, other cases, values with ':' and ", ".
+  ZRBHTTPHeaderLines lines;
+  ZRBHTTPHeaderFields fields;
+  const std::pair<const char*, const char*> received[] = {
+      {"Content-Type", "Text/Plain; charset=UTF-8"},
+      {"Set-Cookie", "a=1"},
+      {"content-length", "5"},
+      {"set-cookie", "b=2; Expires=Wed, 21 Oct 2026 07:28:00 GMT"},
+      {"X-Time", "12:30:00"},
+      {"X-Empty", ""},
+  };
+  for (const auto& [name, value] : received) {
+    lines.add(name, value);
+    fields.add(name, value);
+  }
+  std::string joined;
+  EXPECT_EQ(lines.value("SET-COOKIE", joined), "a=1, b=2; Expires=Wed, 21 Oct 2026 07:28:00 GMT");
+  EXPECT_EQ(lines.value("x-empty", joined), "");
+  EXPECT_FALSE(lines.value("Location", joined));
+
+  auto url = ZRBURL::URLWithString("http://h/");
+  auto fromLines = std::make_shared<const ZRBHTTPURLResponse>(url, 200, std::nullopt, lines);
+  ZRBHTTPURLResponse fromFields(url, 200, std::nullopt, fields);
+  EXPECT_EQ(fromLines->MIMEType(), "text/plain");
+  EXPECT_EQ(fromLines->textEncodingName(), "utf-8");
+  EXPECT_EQ(fromLines->expectedContentLength(), 5);
+  // The fields are made on first use, once, whichever thread asks first.
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 4; ++i) readers.emplace_back([&] { EXPECT_TRUE(fromLines->headerFields() == fields); });
+  for (auto& reader : readers) reader.join();
+  EXPECT_EQ(fromLines->allHeaderFields(), fromFields.allHeaderFields());
+  EXPECT_EQ(fromLines->valueForHTTPHeaderField("x-time"), "12:30:00");
+
+  // A repeated Content-Length joins into a value that is not a number, with fields as with lines.
+  lines.add("Content-Length", "5");
+  fields.add("Content-Length", "5");
+  EXPECT_EQ(ZRBHTTPURLResponse(url, 200, std::nullopt, lines).expectedContentLength(), -1);
+  EXPECT_EQ(ZRBHTTPURLResponse(url, 200, std::nullopt, fields).expectedContentLength(), -1);
 }
 
 TEST(HTTPURLResponseTest, SuggestedFilenames) {

@@ -307,8 +307,8 @@ std::size_t ZRBTransfer::header(std::string_view line) {
   }
   if (line.starts_with("HTTP/")) {
     // A new head: an interim 1xx one may come before the final one.
-    fields_.clear();
-    fields_.reserve(12);
+    head_.text.clear();
+    head_.text.reserve(512);
     setCookies_.clear();
     std::string_view rest = line.substr(5);
     std::size_t space = rest.find(' ');
@@ -328,8 +328,8 @@ std::size_t ZRBTransfer::header(std::string_view line) {
       headBytes_ = 0;
       receivedResponse_ = true;
       auto response =
-          std::make_shared<ZRBHTTPURLResponse>(url_, status_, std::move(version_), std::move(fields_));
-      fields_ = {};
+          std::make_shared<ZRBHTTPURLResponse>(url_, status_, std::move(version_), std::move(head_));
+      head_ = {};
       client_.transferDidReceiveResponse(*this, std::move(response));
     }
     return line.size();
@@ -340,7 +340,8 @@ std::size_t ZRBTransfer::header(std::string_view line) {
     while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
     std::string_view value = content.substr(colon + 1);
     while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
-    fields_.add(name, value);
+    // A value cannot hold '\n': libcurl hands over one line at a time.
+    head_.add(name, value);
     if (ZRBHTTPHeaderNameEquals(name, "Set-Cookie")) setCookies_.emplace_back(value);
   }
   return line.size();

@@ -147,7 +147,7 @@ class ZRBTransfer {
   // The response head being read.
   long status_ = 0;
   std::string version_;
-  ZRBHTTPHeaderFields fields_;
+  ZRBHTTPHeaderLines head_;
   std::size_t headBytes_ = 0;
   bool headTooLarge_ = false;
   std::vector<std::string> setCookies_;
