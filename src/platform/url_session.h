@@ -5,7 +5,10 @@
 // Threads: each session has one transport thread of its own, started with its first task, that
 // drives every transfer of the session. Delegate callbacks (except server-trust challenges, see
 // ZRBURLSessionDelegate) and completion handlers run on the delegate queue, one at a time, in order;
-// pass a serial queue (a new one is made when none is given).
+// pass a serial queue (a new one is made when none is given). When that queue has nothing to do,
+// the transport thread runs them itself as a block of the queue (ZRBDispatchQueue::runNowIfIdle),
+// which saves two thread hops per request; a delegate whose callbacks take more than a couple of
+// milliseconds gets them on the pool again for a while, so a slow delegate cannot stall transfers.
 //
 // Lifetime: the session keeps its delegate until it is invalidated, and stays alive while it has
 // tasks that have not completed (a task holds its session). Invalidate a session when done with it.

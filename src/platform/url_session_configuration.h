@@ -9,7 +9,8 @@
 //   no out-of-process transfer daemon, so background tasks end with the process.
 //
 // Proxies: without a connectionProxyDictionary the usual environment variables apply (http_proxy,
-// https_proxy, all_proxy, no_proxy). The dictionary, when set, uses the keys below.
+// https_proxy, all_proxy, no_proxy), as they are when the session starts its first task. The
+// dictionary, when set, uses the keys below.
 #pragma once
 
 #include <memory>
