@@ -8,7 +8,9 @@
 #   BENCH_REQUESTS     small GETs per concurrency case (default 20000)
 #   BENCH_CONCURRENCY  concurrency cases (default "1 16 64")
 #   BENCH_BIG_BYTES    size of the download and of the upload (default 1 GiB)
-#   BENCH_ROUNDS       runs of each side per case, alternating; the best counts (default 3)
+#   BENCH_ROUNDS       runs of each side per request case, alternating; the best counts (default 5:
+#                      a run takes well under a second, so a stray pause elsewhere weighs a lot)
+#   BENCH_BIG_ROUNDS   the same for the download and the upload (default 3)
 #   BENCH_RUN_TIMEOUT  seconds one run may take before it counts as failed (default 300)
 #
 # nginx runs as the current user from a throw-away directory (configuration, TLS key and
@@ -19,7 +21,8 @@ build="$(cd "${1:-build}" && pwd)"
 requests="${BENCH_REQUESTS:-20000}"
 concurrency="${BENCH_CONCURRENCY:-1 16 64}"
 big_bytes="${BENCH_BIG_BYTES:-1073741824}"
-rounds="${BENCH_ROUNDS:-3}"
+request_rounds="${BENCH_ROUNDS:-5}"
+big_rounds="${BENCH_BIG_ROUNDS:-3}"
 run_timeout="${BENCH_RUN_TIMEOUT:-300}"
 
 baseline_program="$build/bench/transport/transport_curl"
@@ -217,11 +220,11 @@ check_download() {
   fi
 }
 
-# measure CHECK ARGS...: runs the baseline and ours BENCH_ROUNDS times each, alternating so that
+# measure ROUNDS CHECK ARGS...: runs the baseline and ours ROUNDS times each, alternating so that
 # both see the same machine, and leaves the report lines in baseline_lines and our_lines.
 measure() {
-  local check="$1" line side
-  shift
+  local rounds="$1" check="$2" line side
+  shift 2
   baseline_lines=()
   our_lines=()
   for _ in $(seq "$rounds"); do
@@ -289,7 +292,7 @@ for scheme in http https; do
   if [ "$scheme" = http ]; then base="$http_url"; ca=(); else base="$https_url"; ca=("$pki/ca.pem"); fi
   same_request "$scheme" "$base" "${ca[@]}"
   for c in $concurrency; do
-    measure none requests "$base/small" "$requests" "$c" "${ca[@]}"
+    measure "$request_rounds" none requests "$base/small" "$requests" "$c" "${ca[@]}"
     same_protocol "$scheme c=$c"
     row "$scheme c=$c" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
       "$(best requests_per_s max "${our_lines[@]}")" higher 0.9
@@ -298,14 +301,14 @@ for scheme in http https; do
   done
 done
 
-measure check_download download "$http_url/big.bin" "$download_file"
+measure "$big_rounds" check_download download "$http_url/big.bin" "$download_file"
 same_protocol download
 row "download" "MB/s" "$(best mb_per_s max "${baseline_lines[@]}")" "$(best mb_per_s max "${our_lines[@]}")" \
   higher 1.5
 row "download" "peak RSS MiB" "$(best peak_rss_kib max "${baseline_lines[@]}")" \
   "$(best peak_rss_kib max "${our_lines[@]}")" limit 64
 
-measure check_upload upload "$http_url/upload" "$work/www/big.bin"
+measure "$big_rounds" check_upload upload "$http_url/upload" "$work/www/big.bin"
 same_protocol upload
 row "upload" "MB/s" "$(best mb_per_s max "${baseline_lines[@]}")" "$(best mb_per_s max "${our_lines[@]}")" \
   higher ""
@@ -314,8 +317,8 @@ row "upload" "peak RSS MiB" "$(best peak_rss_kib max "${baseline_lines[@]}")" \
 
 # ---- the table ----
 echo
-echo "transport: $requests requests per case, $big_bytes bytes down and up, best of $rounds rounds," \
-  "nginx on 127.0.0.1"
+echo "transport: $requests requests per case (best of $request_rounds rounds), $big_bytes bytes down and up" \
+  "(best of $big_rounds), nginx on 127.0.0.1"
 printf '%s\n' "${rows[@]}" | awk -F'|' '
   function shown(v, kind) {
     if (v == "") return "n/a";
