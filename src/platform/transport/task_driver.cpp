@@ -972,10 +972,14 @@ void ZRBURLSessionTaskDriver::Completion::deliver() const {
   if (isDownload) {
     auto downloadTask = std::static_pointer_cast<ZRBURLSessionDownloadTask>(task);
     ZRBURLPtr location = !error && !extra->path.empty() ? ZRBURL::fileURLWithPath(extra->path) : nullptr;
+    // The file goes as soon as the one who could move it has returned, before the task is
+    // reported complete, as on the platform.
     if (extra->downloadCompletion) {
       extra->downloadCompletion(location, response, error);
+      removeDownloadFile();
     } else if (delegate) {
       if (location) delegate->downloadTaskDidFinishDownloading(session, downloadTask, location);
+      removeDownloadFile();
       delegate->taskDidComplete(session, task, error);
     }
     return;
@@ -1001,10 +1005,13 @@ void ZRBURLSessionTaskDriver::Completion::deliver() const {
   }
 }
 
+void ZRBURLSessionTaskDriver::Completion::removeDownloadFile() const {
+  if (!extra || !extra->removeFile) return;
+  auto fileManager = ZRBFileManager::defaultManager();
+  if (fileManager->fileExistsAtPath(extra->path)) fileManager->removeItemAtPath(extra->path);
+}
+
 void ZRBURLSessionTaskDriver::Completion::cleanUp() const {
-  if (extra && extra->removeFile) {
-    auto fileManager = ZRBFileManager::defaultManager();
-    if (fileManager->fileExistsAtPath(extra->path)) fileManager->removeItemAtPath(extra->path);
-  }
+  removeDownloadFile();  // when a callback threw before it went
   session->taskDidFinish(*task);
 }

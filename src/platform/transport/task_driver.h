@@ -82,6 +82,7 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
     bool isDownload = false;
 
     void deliver() const;
+    void removeDownloadFile() const;
     void cleanUp() const;
   };
 

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 
@@ -22,6 +23,52 @@ void initializeCurlOnce() {
   (void)initialized;
 }
 
+// Every transport thread, so that a process that exits while transports still run can stop them
+// and wait a moment: their connections close, their per-thread state (OpenSSL's among it) goes,
+// and no transport thread is still at work while static objects are destroyed. Transports whose
+// session was let go of on their own thread finish detached, and are waited for the same way.
+class ZRBTransportThreads {
+ public:
+  static ZRBTransportThreads& instance() {
+    // Immortal: a thread may finish after static destruction has begun.
+    static auto* threads = [] {
+      auto* created = new ZRBTransportThreads;
+      std::atexit([] { ZRBTransportThreads::instance().stopAllAndWait(); });
+      return created;
+    }();
+    return *threads;
+  }
+  void started(ZRBTransport* transport) {
+    std::lock_guard lock(mutex_);
+    running_.push_back(transport);
+    ++threads_;
+  }
+  // The thread is about to let go of its transport: it can no longer be stopped.
+  void leaving(ZRBTransport* transport) {
+    std::lock_guard lock(mutex_);
+    std::erase(running_, transport);
+  }
+  // Nothing of the thread is left to run.
+  void finished() {
+    std::lock_guard lock(mutex_);
+    --threads_;
+    changed_.notify_all();
+  }
+
+ private:
+  void stopAllAndWait() {
+    std::unique_lock lock(mutex_);
+    for (ZRBTransport* transport : running_) transport->stopForExit();
+    changed_.wait_for(lock, kExitWait, [this] { return threads_ == 0; });
+  }
+
+  static constexpr auto kExitWait = std::chrono::seconds(1);
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<ZRBTransport*> running_;  // alive: removed by their own thread before they go
+  long threads_ = 0;
+};
+
 void runCallbacks(std::vector<ZRBTransportWork>& batch) {
   for (auto& work : batch) {
     // One failing callback must not take the rest of the batch with it.
@@ -38,7 +85,13 @@ std::shared_ptr<ZRBTransport> ZRBTransport::make(const ZRBTransportOptions& opti
   auto transport = std::make_shared<ZRBTransport>(options);
   // The thread holds the transport until it has stopped, so a transport released from its own
   // thread (the last task completing) outlives the loop that is running it.
-  transport->thread_ = std::thread([self = transport] { self->run(); });
+  ZRBTransportThreads::instance().started(transport.get());
+  transport->thread_ = std::thread([self = transport]() mutable {
+    self->run();
+    ZRBTransportThreads::instance().leaving(self.get());
+    self.reset();  // the last owner may be this thread: the handles and connections go here
+    ZRBTransportThreads::instance().finished();
+  });
   transport->threadID_ = transport->thread_.get_id();
   return transport;
 }
@@ -141,7 +194,7 @@ void ZRBTransport::run() {
     runPostedWork();
     {
       std::lock_guard lock(mutex_);
-      if (stopping_ && posted_.empty()) break;
+      if (exiting_ || (stopping_ && posted_.empty())) break;
     }
     int running = 0;
     curl_multi_perform(multi_, &running);
@@ -171,7 +224,24 @@ void ZRBTransport::run() {
   // are dropped without callbacks.
   for (ZRBTransfer* transfer : std::vector<ZRBTransfer*>(active_)) transfer->abandon();
   active_.clear();
+  bool exiting = false;
+  {
+    std::lock_guard lock(mutex_);
+    exiting = exiting_;
+  }
+  if (exiting) {
+    outbox_.clear();  // the process is going: no more callbacks
+    return;
+  }
   flushOutbox();
+}
+
+void ZRBTransport::stopForExit() {
+  {
+    std::lock_guard lock(mutex_);
+    exiting_ = true;
+  }
+  curl_multi_wakeup(multi_);
 }
 
 void ZRBTransport::flushOutbox() {

@@ -83,6 +83,9 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   std::chrono::steady_clock::time_point turnStart() const { return turnStart_; }
   // Stops the thread once the work posted so far has run. Waits for it unless called on it.
   void shutdown();
+  // The process is exiting: the thread stops after its current turn, without further callbacks,
+  // and does not wait for posted work. Any thread; does not wait.
+  void stopForExit();
 
   const ZRBEnvironmentProxies& environmentProxies() const { return environmentProxies_; }
 
@@ -111,6 +114,7 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   std::mutex mutex_;
   std::vector<ZRBTransportWork> posted_;
   bool stopping_ = false;
+  bool exiting_ = false;
   bool sleeping_ = false;  // the thread is in (or about to enter) curl_multi_poll
   bool wakeSent_ = false;  // ... and has been woken already
 
