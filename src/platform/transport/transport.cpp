@@ -3,11 +3,11 @@
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 
 #include "platform/transport/transfer.h"
+#include "platform/transport/transport_exit.h"
 
 namespace {
 constexpr auto kTimeoutCheckInterval = std::chrono::milliseconds(100);
@@ -22,52 +22,6 @@ void initializeCurlOnce() {
   static const bool initialized = [] { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }();
   (void)initialized;
 }
-
-// Every transport thread, so that a process that exits while transports still run can stop them
-// and wait a moment: their connections close, their per-thread state (OpenSSL's among it) goes,
-// and no transport thread is still at work while static objects are destroyed. Transports whose
-// session was let go of on their own thread finish detached, and are waited for the same way.
-class ZRBTransportThreads {
- public:
-  static ZRBTransportThreads& instance() {
-    // Immortal: a thread may finish after static destruction has begun.
-    static auto* threads = [] {
-      auto* created = new ZRBTransportThreads;
-      std::atexit([] { ZRBTransportThreads::instance().stopAllAndWait(); });
-      return created;
-    }();
-    return *threads;
-  }
-  void started(ZRBTransport* transport) {
-    std::lock_guard lock(mutex_);
-    running_.push_back(transport);
-    ++threads_;
-  }
-  // The thread is about to let go of its transport: it can no longer be stopped.
-  void leaving(ZRBTransport* transport) {
-    std::lock_guard lock(mutex_);
-    std::erase(running_, transport);
-  }
-  // Nothing of the thread is left to run.
-  void finished() {
-    std::lock_guard lock(mutex_);
-    --threads_;
-    changed_.notify_all();
-  }
-
- private:
-  void stopAllAndWait() {
-    std::unique_lock lock(mutex_);
-    for (ZRBTransport* transport : running_) transport->stopForExit();
-    changed_.wait_for(lock, kExitWait, [this] { return threads_ == 0; });
-  }
-
-  static constexpr auto kExitWait = std::chrono::seconds(1);
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<ZRBTransport*> running_;  // alive: removed by their own thread before they go
-  long threads_ = 0;
-};
 
 void runCallbacks(std::vector<ZRBTransportWork>& batch) {
   for (auto& work : batch) {
@@ -85,12 +39,12 @@ std::shared_ptr<ZRBTransport> ZRBTransport::make(const ZRBTransportOptions& opti
   auto transport = std::make_shared<ZRBTransport>(options);
   // The thread holds the transport until it has stopped, so a transport released from its own
   // thread (the last task completing) outlives the loop that is running it.
-  ZRBTransportThreads::instance().started(transport.get());
+  ZRBTransportExit::instance().threadStarted(transport.get());
   transport->thread_ = std::thread([self = transport]() mutable {
     self->run();
-    ZRBTransportThreads::instance().leaving(self.get());
+    ZRBTransportExit::instance().threadLeaving(self.get());
     self.reset();  // the last owner may be this thread: the handles and connections go here
-    ZRBTransportThreads::instance().finished();
+    ZRBTransportExit::instance().threadFinished();
   });
   transport->threadID_ = transport->thread_.get_id();
   return transport;
@@ -119,8 +73,16 @@ ZRBTransport::ZRBTransport(const ZRBTransportOptions& options)
 }
 
 ZRBTransport::~ZRBTransport() {
+  ZRBTransportExit& exit = ZRBTransportExit::instance();
+  if (!exit.beginTeardown()) {
+    // The process is exiting: the handles are left to it (see transport_exit.h).
+    for (auto& handle : pool_) exit.keep(handle.release());
+    exit.keep(multi_);
+    return;
+  }
   pool_.clear();
   curl_multi_cleanup(multi_);
+  exit.teardownFinished();
 }
 
 void ZRBTransport::post(ZRBTransportWork work) {
