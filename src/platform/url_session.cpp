@@ -96,7 +96,7 @@ std::shared_ptr<Task> ZRBURLSession::makeTask(ZRBURLSessionTask::Kind kind, ZRBU
                                   request ? request->copy() : nullptr);
     tasks_.add(task);
   }
-  task->setDriver(std::make_shared<ZRBURLSessionTaskDriver>(self, task, std::move(body)));
+  task->setDriver(std::make_shared<ZRBURLSessionTaskDriver>(std::move(self), task, std::move(body)));
   return task;
 }
 

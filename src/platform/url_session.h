@@ -122,6 +122,9 @@ class ZRBURLSession final : public ZRBObject {
   const ZRBURLSessionConfiguration& configurationRef() const { return *configuration_; }
   // The session's transport, started with its first task.
   const std::shared_ptr<ZRBTransport>& transport();
+  // The delegate, for code running on the delegate queue: only a block on that queue lets go of
+  // it, so it stays valid for the rest of the calling block without a lock or a reference.
+  ZRBURLSessionDelegate* delegateOnDelegateQueue() const { return delegate_.get(); }
   // The task has completed: drop it, and finish the invalidation when it was the last one.
   void taskDidFinish(const ZRBURLSessionTask& task);
   // A data task whose delegate answered "become download": a new download task, with its own

@@ -176,7 +176,7 @@ bool ZRBURLSessionTaskDriver::delegateResponds(ZRBURLSessionDelegateOperation op
 template <typename Call>
 void ZRBURLSessionTaskDriver::toDelegate(Call call) {
   transport_->toCallbackQueue([session = session_, call = std::move(call)] {
-    if (auto delegate = session->delegate()) call(session, *delegate);
+    if (auto* delegate = session->delegateOnDelegateQueue()) call(session, *delegate);
   });
 }
 
@@ -252,7 +252,7 @@ void ZRBURLSessionTaskDriver::startAttempt() {
   if (finished_) return;
   const auto& configuration = session_->configurationRef();
   ZRBTransferSetup setup;
-  setup.request = request_;
+  setup.request = request_.get();
   switch (body_.kind) {
     case Body::Kind::None: break;
     case Body::Kind::Bytes:
@@ -509,17 +509,17 @@ bool ZRBURLSessionTaskDriver::consumeBody(const char* data, std::size_t length) 
     task_->addToCounter(ZRBURLSessionTaskCounter::BytesReceived, std::int64_t(length));
     latestTotal_.store(written_, std::memory_order_release);
     if (!downloadCompletion_ && !writeReportPending_.exchange(true, std::memory_order_acq_rel)) {
-      auto self = shared_from_this();
-      auto task = std::static_pointer_cast<ZRBURLSessionDownloadTask>(task_);
-      toDelegate([self, task](const ZRBURLSessionPtr& session, ZRBURLSessionDelegate& delegate) {
-        self->writeReportPending_.store(false, std::memory_order_release);
-        std::int64_t total = self->latestTotal_.load(std::memory_order_acquire);
-        std::int64_t delta = total - self->deliveredTotal_;
-        self->deliveredTotal_ = total;
-        if (delta > 0)
-          delegate.downloadTaskDidWriteData(session, task, delta, total,
-                                            task->countOfBytesExpectedToReceive());
-      });
+      toDelegate(
+          [self = shared_from_this(), task = std::static_pointer_cast<ZRBURLSessionDownloadTask>(task_)](
+              const ZRBURLSessionPtr& session, ZRBURLSessionDelegate& delegate) {
+            self->writeReportPending_.store(false, std::memory_order_release);
+            std::int64_t total = self->latestTotal_.load(std::memory_order_acquire);
+            std::int64_t delta = total - self->deliveredTotal_;
+            self->deliveredTotal_ = total;
+            if (delta > 0)
+              delegate.downloadTaskDidWriteData(session, task, delta, total,
+                                                task->countOfBytesExpectedToReceive());
+          });
     }
     return true;
   }
@@ -536,14 +536,16 @@ bool ZRBURLSessionTaskDriver::consumeBody(const char* data, std::size_t length) 
   if (dataCompletion_) return true;
   queuedBytes_.fetch_add(std::int64_t(length), std::memory_order_acq_rel);
   auto value = ZRBValue::data(data, length);
-  auto self = shared_from_this();
-  auto task = std::static_pointer_cast<ZRBURLSessionDataTask>(task_);
-  transport_->toCallbackQueue([self, task, value, session = session_] {
-    if (auto delegate = session->delegate()) delegate->dataTaskDidReceiveData(session, task, value);
+  transport_->toCallbackQueue([self = shared_from_this(),
+                               task = std::static_pointer_cast<ZRBURLSessionDataTask>(task_),
+                               value = std::move(value), session = session_] {
+    if (auto* delegate = session->delegateOnDelegateQueue())
+      delegate->dataTaskDidReceiveData(session, task, value);
     std::int64_t left =
         self->queuedBytes_.fetch_sub(std::int64_t(value.bytes().size()), std::memory_order_acq_rel) -
         std::int64_t(value.bytes().size());
-    if (left <= kQueuedLowWater && self->backpressured_.exchange(false, std::memory_order_acq_rel)) {
+    if (left <= kQueuedLowWater && self->backpressured_.load(std::memory_order_acquire) &&
+        self->backpressured_.exchange(false, std::memory_order_acq_rel)) {
       self->transport_->post([self] {
         if (!self->finished_) self->unpauseIfRunnable();
       });
@@ -617,15 +619,14 @@ void ZRBURLSessionTaskDriver::transferDidSendBodyData(ZRBTransfer& transfer, std
     return;
   }
   std::int64_t expected = transfer.bodyLength();
-  auto self = shared_from_this();
-  toDelegate(
-      [self, task = task_, expected](const ZRBURLSessionPtr& session, ZRBURLSessionDelegate& delegate) {
-        self->sendReportPending_.store(false, std::memory_order_release);
-        std::int64_t total = task->countOfBytesSent();
-        std::int64_t delta = total - self->deliveredSent_;
-        self->deliveredSent_ = total;
-        if (delta > 0) delegate.taskDidSendBodyData(session, task, delta, total, expected);
-      });
+  toDelegate([self = shared_from_this(), task = task_, expected](const ZRBURLSessionPtr& session,
+                                                                 ZRBURLSessionDelegate& delegate) {
+    self->sendReportPending_.store(false, std::memory_order_release);
+    std::int64_t total = task->countOfBytesSent();
+    std::int64_t delta = total - self->deliveredSent_;
+    self->deliveredSent_ = total;
+    if (delta > 0) delegate.taskDidSendBodyData(session, task, delta, total, expected);
+  });
 }
 
 // ---- server trust, in the handshake ----
@@ -933,7 +934,8 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
   task->setState(ZRBURLSessionTaskStateCompleted);
 
   Completion completion;
-  completion.response = task->response();
+  // The task's response is the one delivered; a task that became a download got it from here too.
+  completion.response = std::move(response_);
   completion.isDownload = download_;
   // Handed over whole: the body is not copied again.
   if (!download_ && (dataCompletion_ || collecting_) && !error)
@@ -968,7 +970,7 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
 }
 
 void ZRBURLSessionTaskDriver::Completion::deliver() const {
-  auto delegate = session->delegate();
+  auto* delegate = session->delegateOnDelegateQueue();
   if (isDownload) {
     auto downloadTask = std::static_pointer_cast<ZRBURLSessionDownloadTask>(task);
     ZRBURLPtr location = !error && !extra->path.empty() ? ZRBURL::fileURLWithPath(extra->path) : nullptr;

@@ -58,7 +58,7 @@ struct ZRBTransferBody {
 };
 
 struct ZRBTransferSetup {
-  ZRBURLRequestPtr request;
+  const ZRBURLRequest* request = nullptr;  // kept alive by the caller while prepare() runs
   ZRBTransferBody body;
   // Added when the request lacks them (the configuration's additional headers).
   ZRBValue additionalHeaders;
