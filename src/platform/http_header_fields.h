@@ -72,19 +72,24 @@ class ZRBHTTPHeaderFields {
 // Header fields the way a transport collects them off the wire, without a map: one line
 // "Name:value\n" per field, in the order received. Names hold no ':' and values no '\n' (the
 // transport splits lines at '\n' and names at the first ':'). Cheap to build, and turned into
-// ZRBHTTPHeaderFields only when somebody asks for the fields.
-struct ZRBHTTPHeaderLines {
-  std::string text;
-
+// ZRBHTTPHeaderFields only when somebody asks for the fields. Where the two fields every response
+// reads, Content-Type and Content-Length, are is noted as the lines come in.
+class ZRBHTTPHeaderLines {
+ public:
   void add(std::string_view name, std::string_view value) {
-    text.append(name).push_back(':');
-    text.append(value).push_back('\n');
+    text_.append(name).push_back(':');
+    std::size_t offset = text_.size();
+    text_.append(value).push_back('\n');
+    if (ZRBHTTPHeaderNameEquals(name, "Content-Type")) note(contentType_, offset, value.size());
+    if (ZRBHTTPHeaderNameEquals(name, "Content-Length")) note(contentLength_, offset, value.size());
   }
-  bool empty() const { return text.empty(); }
+  void reserve(std::size_t bytes) { text_.reserve(bytes); }
+  bool empty() const { return text_.empty(); }
+
   // Calls visit(name, value) for every field, in order.
   template <typename Visit>
   void forEach(Visit visit) const {
-    std::string_view rest = text;
+    std::string_view rest = text_;
     while (!rest.empty()) {
       // The first ':' ends the name; the line's '\n' ends the value.
       std::size_t colon = rest.find(':');
@@ -97,5 +102,35 @@ struct ZRBHTTPHeaderLines {
   // The value of `name` (case ignored), repeated fields joined with ", " as ZRBHTTPHeaderFields
   // joins them; a joined value lives in `joined`. nullopt when the field is absent.
   std::optional<std::string_view> value(std::string_view name, std::string& joined) const;
+  std::optional<std::string_view> contentType(std::string& joined) const {
+    return noted(contentType_, "Content-Type", joined);
+  }
+  std::optional<std::string_view> contentLength(std::string& joined) const {
+    return noted(contentLength_, "Content-Length", joined);
+  }
   ZRBHTTPHeaderFields fields() const;
+
+ private:
+  // Where a field's first value is, and how many lines had its name.
+  struct Noted {
+    std::size_t offset = 0;
+    std::size_t length = 0;
+    int lines = 0;
+  };
+  static void note(Noted& noted, std::size_t offset, std::size_t length) {
+    if (noted.lines++ == 0) {
+      noted.offset = offset;
+      noted.length = length;
+    }
+  }
+  std::optional<std::string_view> noted(const Noted& noted, std::string_view name,
+                                        std::string& joined) const {
+    if (noted.lines == 0) return std::nullopt;
+    if (noted.lines == 1) return std::string_view(text_).substr(noted.offset, noted.length);
+    return value(name, joined);  // repeated: joined as the fields would join it
+  }
+
+  std::string text_;
+  Noted contentType_;
+  Noted contentLength_;
 };

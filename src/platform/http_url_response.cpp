@@ -181,26 +181,8 @@ ZRBHTTPURLResponse::ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::opti
       statusCode_(statusCode),
       httpVersion_(HTTPVersion ? std::move(*HTTPVersion) : std::string("HTTP/1.1")),
       lines_(std::move(headerLines)) {
-  // One pass for the two fields every response reads; repeated ones are joined as fields join them.
-  std::optional<std::string_view> contentType, contentLength;
   std::string joinedType, joinedLength;
-  auto take = [](std::optional<std::string_view>& found, std::string& joined, std::string_view value) {
-    if (!found) {
-      found = value;
-      return;
-    }
-    if (found->data() != joined.data()) joined.assign(*found);
-    joined.append(", ").append(value);
-    found = joined;
-  };
-  lines_.forEach([&](std::string_view name, std::string_view value) {
-    if (ZRBHTTPHeaderNameEquals(name, "Content-Type")) {
-      take(contentType, joinedType, value);
-    } else if (ZRBHTTPHeaderNameEquals(name, "Content-Length")) {
-      take(contentLength, joinedLength, value);
-    }
-  });
-  setContentFields(contentType, contentLength);
+  setContentFields(lines_.contentType(joinedType), lines_.contentLength(joinedLength));
 }
 
 void ZRBHTTPURLResponse::setContentFields(std::optional<std::string_view> contentType,

@@ -80,7 +80,9 @@ void ZRBURLSessionTask::addToCounter(ZRBURLSessionTaskCounter counter, std::int6
                                       : counter == ZRBURLSessionTaskCounter::BytesExpectedToReceive
                                           ? expectedReceive_
                                           : expectedSend_;
-  std::int64_t value = target.fetch_add(delta, std::memory_order_relaxed) + delta;
+  // The transport thread is the counters' only writer, so no read-modify-write is needed.
+  std::int64_t value = target.load(std::memory_order_relaxed) + delta;
+  target.store(value, std::memory_order_relaxed);
   if (hasObservers_.load(std::memory_order_acquire)) notifyObservers(counter, value);
 }
 

@@ -124,6 +124,7 @@ class ZRBURLSessionTask : public ZRBObject {
   // Compare-and-set; false when the state was not `expected`.
   bool moveState(ZRBURLSessionTaskState expected, ZRBURLSessionTaskState next);
   void setState(ZRBURLSessionTaskState state) { state_.store(state, std::memory_order_release); }
+  // Counters have one writer at a time: the task's maker until it resumes, then the transport.
   void setCounter(ZRBURLSessionTaskCounter counter, std::int64_t value);
   void addToCounter(ZRBURLSessionTaskCounter counter, std::int64_t delta);
 

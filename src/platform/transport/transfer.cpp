@@ -307,8 +307,8 @@ std::size_t ZRBTransfer::header(std::string_view line) {
   }
   if (line.starts_with("HTTP/")) {
     // A new head: an interim 1xx one may come before the final one.
-    head_.text.clear();
-    head_.text.reserve(512);
+    head_ = {};
+    head_.reserve(512);
     setCookies_.clear();
     std::string_view rest = line.substr(5);
     std::size_t space = rest.find(' ');
