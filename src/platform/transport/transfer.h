@@ -133,6 +133,10 @@ class ZRBTransfer {
   ZRBTransferClient& client_;
   std::unique_ptr<ZRBEasyHandle> handle_;
   bool active_ = false;
+  // Where the transport keeps it in its list of active transfers.
+  static constexpr std::size_t kNotActive = std::size_t(-1);
+  std::size_t activeIndex_ = kNotActive;
+  friend class ZRBTransport;
   // Lets work posted from other threads find this transfer if it still exists (checked and
   // destroyed on the transport thread only).
   std::shared_ptr<ZRBTransfer*> self_;  // made when a body pump needs it

@@ -115,14 +115,19 @@ void ZRBTransport::shutdown() {
 }
 
 void ZRBTransport::add(ZRBTransfer& transfer) {
+  transfer.activeIndex_ = active_.size();
   active_.push_back(&transfer);
   curl_multi_add_handle(multi_, transfer.easy());
 }
 
 void ZRBTransport::remove(ZRBTransfer& transfer) {
-  auto found = std::find(active_.begin(), active_.end(), &transfer);
-  if (found == active_.end()) return;
-  active_.erase(found);
+  std::size_t index = transfer.activeIndex_;
+  if (index >= active_.size() || active_[index] != &transfer) return;
+  // Swapped out in constant time: the order of the list means nothing.
+  active_[index] = active_.back();
+  active_[index]->activeIndex_ = index;
+  active_.pop_back();
+  transfer.activeIndex_ = ZRBTransfer::kNotActive;
   curl_multi_remove_handle(multi_, transfer.easy());
 }
 
