@@ -351,6 +351,32 @@ TEST_F(URLSessionTest, InvalidationCancelsTasksThenReportsAndRefusesNewTasks) {
   EXPECT_THROW(session_->dataTaskWithURL(ZRBURL::URLWithString(server_.url("/slow"))), ZRBException);
 }
 
+TEST_F(URLSessionTest, TaskListsHoldUnfinishedTasksInIdentifierOrder) {
+  server_.respond("GET", "/quick", ZRBTestResponse::text(200, "ok"));
+  auto listTasks = [this] {
+    std::promise<std::vector<ZRBURLSessionTaskPtr>> promise;
+    session_->getAllTasksWithCompletionHandler(
+        [&promise](std::vector<ZRBURLSessionTaskPtr> tasks) { promise.set_value(std::move(tasks)); });
+    return promise.get_future().get();
+  };
+  // Enough finished tasks to leave the list more holes than tasks, interleaved with waiting ones.
+  std::vector<ZRBURLSessionTaskPtr> waiting;
+  for (int i = 0; i < 60; ++i) {
+    auto task = session_->dataTaskWithRequest(requestFor(server_.url("/quick")));
+    if (i % 20 == 7) {
+      waiting.push_back(task);
+    } else {
+      task->resume();
+    }
+  }
+  ASSERT_TRUE(delegate_->waitForCompletions(57));
+  waiting.push_back(session_->dataTaskWithRequest(requestFor(server_.url("/quick"))));
+  EXPECT_EQ(listTasks(), waiting);
+  for (const auto& task : waiting) task->resume();
+  ASSERT_TRUE(delegate_->waitForCompletions(61));
+  EXPECT_TRUE(listTasks().empty());
+}
+
 TEST_F(URLSessionTest, ResumeAndSuspendRunThroughReplaceableSlots) {
   std::vector<std::string> calls;
   std::mutex mutex;
