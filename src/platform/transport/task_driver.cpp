@@ -150,7 +150,15 @@ void ZRBURLSessionTaskDriver::post(void (ZRBURLSessionTaskDriver::*step)()) {
   transport_->post([self = shared_from_this(), step] { ((*self).*step)(); });
 }
 
-void ZRBURLSessionTaskDriver::resume() { post(&ZRBURLSessionTaskDriver::resumeNow); }
+void ZRBURLSessionTaskDriver::resume() {
+  // A task resumed from a delegate callback that the transport thread runs (the next request of a
+  // chain, typically) starts at once: nothing of the transport is under way then.
+  if (transport_->runningCallbacksHere()) {
+    resumeNow();
+    return;
+  }
+  post(&ZRBURLSessionTaskDriver::resumeNow);
+}
 void ZRBURLSessionTaskDriver::suspend() { post(&ZRBURLSessionTaskDriver::suspendNow); }
 void ZRBURLSessionTaskDriver::cancel() { post(&ZRBURLSessionTaskDriver::cancelNow); }
 
@@ -308,7 +316,7 @@ void ZRBURLSessionTaskDriver::startAttempt() {
   collecting_ = false;
   collected_.clear();
 
-  transfer_ = std::make_unique<ZRBTransfer>(*transport_, *this);
+  transfer_ = ZRBTransfer::make(*transport_, *this);
   if (ZRBErrorPtr error = transfer_->prepare(setup)) {
     finish(error);
     return;
@@ -713,7 +721,7 @@ bool ZRBURLSessionTaskDriver::transferEvaluateServerTrust(ZRBTransfer&, x509_sto
 
 void ZRBURLSessionTaskDriver::transferDidComplete(ZRBTransfer& transfer, int curlCode) {
   // The transfer is dropped when this returns (or replaced by the next attempt's).
-  std::unique_ptr<ZRBTransfer> ended = std::move(transfer_);
+  ZRBTransfer::Ptr ended = std::move(transfer_);
   if (finished_) return;
   if (curlCode != CURLE_OK) {
     if (curlCode == CURLE_SEND_FAIL_REWIND && body_.kind == Body::Kind::Stream && bodyRestarts_ < 2) {

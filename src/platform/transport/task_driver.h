@@ -126,7 +126,7 @@ class ZRBURLSessionTaskDriver final : public ZRBTransferClient,
   ZRBURLSessionDataCompletion dataCompletion_;
   ZRBURLSessionDownloadCompletion downloadCompletion_;
   bool download_ = false;
-  std::unique_ptr<ZRBTransfer> transfer_;
+  ZRBTransfer::Ptr transfer_;
 
   bool started_ = false;
   bool suspended_ = true;

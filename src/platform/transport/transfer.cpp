@@ -42,6 +42,22 @@ std::optional<std::string> proxyFor(const ZRBValue& proxies, bool https) {
 }
 }  // namespace
 
+ZRBTransfer::Ptr ZRBTransfer::make(ZRBTransport& transport, ZRBTransferClient& client) {
+  void* memory = transport.takeTransferMemory();
+  try {
+    return Ptr(new (memory) ZRBTransfer(transport, client));
+  } catch (...) {
+    transport.returnTransferMemory(memory);
+    throw;
+  }
+}
+
+void ZRBTransfer::Deleter::operator()(ZRBTransfer* transfer) const {
+  ZRBTransport& transport = transfer->transport_;
+  transfer->~ZRBTransfer();
+  transport.returnTransferMemory(transfer);
+}
+
 ZRBTransfer::ZRBTransfer(ZRBTransport& transport, ZRBTransferClient& client)
     : transport_(transport), client_(client), handle_(transport.takeEasyHandle()) {
   handle_->transfer = this;

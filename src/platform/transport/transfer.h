@@ -78,6 +78,13 @@ struct ZRBTransferSetup {
 
 class ZRBTransfer {
  public:
+  // Transfers live in memory the transport recycles; this deleter gives it back.
+  struct Deleter {
+    void operator()(ZRBTransfer* transfer) const;
+  };
+  using Ptr = std::unique_ptr<ZRBTransfer, Deleter>;
+  static Ptr make(ZRBTransport& transport, ZRBTransferClient& client);
+
   static constexpr std::size_t kPause = 0x10000001;  // CURL_WRITEFUNC_PAUSE
   // Heads larger than this end the transfer: a server that never stops sending header fields.
   static constexpr std::size_t kMaximumHeaderBytes = 256 * 1024;

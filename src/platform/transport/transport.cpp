@@ -73,6 +73,7 @@ ZRBTransport::ZRBTransport(const ZRBTransportOptions& options)
 }
 
 ZRBTransport::~ZRBTransport() {
+  for (void* memory : transferMemory_) ::operator delete(memory);
   ZRBTransportExit& exit = ZRBTransportExit::instance();
   if (!exit.beginTeardown()) {
     // The process is exiting: the handles are left to it (see transport_exit.h).
@@ -129,6 +130,21 @@ void ZRBTransport::remove(ZRBTransfer& transfer) {
   active_.pop_back();
   transfer.activeIndex_ = ZRBTransfer::kNotActive;
   curl_multi_remove_handle(multi_, transfer.easy());
+}
+
+void* ZRBTransport::takeTransferMemory() {
+  if (!isTransportThread() || transferMemory_.empty()) return ::operator new(sizeof(ZRBTransfer));
+  void* memory = transferMemory_.back();
+  transferMemory_.pop_back();
+  return memory;
+}
+
+void ZRBTransport::returnTransferMemory(void* memory) {
+  if (!isTransportThread() || transferMemory_.size() >= kEasyPoolLimit) {
+    ::operator delete(memory);
+    return;
+  }
+  transferMemory_.push_back(memory);
 }
 
 ZRBEasyHandle::ZRBEasyHandle() : easy(curl_easy_init()) {}
@@ -225,7 +241,12 @@ void ZRBTransport::flushOutbox() {
   // delegate that turns out slow gets its callbacks on the pool for a while, so it cannot hold
   // up the transfers.
   auto now = std::chrono::steady_clock::now();
-  if (now >= inlineAllowedAfter_ && callbackQueue_->runNowIfIdle([&batch] { runCallbacks(batch); })) {
+  auto runHere = [this, &batch] {
+    runningCallbacks_ = true;
+    runCallbacks(batch);
+    runningCallbacks_ = false;
+  };
+  if (now >= inlineAllowedAfter_ && callbackQueue_->runNowIfIdle(runHere)) {
     if (std::chrono::steady_clock::now() - now > kInlineBudget) inlineAllowedAfter_ = now + kInlinePenalty;
     batch.clear();
     spareOutbox_.swap(batch);  // its storage serves the next turn

@@ -78,6 +78,10 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   // dropped (its captures are released on the caller's thread).
   void post(ZRBTransportWork work);
   bool isTransportThread() const { return std::this_thread::get_id() == threadID_; }
+  // True while the transport thread runs delegate callbacks itself (see flushOutbox): no transport
+  // or libcurl code is under way then, so work for this transport may run at once instead of
+  // being posted.
+  bool runningCallbacksHere() const { return isTransportThread() && runningCallbacks_; }
   // When the transport thread's current turn of its loop began: close enough to now for idle
   // timeouts, and cheaper than reading the clock for every event. Transport thread only.
   std::chrono::steady_clock::time_point turnStart() const { return turnStart_; }
@@ -95,6 +99,10 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   void remove(ZRBTransfer& transfer);
   std::unique_ptr<ZRBEasyHandle> takeEasyHandle();
   void returnEasyHandle(std::unique_ptr<ZRBEasyHandle> handle);
+  // Memory for a ZRBTransfer, recycled on the transport thread (elsewhere it is plain new and
+  // delete): a transfer per request would otherwise cost an allocation each.
+  void* takeTransferMemory();
+  void returnTransferMemory(void* memory);
   // Queues `work` for the callback queue. What one turn of the loop queues goes over in one block,
   // in order, so a burst of events costs one hand-over instead of one each.
   void toCallbackQueue(ZRBTransportWork work) { outbox_.push_back(std::move(work)); }
@@ -121,8 +129,10 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   // Transport thread only.
   std::vector<ZRBTransfer*> active_;
   std::vector<std::unique_ptr<ZRBEasyHandle>> pool_;
+  std::vector<void*> transferMemory_;
   ZRBDispatchQueuePtr callbackQueue_;
   std::vector<ZRBTransportWork> outbox_;
+  bool runningCallbacks_ = false;
   std::vector<ZRBTransportWork> spareOutbox_;  // the last batch run here, emptied
   std::vector<ZRBTransportWork> running_;      // posted work being run, emptied after
   std::chrono::steady_clock::time_point turnStart_{};
