@@ -165,28 +165,28 @@ std::string ZRBURLResponse::description() const {
 
 ZRBHTTPURLResponse::ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::optional<std::string> HTTPVersion,
                                        ZRBHTTPHeaderFields headerFields)
-    : ZRBURLResponse(std::move(url), std::nullopt, -1, std::nullopt),
-      statusCode_(statusCode),
-      httpVersion_(HTTPVersion ? std::move(*HTTPVersion) : std::string("HTTP/1.1")),
-      headers_(std::move(headerFields)) {
-  const std::string* contentType = headers_.lookup("Content-Type");
-  const std::string* contentLength = headers_.lookup("Content-Length");
-  setContentFields(contentType ? std::optional<std::string_view>(*contentType) : std::nullopt,
-                   contentLength ? std::optional<std::string_view>(*contentLength) : std::nullopt);
-}
+    : ZRBHTTPURLResponse(std::move(url), statusCode, std::move(HTTPVersion), std::move(headerFields), {}) {}
 
 ZRBHTTPURLResponse::ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::optional<std::string> HTTPVersion,
                                        ZRBHTTPHeaderLines headerLines)
+    : ZRBHTTPURLResponse(std::move(url), statusCode, std::move(HTTPVersion), {}, std::move(headerLines)) {}
+
+ZRBHTTPURLResponse::ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::optional<std::string> HTTPVersion,
+                                       ZRBHTTPHeaderFields headerFields, ZRBHTTPHeaderLines headerLines)
     : ZRBURLResponse(std::move(url), std::nullopt, -1, std::nullopt),
       statusCode_(statusCode),
       httpVersion_(HTTPVersion ? std::move(*HTTPVersion) : std::string("HTTP/1.1")),
-      lines_(std::move(headerLines)) {
+      lines_(std::move(headerLines)),
+      headers_(std::move(headerFields)) {
+  std::optional<std::string_view> contentType, contentLength;
   std::string joinedType, joinedLength;
-  setContentFields(lines_.contentType(joinedType), lines_.contentLength(joinedLength));
-}
-
-void ZRBHTTPURLResponse::setContentFields(std::optional<std::string_view> contentType,
-                                          std::optional<std::string_view> contentLength) {
+  if (!lines_.empty()) {
+    contentType = lines_.contentType(joinedType);
+    contentLength = lines_.contentLength(joinedLength);
+  } else {
+    if (const std::string* value = headers_.lookup("Content-Type")) contentType = *value;
+    if (const std::string* value = headers_.lookup("Content-Length")) contentLength = *value;
+  }
   if (contentType) {
     ZRBContentType parsed = ZRBParseContentType(*contentType);
     mimeType_ = std::move(parsed.MIMEType);

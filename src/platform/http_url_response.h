@@ -106,8 +106,9 @@ class ZRBHTTPURLResponse final : public ZRBURLResponse {
   std::string description() const override;
 
  private:
-  void setContentFields(std::optional<std::string_view> contentType,
-                        std::optional<std::string_view> contentLength);
+  // Either the fields or the lines (the other empty).
+  ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::optional<std::string> HTTPVersion,
+                     ZRBHTTPHeaderFields headerFields, ZRBHTTPHeaderLines headerLines);
 
   long statusCode_;
   std::string httpVersion_;

@@ -970,6 +970,7 @@ void ZRBURLSessionTaskDriver::finish(ZRBErrorPtr error) {
     try {
       completion.deliver();
     } catch (...) {
+      completion.removeDownloadFile();  // a callback threw before it went
       completion.cleanUp();
       throw;
     }
@@ -987,11 +988,11 @@ void ZRBURLSessionTaskDriver::Completion::deliver() const {
     if (extra->downloadCompletion) {
       extra->downloadCompletion(location, response, error);
       removeDownloadFile();
-    } else if (delegate) {
-      if (location) delegate->downloadTaskDidFinishDownloading(session, downloadTask, location);
-      removeDownloadFile();
-      delegate->taskDidComplete(session, task, error);
+      return;
     }
+    if (delegate && location) delegate->downloadTaskDidFinishDownloading(session, downloadTask, location);
+    removeDownloadFile();
+    if (delegate) delegate->taskDidComplete(session, task, error);
     return;
   }
   if (extra && extra->cache) {
@@ -1021,7 +1022,4 @@ void ZRBURLSessionTaskDriver::Completion::removeDownloadFile() const {
   if (fileManager->fileExistsAtPath(extra->path)) fileManager->removeItemAtPath(extra->path);
 }
 
-void ZRBURLSessionTaskDriver::Completion::cleanUp() const {
-  removeDownloadFile();  // when a callback threw before it went
-  session->taskDidFinish(*task);
-}
+void ZRBURLSessionTaskDriver::Completion::cleanUp() const { session->taskDidFinish(*task); }
