@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <thread>
@@ -16,7 +15,6 @@
 
 #include "platform/assert.h"
 #include "platform/bundle.h"
-#include "platform/file_manager.h"
 #include "platform/json_serialization.h"
 #include "platform/property_list_serialization.h"
 #include "request/network_config.h"
