@@ -165,7 +165,21 @@ ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
   if (!handle.configured) configureHandle();
   handle.errorBuffer[0] = '\0';
   CURL* easy = handle.easy;
-  curl_easy_setopt(easy, CURLOPT_URL, url_->absoluteString().c_str());
+  const std::string& urlText = url_->absoluteString();
+  if (urlText != handle.urlText) {
+    if (!handle.url) handle.url = curl_url();
+    // The flags are the ones libcurl parses a URL option with. A URL it cannot parse goes to it
+    // as text, so that the failure is the transfer's, as before.
+    if (handle.url &&
+        curl_url_set(handle.url, CURLUPART_URL, urlText.c_str(), CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK) {
+      handle.urlText = urlText;
+    } else {
+      handle.urlText.clear();
+    }
+  }
+  curl_easy_setopt(easy, CURLOPT_CURLU, handle.urlText.empty() ? nullptr : handle.url);
+  // The text as well: libcurl reports it as the effective URL and names it in its messages.
+  curl_easy_setopt(easy, CURLOPT_URL, urlText.c_str());
   // Set only when they differ from the last transfer's: most transfers of a session agree.
   if (long weight = std::clamp(setup.streamWeight, 1L, 256L); weight != handle.streamWeight) {
     curl_easy_setopt(easy, CURLOPT_STREAM_WEIGHT, weight);

@@ -148,7 +148,10 @@ void ZRBTransport::returnTransferMemory(void* memory) {
 }
 
 ZRBEasyHandle::ZRBEasyHandle() : easy(curl_easy_init()) {}
-ZRBEasyHandle::~ZRBEasyHandle() { curl_easy_cleanup(easy); }
+ZRBEasyHandle::~ZRBEasyHandle() {
+  curl_easy_cleanup(easy);
+  curl_url_cleanup(url);
+}
 
 std::unique_ptr<ZRBEasyHandle> ZRBTransport::takeEasyHandle() {
   if (pool_.empty()) return std::make_unique<ZRBEasyHandle>();

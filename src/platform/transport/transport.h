@@ -22,6 +22,7 @@
 typedef void CURLM;
 typedef void CURL;
 struct curl_slist;
+typedef struct Curl_URL CURLU;
 
 class ZRBTransfer;
 
@@ -41,6 +42,10 @@ struct ZRBEasyHandle {
   bool dirty = false;
   long streamWeight = -1;  // as last set, -1 for libcurl's default
   long connectTimeout = -1;
+  // The last request's URL, parsed by libcurl once: a transfer to the same URL hands libcurl this
+  // copy instead of the text, which libcurl would otherwise parse again for every transfer.
+  CURLU* url = nullptr;
+  std::string urlText;
   char errorBuffer[256] = {};  // CURL_ERROR_SIZE
   // The current request's header lines, NUL-terminated one after another, and the list libcurl
   // reads them through: nodes of our own, kept with the handle so that no transfer allocates them.
