@@ -19,8 +19,8 @@ using Variant = ZRBTestLeafVariant;
 using Policy = ZRBHS_SecurityPolicy;
 namespace fs = std::filesystem;
 
-const ZRBTestChain& chainOf(Variant variant = Variant::Valid, ZRBTestKeyType leaf = ZRBTestKeyType::ECP256) {
-  return ZRBTestPKI::sharedChain(leaf, variant);
+const ZRBTestChain& chainOf(Variant variant) {
+  return ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256, variant);
 }
 
 // The peer's certificates under a basic policy (the policy under test replaces it); anchored at the
@@ -37,30 +37,18 @@ ZRBValue pins(std::initializer_list<const ZRBTestCertificate*> certificates) {
   return ZRBValue::set(std::move(items));
 }
 
-ZRBHS_SecurityPolicyPtr policyWith(SSLPinningMode mode, ZRBValue pinned, bool allowInvalid = false,
-                                   bool validatesDomainName = true) {
-  auto policy = Policy::policyWithPinningMode(mode, std::move(pinned));
-  policy->setAllowInvalidCertificates(allowInvalid);
-  policy->setValidatesDomainName(validatesDomainName);
-  return policy;
-}
-
 const std::optional<std::string> kHost = "localhost";
-const std::optional<std::string> kNoHost = std::nullopt;
 
 TEST(SecurityPolicy, PinnedPublicKeysFollowTheCertificatesAndObserversAreTold) {
-  const auto& chain = chainOf();
+  const auto& chain = chainOf(Variant::Valid);
   auto policy = Policy::defaultPolicy();
-  EXPECT_TRUE(policy->pinnedCertificates().isAbsent());
-  EXPECT_TRUE(policy->pinnedPublicKeys().isAbsent());
-
   std::vector<std::string> told;
   auto token = policy->addChangeObserver([&](std::string_view keyPath) { told.emplace_back(keyPath); });
-  // Garbage and duplicate data yield no extra key; the two real certificates yield theirs.
-  ZRBValue certificates = ZRBValue::set({ZRBValue::data(chain.leaf.der()), ZRBValue::data(chain.root.der()),
-                                         ZRBValue::data(std::string_view("not a certificate"))});
-  policy->setPinnedCertificates(certificates);
-  EXPECT_EQ(policy->pinnedCertificates(), certificates);
+  // Data that is not a certificate yields no key; the two real certificates yield theirs.
+  std::vector<ZRBValue> items = {ZRBValue::data(chain.leaf.der()), ZRBValue::data(chain.root.der()),
+                                 ZRBValue::data(std::string_view("not a certificate"))};
+  policy->setPinnedCertificates(ZRBValue::array(items));
+  EXPECT_EQ(policy->pinnedCertificates(), ZRBValue::set(items)) << "an array is taken as a set";
   ZRBValue keys = policy->pinnedPublicKeys();
   ASSERT_EQ(keys.count(), 2u);
   EXPECT_TRUE(keys.containsItem(ZRBValue(chain.leaf.secCertificate()->copyKey())));
@@ -68,120 +56,88 @@ TEST(SecurityPolicy, PinnedPublicKeysFollowTheCertificatesAndObserversAreTold) {
   EXPECT_EQ(told, (std::vector<std::string>{"pinnedCertificates", "pinnedPublicKeys"}));
 
   policy->removeChangeObserver(token);
-  policy->setPinnedCertificates(ZRBValue());
+  policy->setPinnedCertificates(ZRBValue::null());
+  EXPECT_TRUE(policy->pinnedCertificates().isAbsent());
   EXPECT_TRUE(policy->pinnedPublicKeys().isAbsent());
   EXPECT_EQ(told.size(), 2u);
 }
 
-TEST(SecurityPolicy, ModeNoneTrustsTheChainAndChecksTheHostOnlyWhenAsked) {
-  const auto& valid = chainOf();
-  EXPECT_TRUE(Policy::defaultPolicy()->evaluateServerTrust(trustFor(valid), kHost));
-  // Unknown root: the system store does not hold the test root.
-  EXPECT_FALSE(Policy::defaultPolicy()->evaluateServerTrust(trustFor(valid, false), kHost));
-
-  const auto& wrongHost = chainOf(Variant::WrongHost);
-  EXPECT_FALSE(Policy::defaultPolicy()->evaluateServerTrust(trustFor(wrongHost), kHost));
-  EXPECT_TRUE(policyWith(SSLPinningModeNone, ZRBValue(), false, false)
-                  ->evaluateServerTrust(trustFor(wrongHost), kHost));
-
-  // Expired: rejected unless invalid chains are allowed (without a host, which that would forbid).
+TEST(SecurityPolicy, EvaluationByModePinsFlagsAndHost) {
+  // The valid chain has an RSA leaf and EC CAs, so both key kinds are extracted and compared.
+  const auto& valid = ZRBTestPKI::sharedChain(ZRBTestKeyType::RSA2048, Variant::Valid);
   const auto& expired = chainOf(Variant::Expired);
-  EXPECT_FALSE(Policy::defaultPolicy()->evaluateServerTrust(trustFor(expired), kNoHost));
-  EXPECT_TRUE(
-      policyWith(SSLPinningModeNone, ZRBValue(), true)->evaluateServerTrust(trustFor(expired), kNoHost));
-  EXPECT_TRUE(
-      policyWith(SSLPinningModeNone, ZRBValue(), true, false)->evaluateServerTrust(trustFor(expired), kHost));
-}
+  const auto& wrongHost = chainOf(Variant::WrongHost);
+  // Test CA keys are shared between chains, so only the other chain's leaf has a key of its own.
+  const auto other = ZRBTestPKI::makeChain(ZRBTestKeyType::ECP384);
+  // A different certificate carrying the valid leaf's key.
+  const auto twin =
+      ZRBTestPKI::issue({.commonName = "same key", .keyType = ZRBTestKeyType::RSA2048}, nullptr);
+  const ZRBValue none, empty = ZRBValue::set({});
+  const ZRBValue junk = ZRBValue::set({ZRBValue::data(std::string_view("junk")), ZRBValue("text")});
+  const auto None = SSLPinningModeNone, Cert = SSLPinningModeCertificate, Key = SSLPinningModePublicKey;
+  enum : unsigned { Unanchored = 1, AllowInvalid = 2, AnyName = 4, NoHost = 8, Unevaluated = 16 };
 
-TEST(SecurityPolicy, AllowingInvalidChainsWhileValidatingAHostNeedsPins) {
-  const auto& chain = chainOf();
   struct Case {
     SSLPinningMode mode;
     ZRBValue pinned;
-  } cases[] = {{SSLPinningModeNone, pins({&chain.root})},
-               {SSLPinningModeCertificate, ZRBValue()},
-               {SSLPinningModeCertificate, ZRBValue::set({})},
-               {SSLPinningModePublicKey, ZRBValue::set({})}};
-  for (const auto& c : cases) {
-    auto trust = trustFor(chain);
-    EXPECT_FALSE(policyWith(c.mode, c.pinned, true)->evaluateServerTrust(trust, kHost)) << c.mode;
-    // Refused before any evaluation: the trust keeps its own policy and has no result.
-    EXPECT_EQ(trust->copyPolicies().front()->kind(), ZRBSecPolicyKindBasicX509);
-    EXPECT_EQ(trust->trustResult(), ZRBSecTrustResultInvalid);
+    const ZRBTestChain* chain;
+    unsigned flags;
+    bool accepted;
+  } cases[] = {
+      // No pinning: the chain decides, and the host name unless told otherwise. The system store
+      // does not hold the test root.
+      {None, none, &valid, 0, true},
+      {None, none, &valid, Unanchored, false},
+      {None, none, &wrongHost, 0, false},
+      {None, none, &wrongHost, AnyName, true},
+      {None, none, &expired, NoHost, false},
+      {None, none, &expired, AllowInvalid | NoHost, true},
+      {None, none, &expired, AllowInvalid | AnyName, true},
+      // Allowing invalid chains while checking a host needs pins: refused before any evaluation.
+      {None, pins({&valid.root}), &valid, AllowInvalid | Unevaluated, false},
+      {Cert, none, &valid, AllowInvalid | Unevaluated, false},
+      {Cert, empty, &valid, AllowInvalid | Unevaluated, false},
+      {Key, empty, &valid, AllowInvalid | Unevaluated, false},
+      {Cert, pins({&valid.root}), &valid, AllowInvalid, true},
+      // Certificates: the pins are the only anchors and one certificate of the chain must be pinned.
+      {Cert, pins({&valid.root, &other.root}), &valid, 0, true},
+      {Cert, pins({&valid.intermediate, &other.root}), &valid, 0, true},
+      {Cert, pins({&valid.leaf, &other.root}), &valid, 0, true},
+      {Cert, pins({&other.root}), &valid, 0, false},
+      {Cert, pins({&twin}), &valid, 0, false},
+      // ...after the chain is valid by the trust's own anchors, unless invalid chains are allowed;
+      // that allowance does not carry over to the pinned evaluation.
+      {Cert, pins({&valid.root}), &valid, Unanchored, false},
+      {Cert, pins({&valid.root}), &valid, Unanchored | AllowInvalid | NoHost, true},
+      {Cert, pins({&expired.root}), &expired, AllowInvalid | NoHost, false},
+      {Cert, pins({&wrongHost.root}), &wrongHost, 0, false},
+      {Cert, pins({&wrongHost.root}), &wrongHost, AnyName, true},
+      // Public keys: any key of the built chain, the anchor's included; a twin is as good as the leaf.
+      {Key, pins({&valid.root}), &valid, 0, true},
+      {Key, pins({&valid.intermediate}), &valid, 0, true},
+      {Key, pins({&valid.leaf}), &valid, 0, true},
+      {Key, pins({&twin}), &valid, 0, true},
+      {Key, pins({&other.leaf}), &valid, 0, false},
+      {Key, junk, &valid, 0, false},
+      // Without the test root as anchor the built chain stops at the intermediate.
+      {Key, pins({&valid.leaf}), &valid, Unanchored | NoHost, false},
+      {Key, pins({&valid.intermediate}), &valid, Unanchored | AllowInvalid | NoHost, true},
+      {Key, pins({&valid.root}), &valid, Unanchored | AllowInvalid | NoHost, false},
+      {static_cast<SSLPinningMode>(3), pins({&valid.root}), &valid, 0, false},
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const Case& c = cases[i];
+    auto policy = Policy::policyWithPinningMode(c.mode, c.pinned);
+    policy->setAllowInvalidCertificates(c.flags & AllowInvalid);
+    policy->setValidatesDomainName(!(c.flags & AnyName));
+    auto trust = trustFor(*c.chain, !(c.flags & Unanchored));
+    EXPECT_EQ(policy->evaluateServerTrust(trust, c.flags & NoHost ? std::nullopt : kHost), c.accepted)
+        << "case " << i << ", mode " << c.mode << ", flags " << c.flags;
+    if (c.flags & Unevaluated) {
+      EXPECT_EQ(trust->copyPolicies().front()->kind(), ZRBSecPolicyKindBasicX509) << "case " << i;
+      EXPECT_EQ(trust->trustResult(), ZRBSecTrustResultInvalid) << "case " << i;
+    }
   }
-  // With pins the same flags go on to the pin check.
-  EXPECT_TRUE(policyWith(SSLPinningModeCertificate, pins({&chain.root}), true)
-                  ->evaluateServerTrust(trustFor(chain), kHost));
-}
-
-TEST(SecurityPolicy, CertificateModeAnchorsAtThePinsAndMatchesAnyChainCertificate) {
-  const auto& chain = chainOf();
-  const auto& other = ZRBTestPKI::makeChain(ZRBTestKeyType::ECP256);
-  for (const ZRBTestCertificate* pinned : {&chain.root, &chain.intermediate, &chain.leaf})
-    EXPECT_TRUE(policyWith(SSLPinningModeCertificate, pins({pinned, &other.root}))
-                    ->evaluateServerTrust(trustFor(chain), kHost));
-  // Another PKI's root does not anchor this chain, though the chain is valid by its own anchors.
-  EXPECT_FALSE(policyWith(SSLPinningModeCertificate, pins({&other.root}))
-                   ->evaluateServerTrust(trustFor(chain), kHost));
-  // Same key, different certificate: certificate pins compare whole certificates.
-  ZRBTestCertificateOptions sameKey{
-      .commonName = "same key", .keyType = ZRBTestKeyType::ECP256, .keySlot = 0};
-  auto twin = ZRBTestPKI::issue(sameKey, nullptr);
-  EXPECT_FALSE(
-      policyWith(SSLPinningModeCertificate, pins({&twin}))->evaluateServerTrust(trustFor(chain), kHost));
-
-  // The chain must be valid by the trust's own anchors first, unless invalid chains are allowed.
-  EXPECT_FALSE(policyWith(SSLPinningModeCertificate, pins({&chain.root}))
-                   ->evaluateServerTrust(trustFor(chain, false), kHost));
-  EXPECT_TRUE(policyWith(SSLPinningModeCertificate, pins({&chain.root}), true)
-                  ->evaluateServerTrust(trustFor(chain, false), kNoHost));
-  // Allowing invalid chains does not survive the second, pinned evaluation.
-  const auto& expired = chainOf(Variant::Expired);
-  EXPECT_FALSE(policyWith(SSLPinningModeCertificate, pins({&expired.root}), true)
-                   ->evaluateServerTrust(trustFor(expired), kNoHost));
-  const auto& wrongHost = chainOf(Variant::WrongHost);
-  EXPECT_FALSE(policyWith(SSLPinningModeCertificate, pins({&wrongHost.root}))
-                   ->evaluateServerTrust(trustFor(wrongHost), kHost));
-  EXPECT_TRUE(policyWith(SSLPinningModeCertificate, pins({&wrongHost.root}), false, false)
-                  ->evaluateServerTrust(trustFor(wrongHost), kHost));
-}
-
-TEST(SecurityPolicy, PublicKeyModeComparesEncodedKeysOfTheBuiltChain) {
-  const auto& chain = chainOf(Variant::Valid, ZRBTestKeyType::RSA2048);
-  // Test CA keys are shared between chains, so only the other chain's leaf has a key of its own.
-  const auto& other = ZRBTestPKI::makeChain(ZRBTestKeyType::ECP384);
-  // Every key of the built chain counts, the anchor's included.
-  for (const ZRBTestCertificate* pinned : {&chain.root, &chain.intermediate, &chain.leaf})
-    EXPECT_TRUE(
-        policyWith(SSLPinningModePublicKey, pins({pinned}))->evaluateServerTrust(trustFor(chain), kHost));
-  EXPECT_FALSE(
-      policyWith(SSLPinningModePublicKey, pins({&other.leaf}))->evaluateServerTrust(trustFor(chain), kHost));
-  // A different certificate carrying the leaf's key is as good as the leaf.
-  ZRBTestCertificateOptions sameKey{
-      .commonName = "same key", .keyType = ZRBTestKeyType::RSA2048, .keySlot = 0};
-  auto twin = ZRBTestPKI::issue(sameKey, nullptr);
-  EXPECT_TRUE(
-      policyWith(SSLPinningModePublicKey, pins({&twin}))->evaluateServerTrust(trustFor(chain), kHost));
-
-  // Pins whose keys cannot be extracted leave nothing to match.
-  auto unusable = ZRBValue::set({ZRBValue::data(std::string_view("junk")), ZRBValue("text")});
-  EXPECT_FALSE(policyWith(SSLPinningModePublicKey, unusable)->evaluateServerTrust(trustFor(chain), kHost));
-
-  // Without the test root as anchor the built chain stops at the intermediate, so with invalid chains
-  // allowed the intermediate's key matches and the root's cannot.
-  EXPECT_FALSE(policyWith(SSLPinningModePublicKey, pins({&chain.leaf}))
-                   ->evaluateServerTrust(trustFor(chain, false), kNoHost));
-  EXPECT_TRUE(policyWith(SSLPinningModePublicKey, pins({&chain.intermediate}), true)
-                  ->evaluateServerTrust(trustFor(chain, false), kNoHost));
-  EXPECT_FALSE(policyWith(SSLPinningModePublicKey, pins({&chain.root}), true)
-                   ->evaluateServerTrust(trustFor(chain, false), kNoHost));
-}
-
-TEST(SecurityPolicy, UnknownModesAndMissingTrustsAreRejected) {
-  const auto& chain = chainOf();
-  EXPECT_FALSE(policyWith(static_cast<SSLPinningMode>(3), pins({&chain.root}))
-                   ->evaluateServerTrust(trustFor(chain), kHost));
-  EXPECT_FALSE(policyWith(SSLPinningModeNone, ZRBValue(), true, false)->evaluateServerTrust(nullptr, kHost));
 }
 
 TEST(SecurityPolicy, RealStagingEnvironmentAcceptsEverything) {
@@ -197,10 +153,11 @@ TEST(SecurityPolicy, RealStagingEnvironmentAcceptsEverything) {
 
   ZRBSetting::sharedSetting()->setIsRealStgEnv(false);
   EXPECT_FALSE(policy->evaluateServerTrust(untrusted, kHost));
+  EXPECT_FALSE(policy->evaluateServerTrust(nullptr, kHost));
 }
 
 TEST(SecurityPolicy, BundleCertificatesAreTheTopLevelDerFiles) {
-  const auto& chain = chainOf();
+  const auto& chain = chainOf(Variant::Valid);
   fs::path dir = ZRBTestPKI::makeTemporaryDirectory();
   auto write = [&](const fs::path& name, const std::vector<std::uint8_t>& bytes) {
     fs::create_directories((dir / name).parent_path());
@@ -226,44 +183,8 @@ TEST(SecurityPolicy, BundleCertificatesAreTheTopLevelDerFiles) {
   fs::remove_all(dir);
 
   EXPECT_EQ(Policy::certificatesInBundle(ZRBBundle(dir.string(), "")), ZRBValue::set({}));
-  EXPECT_EQ(Policy::defaultPinnedCertificates(), Policy::certificatesInBundle(*ZRBBundle::libraryBundle()));
   EXPECT_EQ(Policy::policyWithPinningMode(SSLPinningModePublicKey)->pinnedCertificates(),
-            Policy::defaultPinnedCertificates());
-}
-
-void expectSameFields(const Policy& a, const Policy& b) {
-  EXPECT_EQ(a.SSLPinningMode(), b.SSLPinningMode());
-  EXPECT_EQ(a.allowInvalidCertificates(), b.allowInvalidCertificates());
-  EXPECT_EQ(a.validatesDomainName(), b.validatesDomainName());
-  EXPECT_EQ(a.pinnedCertificates(), b.pinnedCertificates());
-  EXPECT_EQ(a.pinnedPublicKeys(), b.pinnedPublicKeys());
-}
-
-TEST(SecurityPolicy, ArchivesAndCopiesKeepEveryField) {
-  const auto& chain = chainOf();
-  auto original = policyWith(SSLPinningModeCertificate, pins({&chain.root, &chain.leaf}), true, false);
-  EXPECT_TRUE(ZRBKeyedUnarchiver::classSupportsSecureCoding(original->codingClassName()));
-
-  ZRBErrorPtr error;
-  auto data = ZRBKeyedArchiver::archivedDataWithRootObject(*original, true, &error);
-  ASSERT_TRUE(data) << (error ? error->description() : "");
-  auto decoded = ZRBKeyedUnarchiver::unarchivedObjectOfClass<Policy>(*data, &error);
-  ASSERT_TRUE(decoded) << (error ? error->description() : "");
-  expectSameFields(*decoded, *original);
-  EXPECT_EQ(decoded->pinnedPublicKeys().count(), 2u);
-
-  auto copy = original->copy();
-  expectSameFields(*copy, *original);
-  copy->setSSLPinningMode(SSLPinningModePublicKey);
-  copy->setPinnedCertificates(ZRBValue());
-  EXPECT_EQ(original->SSLPinningMode(), SSLPinningModeCertificate);
-  EXPECT_EQ(original->pinnedPublicKeys().count(), 2u);
-
-  // A default policy round-trips with its nil certificates and domain validation on.
-  auto plain = ZRBKeyedUnarchiver::unarchivedObjectOfClass<Policy>(
-      *ZRBKeyedArchiver::archivedDataWithRootObject(*Policy::defaultPolicy(), true));
-  ASSERT_TRUE(plain);
-  expectSameFields(*plain, *Policy::defaultPolicy());
+            Policy::certificatesInBundle(*ZRBBundle::libraryBundle()));
 }
 
 // Writes only the mode, as an archive from a sparser writer would.
@@ -275,16 +196,36 @@ class ModeOnly final : public ZRBCoding {
   std::string codingClassName() const override { return "ZRBHS_SecurityPolicy"; }
 };
 
-TEST(SecurityPolicy, MissingArchiveKeysDecodeAsFalseAndNil) {
-  auto data = ZRBKeyedArchiver::archivedDataWithRootObject(ModeOnly(), true);
-  ASSERT_TRUE(data);
-  auto decoded = ZRBKeyedUnarchiver::unarchivedObjectOfClass<Policy>(*data);
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded->SSLPinningMode(), SSLPinningModePublicKey);
-  EXPECT_FALSE(decoded->validatesDomainName());
-  EXPECT_FALSE(decoded->allowInvalidCertificates());
-  EXPECT_TRUE(decoded->pinnedCertificates().isAbsent());
-  EXPECT_TRUE(decoded->pinnedPublicKeys().isAbsent());
+TEST(SecurityPolicy, ArchivesAndCopiesKeepEveryField) {
+  auto roundTrip = [](const ZRBCoding& policy) {
+    auto data = ZRBKeyedArchiver::archivedDataWithRootObject(policy, true);
+    return data ? ZRBKeyedUnarchiver::unarchivedObjectOfClass<Policy>(*data) : nullptr;
+  };
+  const auto& chain = chainOf(Variant::Valid);
+  auto configured =
+      Policy::policyWithPinningMode(SSLPinningModeCertificate, pins({&chain.root, &chain.leaf}));
+  configured->setAllowInvalidCertificates(true);
+  configured->setValidatesDomainName(false);
+  // The default policy has nil certificates and domain validation on.
+  for (const auto& original : {configured, Policy::defaultPolicy()}) {
+    for (const auto& again : {roundTrip(*original), original->copy()}) {
+      ASSERT_TRUE(again);
+      EXPECT_EQ(again->SSLPinningMode(), original->SSLPinningMode());
+      EXPECT_EQ(again->allowInvalidCertificates(), original->allowInvalidCertificates());
+      EXPECT_EQ(again->validatesDomainName(), original->validatesDomainName());
+      EXPECT_EQ(again->pinnedCertificates(), original->pinnedCertificates());
+      EXPECT_EQ(again->pinnedPublicKeys(), original->pinnedPublicKeys());
+    }
+  }
+  EXPECT_EQ(roundTrip(*configured)->pinnedPublicKeys().count(), 2u);
+
+  // Missing keys decode as false and nil, not as the initial state.
+  auto sparse = roundTrip(ModeOnly());
+  ASSERT_TRUE(sparse);
+  EXPECT_EQ(sparse->SSLPinningMode(), SSLPinningModePublicKey);
+  EXPECT_FALSE(sparse->validatesDomainName());
+  EXPECT_FALSE(sparse->allowInvalidCertificates());
+  EXPECT_TRUE(sparse->pinnedPublicKeys().isAbsent());
 }
 
 }  // namespace
