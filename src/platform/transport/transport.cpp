@@ -23,16 +23,18 @@ void initializeCurlOnce() {
   (void)initialized;
 }
 
-void runCallbacks(std::vector<ZRBTransportWork>& batch) {
+// Runs every item in order. One that throws must not take the rest of the batch with it.
+void runAll(std::vector<ZRBTransportWork>& batch, const char* what) {
   for (auto& work : batch) {
-    // One failing callback must not take the rest of the batch with it.
     try {
       work();
     } catch (const std::exception& exception) {
-      std::fprintf(stderr, "ORVELKIT: a session callback threw: %s\n", exception.what());
+      std::fprintf(stderr, "ORVELKIT: %s threw: %s\n", what, exception.what());
     }
   }
 }
+
+void runCallbacks(std::vector<ZRBTransportWork>& batch) { runAll(batch, "a session callback"); }
 }  // namespace
 
 std::shared_ptr<ZRBTransport> ZRBTransport::make(const ZRBTransportOptions& options) {
@@ -266,13 +268,7 @@ void ZRBTransport::runPostedWork() {
     if (posted_.empty()) return;
     running_.swap(posted_);
   }
-  for (auto& item : running_) {
-    try {
-      item();
-    } catch (const std::exception& exception) {
-      std::fprintf(stderr, "ORVELKIT: transport work threw: %s\n", exception.what());
-    }
-  }
+  runAll(running_, "transport work");
   running_.clear();  // its storage serves the next turn
 }
 
