@@ -13,22 +13,29 @@
 
 namespace zrb_detail {
 
+// Nodes whose payload follows them in the same allocation: made with room for `extra` bytes
+// after the node, and destroyed to match.
+template <typename Node>
+Node* makeWithTrailing(std::size_t extra) {
+  return new (::operator new(sizeof(Node) + extra)) Node;
+}
+template <typename Node>
+void destroyWithTrailing(Node* node) {
+  node->~Node();
+  ::operator delete(node);
+}
+
 // Long strings: the characters follow the header in the same allocation.
 struct StringNode : ValueNode {
   std::size_t size = 0;
   char* chars() { return reinterpret_cast<char*>(this + 1); }
 
   static StringNode* make(std::string_view text) {
-    void* memory = ::operator new(sizeof(StringNode) + text.size() + 1);
-    auto* node = new (memory) StringNode;
+    auto* node = makeWithTrailing<StringNode>(text.size() + 1);
     node->size = text.size();
     std::memcpy(node->chars(), text.data(), text.size());
     node->chars()[text.size()] = '\0';
     return node;
-  }
-  static void destroy(StringNode* node) {
-    node->~StringNode();
-    ::operator delete(node);
   }
 };
 
@@ -39,22 +46,17 @@ struct DataNode : ValueNode {
   std::vector<std::uint8_t> adopted;
 
   static DataNode* copying(const void* bytes, std::size_t length) {
-    void* memory = ::operator new(sizeof(DataNode) + length);
-    auto* node = new (memory) DataNode;
+    auto* node = makeWithTrailing<DataNode>(length);
     auto* trailing = reinterpret_cast<std::uint8_t*>(node + 1);
     if (length) std::memcpy(trailing, bytes, length);
     node->bytes = {trailing, length};
     return node;
   }
   static DataNode* adopting(std::vector<std::uint8_t> bytes) {
-    auto* node = new (::operator new(sizeof(DataNode))) DataNode;
+    auto* node = makeWithTrailing<DataNode>(0);
     node->adopted = std::move(bytes);
     node->bytes = node->adopted;
     return node;
-  }
-  static void destroy(DataNode* node) {
-    node->~DataNode();
-    ::operator delete(node);
   }
 };
 
@@ -228,8 +230,8 @@ void ZRBValue::releaseNode() noexcept {
   ValueNode* n = node();
   if (n->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
   switch (kind_) {
-    case ZRBValueKind::String: StringNode::destroy(static_cast<StringNode*>(n)); break;
-    case ZRBValueKind::Data: DataNode::destroy(static_cast<DataNode*>(n)); break;
+    case ZRBValueKind::String: destroyWithTrailing(static_cast<StringNode*>(n)); break;
+    case ZRBValueKind::Data: destroyWithTrailing(static_cast<DataNode*>(n)); break;
     case ZRBValueKind::Array: delete static_cast<ArrayNode*>(n); break;
     case ZRBValueKind::Dictionary: delete static_cast<DictionaryNode*>(n); break;
     case ZRBValueKind::Set: delete static_cast<SetNode*>(n); break;
