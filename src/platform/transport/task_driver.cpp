@@ -1018,8 +1018,8 @@ void ZRBURLSessionTaskDriver::Completion::deliver() const {
 
 void ZRBURLSessionTaskDriver::Completion::removeDownloadFile() const {
   if (!extra || !extra->removeFile) return;
-  auto fileManager = ZRBFileManager::defaultManager();
-  if (fileManager->fileExistsAtPath(extra->path)) fileManager->removeItemAtPath(extra->path);
+  // A file the delegate moved away is gone already; removing looks for it itself.
+  ZRBFileManager::defaultManager()->removeItemAtPath(extra->path);
 }
 
 void ZRBURLSessionTaskDriver::Completion::cleanUp() const { session->taskDidFinish(*task); }
