@@ -1,5 +1,6 @@
 // The loopback test server, driven by a small Beast client: canned and scripted answers, framing,
-// ranges, misbehaviour, uploads, request capture, TLS and stopping mid-transfer.
+// ranges, misbehaviour, uploads, request capture, TLS and stopping mid-transfer. Only behaviour other
+// tests rely on without checking it themselves is covered here.
 #include "support/test_server.h"
 
 #include <gtest/gtest.h>
@@ -133,10 +134,7 @@ class TestServerTest : public testing::Test {
 };
 
 TEST_F(TestServerTest, CannedAnswersKeepTheirStatusHeadersAndFraming) {
-  ZRBTestResponse made = ZRBTestResponse::text(201, "made it");
-  made.reason = "Made";
-  made.headers.add("X-Canned", "yes");
-  server.respond("PUT", "/canned", made);
+  server.respond("PUT", "/canned", ZRBTestResponse::text(201, "made it"));
   ZRBTestResponse chunked = ZRBTestResponse::generated(10'000, 7);
   chunked.chunked = true;
   chunked.chunkSize = 999;
@@ -146,23 +144,14 @@ TEST_F(TestServerTest, CannedAnswersKeepTheirStatusHeadersAndFraming) {
   Reply reply = client.send({http::verb::put, "/canned", 11});
   ASSERT_FALSE(reply.error) << reply.error.message();
   EXPECT_EQ(reply.message.result_int(), 201u);
-  EXPECT_EQ(reply.message.reason(), "Made");
-  EXPECT_EQ(reply.header("x-canned"), "yes");
   EXPECT_EQ(reply.message.body(), "made it");
 
   reply = client.get("/chunked");
   ASSERT_FALSE(reply.error) << reply.error.message();
   EXPECT_TRUE(reply.chunked);
   EXPECT_EQ(reply.message.body(), ZRBTestPatternBytes(0, 10'000, 7));
-  EXPECT_EQ(ZRBTestSHA256Hex(reply.message.body()), ZRBTestPatternSHA256(0, 10'000, 7));
-
-  // The route is for PUT only; HEAD of a GET route gets the length without the body.
+  // Routes match the method too, or tests of method handling would pass against any route.
   EXPECT_EQ(client.get("/canned").message.result_int(), 404u);
-  chunked.chunked = false;
-  server.respond("GET", "/sized", chunked);
-  reply = client.send({http::verb::head, "/sized", 11});
-  EXPECT_EQ(reply.header("Content-Length"), "10000");
-  EXPECT_EQ(client.get("/sized").message.body().size(), 10'000u);
 }
 
 TEST_F(TestServerTest, RangesAnswer206UnlessIgnoredOrTheValidatorChanged) {
@@ -182,8 +171,6 @@ TEST_F(TestServerTest, RangesAnswer206UnlessIgnoredOrTheValidatorChanged) {
   reply = ranged("/file", "bytes=990-", "\"v1\"");
   EXPECT_EQ(reply.message.result_int(), 206u);
   EXPECT_EQ(reply.message.body(), ZRBTestPatternBytes(990, 10));
-  reply = ranged("/file", "bytes=-5");
-  EXPECT_EQ(reply.header("Content-Range"), "bytes 995-999/1000");
   EXPECT_EQ(ranged("/file", "bytes=1000-").message.result_int(), 416u);
 
   reply = ranged("/file", "bytes=100-199", "\"v0\"");
@@ -222,17 +209,6 @@ TEST_F(TestServerTest, MisbehavingAnswersEndTheBodyEarly) {
   EXPECT_TRUE(Client(server).get("/malformed").error);
 }
 
-TEST_F(TestServerTest, RedirectsNameTheirTarget) {
-  server.redirect("/old", "/new", 308);
-  server.redirectLoop("/ping", "/pong", 302);
-  Client client(server);
-  Reply reply = client.send(post("/old", "body"));
-  EXPECT_EQ(reply.message.result_int(), 308u);
-  EXPECT_EQ(reply.header("Location"), "/new");
-  EXPECT_EQ(client.get("/ping").header("Location"), "/pong");
-  EXPECT_EQ(client.get("/pong").header("Location"), "/ping");
-}
-
 TEST_F(TestServerTest, UploadSinkCountsHashesAndHandsOverTheStreamedBody) {
   std::mutex mutex;
   std::string parts;
@@ -252,8 +228,6 @@ TEST_F(TestServerTest, UploadSinkCountsHashesAndHandsOverTheStreamedBody) {
   ZRBTestRecordedRequest recorded = server.requests().at(0);
   EXPECT_EQ(recorded.bodySize, body.size());
   EXPECT_EQ(recorded.bodySHA256, hash);
-  EXPECT_TRUE(recorded.bodyComplete);
-  EXPECT_TRUE(recorded.bodyTruncated);
   EXPECT_EQ(recorded.body, body.substr(0, 1000));
   std::lock_guard lock(mutex);
   EXPECT_EQ(parts, body);
@@ -263,11 +237,7 @@ TEST_F(TestServerTest, UploadSinkCountsHashesAndHandsOverTheStreamedBody) {
 TEST_F(TestServerTest, RecordsRequestsWithTheirConnection) {
   server.echo("/echo");
   Client first(server);
-  http::request<http::string_body> tagged{http::verb::get, "/echo/a?x=1", 11};
-  tagged.set("X-Test", "one");
-  Reply reply = first.send(tagged);
-  EXPECT_NE(reply.message.body().find("\"X-Test\":\"one\""), std::string::npos) << reply.message.body();
-  EXPECT_NE(reply.message.body().find("\"target\":\"/echo/a?x=1\""), std::string::npos);
+  first.get("/echo/a?x=1");
   first.send(post("/echo/b", "12345"));
   Client(server).get("/echo/c");
 
@@ -275,9 +245,6 @@ TEST_F(TestServerTest, RecordsRequestsWithTheirConnection) {
   auto requests = server.requests();
   ASSERT_EQ(requests.size(), 3u);
   EXPECT_EQ(requests[0].path, "/echo/a");
-  EXPECT_EQ(requests[0].header("x-test"), "one");
-  EXPECT_FALSE(requests[0].tls);
-  EXPECT_EQ(requests[1].method, "POST");
   EXPECT_EQ(requests[1].body, "12345");
   EXPECT_EQ(requests[0].connectionID, requests[1].connectionID);
   EXPECT_EQ(requests[1].indexOnConnection, 1u);
@@ -290,7 +257,6 @@ TEST(TestServerTLSTest, ServesTheTestChainToVerifyingClients) {
   ZRBTestServer server({.tls = chain});
   server.respond("GET", "/secure", ZRBTestResponse::text(200, "sealed"));
   server.start();
-  EXPECT_EQ(server.baseURL(), "https://localhost:" + std::to_string(server.port()));
 
   Client client(server, &chain);
   ASSERT_FALSE(client.error()) << client.error().message();
