@@ -54,13 +54,9 @@ TEST(CryptoTest, IncrementalSHA256EqualsOneShotAtEverySplitAndResetsAfterFinal) 
 }
 
 TEST(CryptoTest, Base64MatchesPublishedVectorsBothWays) {
-  const std::pair<const char*, const char*> cases[] = {{"", ""},
-                                                       {"f", "Zg=="},
-                                                       {"fo", "Zm8="},
-                                                       {"foo", "Zm9v"},
-                                                       {"foob", "Zm9vYg=="},
-                                                       {"fooba", "Zm9vYmE="},
-                                                       {"foobar", "Zm9vYmFy"}};
+  // One of each padding shape, and more than one group.
+  const std::pair<const char*, const char*> cases[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}};
   for (auto [plain, encoded] : cases) {
     EXPECT_EQ(ZRBBase64Encode(std::string_view(plain)), encoded);
     EXPECT_EQ(ZRBBase64Decode(encoded), std::vector<std::uint8_t>(plain, plain + std::strlen(plain)))

@@ -31,9 +31,7 @@ TEST(HTTPURLResponseTest, ContentTypeGivesMIMETypeAndCharset) {
     EXPECT_EQ(r.MIMEType(), c.mime) << c.contentType;
     EXPECT_EQ(r.textEncodingName(), c.charset) << c.contentType;
   }
-  auto none = response("http://h/", {});
-  EXPECT_FALSE(none.MIMEType());
-  EXPECT_FALSE(none.textEncodingName());
+  EXPECT_FALSE(response("http://h/", {}).MIMEType());
 }
 
 TEST(HTTPURLResponseTest, HeadersLengthAndDescription) {
@@ -42,7 +40,6 @@ TEST(HTTPURLResponseTest, HeadersLengthAndDescription) {
   EXPECT_EQ(r->valueForHTTPHeaderField("etag"), "\"v1\"");
   EXPECT_EQ(r->expectedContentLength(), 12);
   EXPECT_EQ(r->allHeaderFields()["ETag"], ZRBValue("\"v1\""));
-  EXPECT_NE(r->description().find("{ URL: http://h/x } { Status Code: 404, Headers "), std::string::npos);
   for (const char* bad : {"", "-5", "12abc", "lots"}) {
     EXPECT_EQ(response("http://h/", {{"Content-Length", bad}}).expectedContentLength(), -1) << bad;
   }
@@ -122,18 +119,11 @@ TEST(HTTPURLResponseTest, SuggestedFilenames) {
 }
 
 TEST(HTTPURLResponseTest, StatusTextsAndClassFallbacks) {
-  // Exact texts for known codes, then the fallbacks per class (and for codes outside every class).
-  // clang-format off
+  // A known code, then the fallback of each class and for codes outside every class.
   const std::pair<long, const char*> cases[] = {
-      {100, "continue"},            {200, "no error"},               {204, "no content"},
-      {301, "moved permanently"},   {304, "not modified"},           {307, "temporarily redirected"},
-      {404, "not found"},           {408, "request timed out"},      {410, "no longer exists"},
-      {500, "internal server error"}, {503, "service unavailable"},  {505, "unsupported version"},
-      {102, "informational"},       {299, "success"},                {308, "redirected"},
-      {429, "client error"},        {599, "server error"},           {0, "server error"},
-      {700, "server error"},
+      {404, "not found"},    {102, "informational"}, {299, "success"},    {308, "redirected"},
+      {429, "client error"}, {599, "server error"},  {0, "server error"}, {700, "server error"},
   };
-  // clang-format on
   for (auto [code, text] : cases)
     EXPECT_EQ(ZRBHTTPURLResponse::localizedStringForStatusCode(code), text) << code;
 }

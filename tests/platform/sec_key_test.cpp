@@ -60,12 +60,11 @@ TEST_P(SecKeyPerType, HeaderPlusExternalRepresentationIsTheSubjectPublicKeyInfo)
     ZRBSecKeyType type;
     int bits;
     ZRBSecKeySPKIKind kind;
-    std::size_t representationSize;
   };
-  const Expected table[] = {{ZRBSecKeyTypeRSA, 2048, ZRBSecKeySPKIKindRSA2048, 270},
-                            {ZRBSecKeyTypeRSA, 4096, ZRBSecKeySPKIKindRSA4096, 526},
-                            {ZRBSecKeyTypeEC, 256, ZRBSecKeySPKIKindECSecp256r1, 65},
-                            {ZRBSecKeyTypeEC, 384, ZRBSecKeySPKIKindECSecp384r1, 97}};
+  const Expected table[] = {{ZRBSecKeyTypeRSA, 2048, ZRBSecKeySPKIKindRSA2048},
+                            {ZRBSecKeyTypeRSA, 4096, ZRBSecKeySPKIKindRSA4096},
+                            {ZRBSecKeyTypeEC, 256, ZRBSecKeySPKIKindECSecp256r1},
+                            {ZRBSecKeyTypeEC, 384, ZRBSecKeySPKIKindECSecp384r1}};
   const Expected& expected = table[static_cast<int>(GetParam())];
   const auto& leaf = ZRBTestPKI::sharedChain(GetParam()).leaf;
   auto key = leaf.secCertificate()->copyKey();
@@ -73,20 +72,10 @@ TEST_P(SecKeyPerType, HeaderPlusExternalRepresentationIsTheSubjectPublicKeyInfo)
   EXPECT_EQ(key->keyType(), expected.type);
   EXPECT_EQ(key->keySizeInBits(), expected.bits);
   EXPECT_EQ(key->spkiKind(), expected.kind);
-
-  const auto& representation = key->externalRepresentation();
-  ASSERT_EQ(representation.size(), expected.representationSize);
-  if (expected.type == ZRBSecKeyTypeEC) {
-    EXPECT_EQ(representation[0], 0x04);  // uncompressed point
-  } else {
-    // PKCS#1 RSAPublicKey: SEQUENCE { INTEGER modulus, INTEGER 65537 }.
-    EXPECT_EQ(representation[0], 0x30);
-    EXPECT_EQ(std::vector(representation.end() - 5, representation.end()),
-              (std::vector<std::uint8_t>{0x02, 0x03, 0x01, 0x00, 0x01}));
-  }
+  // Matching the openssl pin proves header and representation byte for byte.
   ZRBSHA256Context hash;
   hash.update(ZRBSecKeySPKIHeader(expected.kind));
-  hash.update(representation);
+  hash.update(key->externalRepresentation());
   auto pin = ZRBBase64Encode(hash.final());
   EXPECT_EQ(pin, opensslPin(leaf));
   EXPECT_EQ(pin, ZRBBase64Encode(key->subjectPublicKeyInfoSHA256()));
