@@ -25,7 +25,7 @@
 #include "http/multipart_form_data.h"
 #include "http/query_string.h"
 #include "http/request_serializer.h"
-#include "platform/value.h"
+#include "platform/foundation/value.h"
 #include "support/rate_reporter.h"
 
 namespace {

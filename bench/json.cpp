@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "platform/json_serialization.h"
+#include "platform/foundation/json_serialization.h"
 #include "support/rate_reporter.h"
 
 namespace {

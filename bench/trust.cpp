@@ -13,7 +13,7 @@
 #include <map>
 #include <string>
 
-#include "platform/sec_trust.h"
+#include "platform/security/sec_trust.h"
 #include "support/rate_reporter.h"
 
 namespace {

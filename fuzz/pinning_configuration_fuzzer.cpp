@@ -13,8 +13,8 @@
 #include "pinning/configuration.h"
 #include "pinning/domain_lookup.h"
 #include "pinning/pgd_log.h"
-#include "platform/exception.h"
-#include "platform/json_serialization.h"
+#include "platform/foundation/exception.h"
+#include "platform/foundation/json_serialization.h"
 
 namespace {
 

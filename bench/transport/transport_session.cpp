@@ -19,15 +19,15 @@
 #include <string>
 
 #include "measure.h"
-#include "platform/dispatch.h"
-#include "platform/sec_certificate.h"
-#include "platform/sec_trust.h"
-#include "platform/url.h"
-#include "platform/url_authentication.h"
-#include "platform/url_request.h"
-#include "platform/url_session.h"
-#include "platform/url_session_configuration.h"
-#include "platform/url_session_delegate.h"
+#include "platform/foundation/url.h"
+#include "platform/net/url_authentication.h"
+#include "platform/net/url_request.h"
+#include "platform/net/url_session.h"
+#include "platform/net/url_session_configuration.h"
+#include "platform/net/url_session_delegate.h"
+#include "platform/runtime/dispatch.h"
+#include "platform/security/sec_certificate.h"
+#include "platform/security/sec_trust.h"
 
 using transport_bench::Options;
 using transport_bench::Stopwatch;

@@ -1,6 +1,6 @@
 #include "http/json_request_serializer.h"
 
-#include "platform/assert.h"
+#include "platform/foundation/assert.h"
 
 ZRB_REGISTER_CODING_CLASS(ZRBHS_JSONRequestSerializer);
 

@@ -11,7 +11,7 @@
 #include <memory>
 
 #include "http/request_serializer.h"
-#include "platform/json_serialization.h"
+#include "platform/foundation/json_serialization.h"
 
 class ZRBHS_JSONRequestSerializer;
 using ZRBHS_JSONRequestSerializerPtr = std::shared_ptr<ZRBHS_JSONRequestSerializer>;

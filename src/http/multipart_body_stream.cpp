@@ -6,10 +6,10 @@
 #include <cstring>
 #include <thread>
 
-#include "platform/crypto.h"
-#include "platform/dispatch.h"
-#include "platform/mime_type.h"
-#include "platform/url.h"
+#include "platform/foundation/crypto.h"
+#include "platform/foundation/url.h"
+#include "platform/runtime/dispatch.h"
+#include "platform/system/mime_type.h"
 
 extern "C" const std::uint64_t ZRBHS_kUploadStream3GSuggestedPacketSize = 16384;
 extern "C" const double ZRBHS_kUploadStream3GSuggestedDelay = 0.2;

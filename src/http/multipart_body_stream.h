@@ -24,9 +24,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/stream.h"
-#include "platform/text_encoding.h"
-#include "platform/value.h"
+#include "platform/foundation/text_encoding.h"
+#include "platform/foundation/value.h"
+#include "platform/runtime/stream.h"
 
 // Throttling values for slow mobile links: at most this many bytes per read...
 extern "C" const std::uint64_t ZRBHS_kUploadStream3GSuggestedPacketSize;  // 16384

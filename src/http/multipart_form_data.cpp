@@ -1,8 +1,8 @@
 #include "http/multipart_form_data.h"
 
-#include "platform/assert.h"
-#include "platform/file_manager.h"
-#include "platform/localized_string.h"
+#include "platform/foundation/assert.h"
+#include "platform/system/file_manager.h"
+#include "platform/system/localized_string.h"
 #include "settings/error_domains.h"
 
 namespace {

@@ -22,12 +22,12 @@
 #include <string_view>
 
 #include "http/multipart_body_stream.h"
-#include "platform/error.h"
-#include "platform/stream.h"
-#include "platform/text_encoding.h"
-#include "platform/url.h"
-#include "platform/url_request.h"
-#include "platform/value.h"
+#include "platform/foundation/error.h"
+#include "platform/foundation/text_encoding.h"
+#include "platform/foundation/url.h"
+#include "platform/foundation/value.h"
+#include "platform/net/url_request.h"
+#include "platform/runtime/stream.h"
 
 class ZRBHS_StreamingMultipartFormData final : public ZRBObject {
  public:

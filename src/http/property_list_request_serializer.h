@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "http/request_serializer.h"
-#include "platform/property_list_serialization.h"
+#include "platform/foundation/property_list_serialization.h"
 
 class ZRBHS_PropertyListRequestSerializer;
 using ZRBHS_PropertyListRequestSerializerPtr = std::shared_ptr<ZRBHS_PropertyListRequestSerializer>;

@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/value.h"
+#include "platform/foundation/value.h"
 
 // One (field, value) pair of a query. The field is usually a string; both are written by their
 // descriptions. A value that is absent or the null object makes a pair without "=".

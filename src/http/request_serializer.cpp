@@ -6,13 +6,13 @@
 
 #include "http/multipart_form_data.h"
 #include "http/query_string.h"
-#include "platform/assert.h"
-#include "platform/bundle.h"
-#include "platform/crypto.h"
-#include "platform/device.h"
-#include "platform/dispatch.h"
-#include "platform/locale.h"
-#include "platform/url.h"
+#include "platform/foundation/assert.h"
+#include "platform/foundation/crypto.h"
+#include "platform/foundation/locale.h"
+#include "platform/foundation/url.h"
+#include "platform/runtime/dispatch.h"
+#include "platform/system/bundle.h"
+#include "platform/system/device.h"
 
 ZRB_REGISTER_CODING_CLASS(ZRBHS_HTTPRequestSerializer);
 

@@ -37,12 +37,12 @@
 #include <utility>
 #include <vector>
 
-#include "platform/error.h"
-#include "platform/keyed_archiver.h"
-#include "platform/object.h"
-#include "platform/text_encoding.h"
-#include "platform/url_request.h"
-#include "platform/value.h"
+#include "platform/foundation/error.h"
+#include "platform/foundation/keyed_archiver.h"
+#include "platform/foundation/object.h"
+#include "platform/foundation/text_encoding.h"
+#include "platform/foundation/value.h"
+#include "platform/net/url_request.h"
 
 // How parameters become a query string when no custom callback is set.
 enum ZRBHS_QueryStringSerializationStyle : unsigned long {

@@ -7,11 +7,11 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/assert.h"
-#include "platform/exception.h"
-#include "platform/sec_certificate.h"
-#include "platform/sec_key.h"
-#include "platform/sec_policy.h"
+#include "platform/foundation/assert.h"
+#include "platform/foundation/exception.h"
+#include "platform/security/sec_certificate.h"
+#include "platform/security/sec_key.h"
+#include "platform/security/sec_policy.h"
 #include "settings/setting.h"
 
 ZRB_REGISTER_CODING_CLASS(ZRBHS_SecurityPolicy);

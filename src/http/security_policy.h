@@ -25,11 +25,11 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/bundle.h"
-#include "platform/keyed_archiver.h"
-#include "platform/object.h"
-#include "platform/sec_trust.h"
-#include "platform/value.h"
+#include "platform/foundation/keyed_archiver.h"
+#include "platform/foundation/object.h"
+#include "platform/foundation/value.h"
+#include "platform/security/sec_trust.h"
+#include "platform/system/bundle.h"
 
 enum SSLPinningMode : std::uint64_t {
   // No pinning: the chain evaluation alone decides.

@@ -6,9 +6,9 @@
 
 #include "pinning/domain_lookup.h"
 #include "pinning/registry/registry.h"
-#include "platform/crypto.h"
-#include "platform/exception.h"
-#include "platform/string_format.h"
+#include "platform/foundation/crypto.h"
+#include "platform/foundation/exception.h"
+#include "platform/foundation/string_format.h"
 
 void zrb_raisePinGuardConfigurationInvalid(std::string reason) {
   throw ZRBException(std::string(kZRB_PGDConfigurationInvalidException), std::move(reason));

@@ -34,9 +34,9 @@
 #include <vector>
 
 #include "pinning/public_key_algorithm.h"
-#include "platform/sec_certificate.h"
-#include "platform/url.h"
-#include "platform/value.h"
+#include "platform/foundation/url.h"
+#include "platform/foundation/value.h"
+#include "platform/security/sec_certificate.h"
 
 // ---- keys: configurations are matched against these literals ----
 inline constexpr std::string_view kZRB_PGDSwizzleNetworkDelegates = "PGDSwizzleNetworkDelegates";

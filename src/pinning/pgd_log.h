@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/string_format.h"
+#include "platform/foundation/string_format.h"
 
 using ZRB_PGDLoggerBlock = std::function<void(const std::string& message)>;
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/string_format.h"
+#include "platform/foundation/string_format.h"
 
 const ZRBRQ_NetworkConfigPtr& ZRBRQ_NetworkConfig::sharedConfig() {
   static const ZRBRQ_NetworkConfigPtr instance = std::make_shared<ZRBRQ_NetworkConfig>();

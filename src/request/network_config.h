@@ -27,8 +27,8 @@
 #include <vector>
 
 #include "http/security_policy.h"
-#include "platform/object.h"
-#include "platform/url_session_configuration.h"
+#include "platform/foundation/object.h"
+#include "platform/net/url_session_configuration.h"
 
 // The request that the filters are told about; only passed through here, so declared, not included.
 class ZRBRQ_Request;

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/string_format.h"
+#include "platform/foundation/string_format.h"
 #include "request/network_config.h"
 #include "settings/app_sdk_log_manager.h"
 

@@ -13,7 +13,7 @@
 #include <span>
 #include <string_view>
 
-#include "platform/string_format.h"
+#include "platform/foundation/string_format.h"
 
 // The line and method name that collected messages carry.
 inline constexpr long kZRBNetworkLogCollectLine = 19;

@@ -5,12 +5,12 @@
 
 #include <memory>
 
-#include "platform/assert.h"
-#include "platform/bundle.h"
-#include "platform/crypto.h"
-#include "platform/error.h"
-#include "platform/file_manager.h"
-#include "platform/property_list_serialization.h"
+#include "platform/foundation/assert.h"
+#include "platform/foundation/crypto.h"
+#include "platform/foundation/error.h"
+#include "platform/foundation/property_list_serialization.h"
+#include "platform/system/bundle.h"
+#include "platform/system/file_manager.h"
 #include "request/network_log.h"
 
 namespace {

@@ -44,9 +44,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/http_url_response.h"
-#include "platform/text_encoding.h"
-#include "platform/value.h"
+#include "platform/foundation/text_encoding.h"
+#include "platform/foundation/value.h"
+#include "platform/net/http_url_response.h"
 
 class ZRBRQ_NetworkUtils {
  public:

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/object.h"
+#include "platform/foundation/object.h"
 
 class ZRBAppSdkLogManager final : public ZRBObject {
  public:

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/value.h"
+#include "platform/foundation/value.h"
 
 class ZRBFieldList {
  public:

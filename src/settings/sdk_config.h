@@ -10,8 +10,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/object.h"
-#include "platform/value.h"
+#include "platform/foundation/object.h"
+#include "platform/foundation/value.h"
 
 class ZRBSDKConfig final : public ZRBObject {
  public:

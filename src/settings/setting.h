@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/object.h"
-#include "platform/value.h"
+#include "platform/foundation/object.h"
+#include "platform/foundation/value.h"
 
 class ZRBSetting final : public ZRBObject {
  public:

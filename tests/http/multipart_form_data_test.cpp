@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "http/request_serializer.h"
-#include "platform/assert.h"
-#include "platform/dispatch.h"
+#include "platform/foundation/assert.h"
+#include "platform/runtime/dispatch.h"
 #include "settings/error_domains.h"
 #include "support/test_pki.h"
 #include "support/test_server.h"

@@ -11,7 +11,7 @@
 
 #include "http/multipart_form_data.h"
 #include "http/request_serializer.h"
-#include "platform/url_session.h"
+#include "platform/net/url_session.h"
 #include "support/recording_delegate.h"
 #include "support/test_server.h"
 

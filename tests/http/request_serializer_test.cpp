@@ -9,9 +9,9 @@
 
 #include "http/json_request_serializer.h"
 #include "http/property_list_request_serializer.h"
-#include "platform/bundle.h"
-#include "platform/device.h"
-#include "platform/locale.h"
+#include "platform/foundation/locale.h"
+#include "platform/system/bundle.h"
+#include "platform/system/device.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/exception.h"
+#include "platform/foundation/exception.h"
 #include "settings/setting.h"
 #include "support/test_pki.h"
 

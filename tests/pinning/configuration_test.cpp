@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/crypto.h"
-#include "platform/exception.h"
-#include "platform/property_list_serialization.h"
+#include "platform/foundation/crypto.h"
+#include "platform/foundation/exception.h"
+#include "platform/foundation/property_list_serialization.h"
 #include "support/test_pki.h"
 
 namespace {

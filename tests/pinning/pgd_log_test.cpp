@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/object.h"
-#include "platform/url.h"
+#include "platform/foundation/object.h"
+#include "platform/foundation/url.h"
 
 namespace {
 

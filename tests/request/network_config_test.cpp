@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/string_format.h"
+#include "platform/foundation/string_format.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/assert.h"
-#include "platform/json_serialization.h"
-#include "platform/property_list_serialization.h"
+#include "platform/foundation/assert.h"
+#include "platform/foundation/json_serialization.h"
+#include "platform/foundation/property_list_serialization.h"
 #include "settings/app_sdk_log_manager.h"
 
 namespace {

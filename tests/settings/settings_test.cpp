@@ -7,7 +7,7 @@
 #include <regex>
 #include <thread>
 
-#include "platform/device.h"
+#include "platform/system/device.h"
 #include "settings/app_sdk_log_manager.h"
 #include "settings/exported_symbols.h"
 #include "settings/sdk_config.h"

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/dispatch.h"
-#include "platform/url_session.h"
+#include "platform/net/url_session.h"
+#include "platform/runtime/dispatch.h"
 
 class RecordingDelegate : public ZRBURLSessionDelegate {
  public:

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/sec_certificate.h"
+#include "platform/security/sec_certificate.h"
 
 enum class ZRBTestKeyType { RSA2048, RSA4096, ECP256, ECP384 };
 

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "orvel/get_resume.h"
-#include "platform/property_list_serialization.h"
+#include "platform/foundation/property_list_serialization.h"
 #include "support/test_pki.h"
 #include "support/test_server.h"
 

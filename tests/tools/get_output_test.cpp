@@ -5,7 +5,7 @@
 
 #include <tuple>
 
-#include "platform/url.h"
+#include "platform/foundation/url.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <tuple>
 
 #include "http/multipart_body_stream.h"
-#include "platform/crypto.h"
-#include "platform/json_serialization.h"
-#include "platform/stream.h"
-#include "platform/url.h"
+#include "platform/foundation/crypto.h"
+#include "platform/foundation/json_serialization.h"
+#include "platform/foundation/url.h"
+#include "platform/runtime/stream.h"
 #include "support/test_pki.h"
 
 namespace {

@@ -14,7 +14,7 @@
 
 #include "orvel/commands.h"
 #include "orvel/get_output.h"
-#include "platform/crypto.h"
+#include "platform/foundation/crypto.h"
 #include "support/test_pki.h"
 #include "support/test_server.h"
 

@@ -15,8 +15,8 @@
 #include "get_options.h"
 #include "get_request.h"
 #include "get_resume.h"
-#include "platform/exception.h"
-#include "platform/url_session.h"
+#include "platform/foundation/exception.h"
+#include "platform/net/url_session.h"
 
 namespace {
 

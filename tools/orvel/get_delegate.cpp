@@ -9,8 +9,8 @@
 #include <system_error>
 
 #include "http/multipart_body_stream.h"
-#include "platform/sec_trust.h"
-#include "platform/url_session_task.h"
+#include "platform/net/url_session_task.h"
+#include "platform/security/sec_trust.h"
 
 namespace {
 

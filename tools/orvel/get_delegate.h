@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "get_output.h"
-#include "platform/sec_certificate.h"
-#include "platform/url_session_delegate.h"
+#include "platform/net/url_session_delegate.h"
+#include "platform/security/sec_certificate.h"
 
 class OrvelGetDelegate final : public ZRBURLSessionDelegate {
  public:

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "platform/url.h"
+#include "platform/foundation/url.h"
 
 std::string orvelReasonPhrase(long statusCode) {
   switch (statusCode) {

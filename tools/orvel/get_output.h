@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/error.h"
-#include "platform/http_url_response.h"
+#include "platform/foundation/error.h"
+#include "platform/net/http_url_response.h"
 
 // The standard reason phrase of a status code ("OK", "Not Found"); for codes without one, the
 // library's lower-case text of the code's class.

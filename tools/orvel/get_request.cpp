@@ -8,8 +8,8 @@
 #include "http/json_request_serializer.h"
 #include "http/multipart_form_data.h"
 #include "http/request_serializer.h"
-#include "platform/json_serialization.h"
-#include "platform/url.h"
+#include "platform/foundation/json_serialization.h"
+#include "platform/foundation/url.h"
 
 ZRBValue orvelFormParameters(const std::vector<std::string>& fields) {
   std::vector<std::pair<std::string, std::vector<ZRBValue>>> byKey;  // first-seen order

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "get_options.h"
-#include "platform/url_request.h"
-#include "platform/value.h"
+#include "platform/foundation/value.h"
+#include "platform/net/url_request.h"
 
 struct OrvelGetRequest {
   ZRBMutableURLRequestPtr request;

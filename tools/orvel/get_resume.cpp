@@ -4,8 +4,8 @@
 #include <system_error>
 #include <vector>
 
-#include "platform/file_manager.h"
-#include "platform/property_list_serialization.h"
+#include "platform/foundation/property_list_serialization.h"
+#include "platform/system/file_manager.h"
 
 std::string orvelResumeDataPath(const std::string& outputPath) { return outputPath + ".orvel-resume"; }
 

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/value.h"
+#include "platform/foundation/value.h"
 
 // FILE.orvel-resume.
 std::string orvelResumeDataPath(const std::string& outputPath);

@@ -14,10 +14,10 @@
 
 #include "commands.h"
 #include "pinning/configuration.h"
-#include "platform/crypto.h"
-#include "platform/exception.h"
-#include "platform/json_serialization.h"
-#include "platform/property_list_serialization.h"
+#include "platform/foundation/crypto.h"
+#include "platform/foundation/exception.h"
+#include "platform/foundation/json_serialization.h"
+#include "platform/foundation/property_list_serialization.h"
 
 namespace {
 

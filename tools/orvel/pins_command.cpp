@@ -11,9 +11,9 @@
 #include <string>
 
 #include "commands.h"
-#include "platform/crypto.h"
-#include "platform/sec_certificate.h"
-#include "platform/sec_key.h"
+#include "platform/foundation/crypto.h"
+#include "platform/security/sec_certificate.h"
+#include "platform/security/sec_key.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include <orvelkit/platform/value.h>
+#include <orvelkit/platform/foundation/value.h>
 #include <orvelkit/settings/exported_symbols.h>
 
 #include <cstdio>

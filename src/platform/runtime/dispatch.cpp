@@ -1,0 +1,689 @@
+#include "platform/runtime/dispatch.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <exception>
+#include <future>
+#include <thread>
+#include <typeinfo>
+
+#include "platform/foundation/assert.h"
+
+namespace zrb_detail {
+
+namespace {
+
+// Waits longer than this are treated as "forever", which keeps deadline arithmetic from overflowing.
+constexpr auto kForever = std::chrono::hours(24 * 365);
+
+std::size_t configuredPoolSize() {
+  if (const char* text = std::getenv("ORVELKIT_DISPATCH_THREADS")) {
+    long value = std::strtol(text, nullptr, 10);
+    if (value >= 1 && value <= 1024) return static_cast<std::size_t>(value);
+  }
+  return std::max<std::size_t>(8, 2 * std::max(1u, std::thread::hardware_concurrency()));
+}
+
+// Immortal: queued work may still be running while static destructors run at exit.
+boost::asio::thread_pool& pool() {
+  static auto* instance = new boost::asio::thread_pool(configuredPoolSize());
+  return *instance;
+}
+
+std::size_t& poolSizeValue() {
+  static std::size_t size = configuredPoolSize();
+  return size;
+}
+
+}  // namespace
+
+// What the calling thread is running: the queue of the innermost block and, for a block run by
+// sync(), the frames of the thread that waits for it. Walking the chain finds sync cycles.
+struct Frame {
+  const DispatchQueueCore* queue;
+  const Frame* parent;
+};
+
+thread_local const Frame* currentFrame = nullptr;
+
+class FrameScope {
+ public:
+  FrameScope(const DispatchQueueCore* queue, const Frame* parent)
+      : frame_{queue, parent}, saved_(currentFrame) {
+    currentFrame = &frame_;
+  }
+  ~FrameScope() { currentFrame = saved_; }
+  FrameScope(const FrameScope&) = delete;
+  FrameScope& operator=(const FrameScope&) = delete;
+
+ private:
+  Frame frame_;
+  const Frame* saved_;
+};
+
+struct SyncState {
+  const Frame* callerFrames = nullptr;
+  std::promise<void> done;
+};
+
+struct Job {
+  ZRBDispatchBlock block;
+  std::shared_ptr<SyncState> sync;  // set for sync() and syncBarrier()
+};
+
+enum class QueueKind { Serial, Concurrent, Global, Main };
+
+void reportEscapedException(const std::string& label) {
+  try {
+    throw;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "ORVELKIT: a block on queue \"%s\" threw %s: %s\n", label.c_str(), typeid(e).name(),
+                 e.what());
+  } catch (...) {
+    std::fprintf(stderr, "ORVELKIT: a block on queue \"%s\" threw a non-standard exception\n", label.c_str());
+  }
+}
+
+class DispatchQueueCore : public std::enable_shared_from_this<DispatchQueueCore> {
+ public:
+  DispatchQueueCore(std::string label, QueueKind kind) : label_(std::move(label)), kind_(kind) {}
+  virtual ~DispatchQueueCore() = default;
+  DispatchQueueCore(const DispatchQueueCore&) = delete;
+  DispatchQueueCore& operator=(const DispatchQueueCore&) = delete;
+
+  const std::string& label() const { return label_; }
+  QueueKind kind() const { return kind_; }
+
+  virtual void submit(Job job, bool barrier) = 0;
+  // Runs the block on the calling thread as a block of this queue, if the queue is idle.
+  virtual bool runNowIfIdle(const ZRBDispatchBlock&) { return false; }
+
+ protected:
+  void execute(Job& job) const {
+    FrameScope scope(this, job.sync ? job.sync->callerFrames : currentFrame);
+    if (job.sync) {
+      try {
+        job.block();
+        job.sync->done.set_value();
+      } catch (...) {
+        job.sync->done.set_exception(std::current_exception());
+      }
+      return;
+    }
+    try {
+      job.block();
+    } catch (...) {
+      reportEscapedException(label_);
+    }
+  }
+
+ private:
+  std::string label_;
+  QueueKind kind_;
+};
+
+namespace {
+
+// Blocks run one at a time, in submission order. The queue is owned by at most one runner at a
+// time: a drain on the pool, started by the submission that found the queue idle, or a caller of
+// runNowIfIdle(), which runs its block on its own thread. A drain gives its pool thread back after
+// a bounded number of blocks, so one busy queue cannot keep a pool thread to itself.
+class SerialCore final : public DispatchQueueCore {
+ public:
+  explicit SerialCore(std::string label) : DispatchQueueCore(std::move(label), QueueKind::Serial) {}
+
+  void submit(Job job, bool) override {
+    {
+      std::lock_guard lock(mutex_);
+      jobs_.push_back(std::move(job));
+      if (owned_) return;
+      owned_ = true;
+    }
+    scheduleDrain();
+  }
+
+  bool runNowIfIdle(const ZRBDispatchBlock& block) override {
+    {
+      std::lock_guard lock(mutex_);
+      if (owned_) return false;
+      owned_ = true;
+    }
+    Job job{block, nullptr};
+    execute(job);
+    {
+      std::lock_guard lock(mutex_);
+      if (jobs_.empty()) {
+        owned_ = false;
+        return true;
+      }
+    }
+    scheduleDrain();  // blocks that came meanwhile
+    return true;
+  }
+
+ private:
+  static constexpr int kDrainBatch = 64;
+
+  void scheduleDrain() {
+    boost::asio::post(pool(),
+                      [self = std::static_pointer_cast<SerialCore>(shared_from_this())] { self->drain(); });
+  }
+
+  void drain() {
+    for (int ran = 0; ran < kDrainBatch; ++ran) {
+      Job job;
+      {
+        std::lock_guard lock(mutex_);
+        if (jobs_.empty()) {
+          owned_ = false;
+          return;
+        }
+        job = std::move(jobs_.front());
+        jobs_.pop_front();
+      }
+      execute(job);
+    }
+    scheduleDrain();  // still owned: the rest runs after other queues had their turn
+  }
+
+  std::mutex mutex_;
+  std::deque<Job> jobs_;
+  bool owned_ = false;  // a drain is scheduled or running, or a caller runs a block now
+};
+
+// Readers/writer scheduling: ordinary blocks run side by side, a barrier runs alone. Blocks that
+// arrive while a barrier waits or runs queue behind it, so a barrier is never starved.
+class ConcurrentCore final : public DispatchQueueCore {
+ public:
+  ConcurrentCore(std::string label, QueueKind kind) : DispatchQueueCore(std::move(label), kind) {}
+
+  void submit(Job job, bool barrier) override {
+    if (kind() == QueueKind::Global) {
+      post(std::move(job), false, false);
+      return;
+    }
+    std::lock_guard lock(mutex_);
+    if (pending_.empty() && !exclusive_ && (!barrier || running_ == 0)) {
+      start(std::move(job), barrier);
+    } else {
+      pending_.push_back({std::move(job), barrier});
+    }
+  }
+
+ private:
+  struct Pending {
+    Job job;
+    bool barrier;
+  };
+
+  // Called with mutex_ held.
+  void start(Job job, bool barrier) {
+    if (barrier) {
+      exclusive_ = true;
+    } else {
+      ++running_;
+    }
+    post(std::move(job), barrier, true);
+  }
+
+  void post(Job job, bool barrier, bool tracked) {
+    boost::asio::post(pool(), [self = std::static_pointer_cast<ConcurrentCore>(shared_from_this()),
+                               job = std::move(job), barrier, tracked]() mutable {
+      self->execute(job);
+      if (tracked) self->finished(barrier);
+    });
+  }
+
+  void finished(bool barrier) {
+    std::lock_guard lock(mutex_);
+    if (barrier) {
+      exclusive_ = false;
+    } else {
+      --running_;
+    }
+    while (!pending_.empty() && !exclusive_) {
+      Pending& next = pending_.front();
+      if (next.barrier && running_ > 0) break;
+      start(std::move(next.job), next.barrier);
+      pending_.pop_front();
+    }
+  }
+
+  std::mutex mutex_;
+  long running_ = 0;
+  bool exclusive_ = false;
+  std::deque<Pending> pending_;
+};
+
+}  // namespace
+
+// The main queue keeps its own list so that whoever runs it (its own thread, a host thread, a
+// host's poster) takes blocks from one place, one at a time and in order.
+class MainCore final : public DispatchQueueCore {
+ public:
+  MainCore() : DispatchQueueCore("com.velkit.dispatch.main", QueueKind::Main) {}
+
+  void submit(Job job, bool) override {
+    std::function<void(std::function<void()>)> poster;
+    {
+      std::lock_guard lock(mutex_);
+      blocks_.push_back(std::move(job));
+      auto mode = mode_.load();
+      if (mode == ZRBDispatch::MainQueueMode::OwnThread) {
+        startThreadLocked();
+      } else if (mode == ZRBDispatch::MainQueueMode::HostPoster) {
+        poster = poster_;
+      }
+    }
+    available_.notify_all();
+    if (poster) poster(runner());
+  }
+
+  // Runs the oldest queued block on the calling thread; false when there was none.
+  bool runOne() {
+    std::lock_guard exec(executing_);
+    Job job;
+    {
+      std::lock_guard lock(mutex_);
+      if (blocks_.empty()) return false;
+      job = std::move(blocks_.front());
+      blocks_.pop_front();
+    }
+    execute(job);
+    return true;
+  }
+
+  bool isMainThread() const {
+    if (currentFrame) return currentFrame->queue == this;
+    return mode_.load() == ZRBDispatch::MainQueueMode::HostDriven &&
+           hostThread_.load() == std::this_thread::get_id();
+  }
+
+  // The frames a sync() from this thread hands to the block it waits for: the host's thread counts
+  // as running the main queue even between blocks.
+  const Frame* callerFrames() const {
+    if (currentFrame) return currentFrame;
+    static const Frame hostFrame{this, nullptr};
+    if (mode_.load() == ZRBDispatch::MainQueueMode::HostDriven &&
+        hostThread_.load() == std::this_thread::get_id()) {
+      return &hostFrame;
+    }
+    return nullptr;
+  }
+
+  void setHostDriven() {
+    {
+      std::lock_guard lock(mutex_);
+      hostThread_ = std::this_thread::get_id();
+      mode_ = ZRBDispatch::MainQueueMode::HostDriven;
+      poster_ = nullptr;
+    }
+    available_.notify_all();
+  }
+
+  void setPoster(std::function<void(std::function<void()>)> poster) {
+    std::size_t queued;
+    {
+      std::lock_guard lock(mutex_);
+      poster_ = poster;
+      mode_ = ZRBDispatch::MainQueueMode::HostPoster;
+      queued = blocks_.size();
+    }
+    for (std::size_t i = 0; i < queued; ++i) poster(runner());
+  }
+
+  void setOwnThread() {
+    {
+      std::lock_guard lock(mutex_);
+      mode_ = ZRBDispatch::MainQueueMode::OwnThread;
+      poster_ = nullptr;
+      startThreadLocked();
+    }
+    available_.notify_all();
+  }
+
+  ZRBDispatch::MainQueueMode mode() const { return mode_.load(); }
+  bool isDrivingThread() const {
+    return mode_.load() == ZRBDispatch::MainQueueMode::HostDriven &&
+           hostThread_.load() == std::this_thread::get_id();
+  }
+
+  // Waits up to `timeout` for a block to be queued.
+  void waitForWork(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    available_.wait_for(lock, timeout, [&] { return !blocks_.empty(); });
+  }
+
+ private:
+  std::function<void()> runner() {
+    return [self = std::static_pointer_cast<MainCore>(shared_from_this())] { self->runOne(); };
+  }
+
+  void startThreadLocked() {
+    if (threadStarted_) return;
+    threadStarted_ = true;
+    // Detached and immortal, like the pool: the main queue lives for the process.
+    std::thread([self = std::static_pointer_cast<MainCore>(shared_from_this())] {
+      pthread_setname_np(pthread_self(), "orvelkit-main");
+      self->ownThreadLoop();
+    }).detach();
+  }
+
+  void ownThreadLoop() {
+    for (;;) {
+      {
+        std::unique_lock lock(mutex_);
+        available_.wait(
+            lock, [&] { return mode_.load() == ZRBDispatch::MainQueueMode::OwnThread && !blocks_.empty(); });
+      }
+      runOne();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable available_;
+  std::deque<Job> blocks_;
+  std::atomic<ZRBDispatch::MainQueueMode> mode_{ZRBDispatch::MainQueueMode::OwnThread};
+  std::atomic<std::thread::id> hostThread_{};
+  std::function<void(std::function<void()>)> poster_;
+  bool threadStarted_ = false;
+  // Held while a block runs, so that blocks never overlap while the mode changes hands; recursive
+  // so that a main-queue block may pump the main queue itself.
+  std::recursive_mutex executing_;
+};
+
+namespace {
+
+const std::shared_ptr<MainCore>& mainCore() {
+  static const auto* core = new std::shared_ptr<MainCore>(std::make_shared<MainCore>());
+  return *core;
+}
+
+const Frame* callerFrames() { return mainCore()->callerFrames(); }
+
+bool chainContains(const Frame* frames, const DispatchQueueCore* queue) {
+  for (const Frame* f = frames; f; f = f->parent) {
+    if (f->queue == queue) return true;
+  }
+  return false;
+}
+
+void runSync(const std::shared_ptr<DispatchQueueCore>& core, const ZRBDispatchBlock& block, bool barrier) {
+  if (core->kind() == QueueKind::Global) barrier = false;  // global queues have no barriers
+  const Frame* frames = callerFrames();
+  const bool onThisQueue = frames && frames->queue == core.get();
+  const bool inChain = chainContains(frames, core.get());
+  const bool concurrent = core->kind() == QueueKind::Concurrent || core->kind() == QueueKind::Global;
+
+  if (core->kind() == QueueKind::Main && onThisQueue) {
+    block();  // already on the main queue
+    return;
+  }
+  if (inChain && concurrent && !barrier) {
+    // This thread already holds a place on the queue; queueing again could wait behind a barrier
+    // that itself waits for this thread.
+    FrameScope scope(core.get(), currentFrame);
+    block();
+    return;
+  }
+  if (inChain) {
+    ZRBAssertNamed(false, "dispatch sync onto a queue that the calling code is running on");
+    return;
+  }
+  auto state = std::make_shared<SyncState>();
+  state->callerFrames = frames;
+  auto future = state->done.get_future();
+  core->submit(Job{[&block] { block(); }, state}, barrier);
+  future.get();
+}
+
+}  // namespace
+
+}  // namespace zrb_detail
+
+using zrb_detail::DispatchQueueCore;
+using zrb_detail::Job;
+using zrb_detail::QueueKind;
+
+// ---- ZRBDispatchQueue ----
+
+ZRBDispatchQueue::ZRBDispatchQueue(std::shared_ptr<DispatchQueueCore> core) : core_(std::move(core)) {}
+
+ZRBDispatchQueuePtr ZRBDispatchQueue::serial(std::string label) {
+  return ZRBDispatchQueuePtr(
+      new ZRBDispatchQueue(std::make_shared<zrb_detail::SerialCore>(std::move(label))));
+}
+
+ZRBDispatchQueuePtr ZRBDispatchQueue::concurrent(std::string label) {
+  return ZRBDispatchQueuePtr(new ZRBDispatchQueue(
+      std::make_shared<zrb_detail::ConcurrentCore>(std::move(label), QueueKind::Concurrent)));
+}
+
+const std::string& ZRBDispatchQueue::label() const { return core_->label(); }
+bool ZRBDispatchQueue::isSerial() const {
+  return core_->kind() == QueueKind::Serial || core_->kind() == QueueKind::Main;
+}
+bool ZRBDispatchQueue::isMain() const { return core_->kind() == QueueKind::Main; }
+
+void ZRBDispatchQueue::async(ZRBDispatchBlock block) const {
+  core_->submit(Job{std::move(block), nullptr}, false);
+}
+
+bool ZRBDispatchQueue::runNowIfIdle(const ZRBDispatchBlock& block) const {
+  return core_->runNowIfIdle(block);
+}
+
+void ZRBDispatchQueue::sync(const ZRBDispatchBlock& block) const { zrb_detail::runSync(core_, block, false); }
+
+void ZRBDispatchQueue::asyncAfter(std::chrono::nanoseconds delay, ZRBDispatchBlock block) const {
+  if (delay <= std::chrono::nanoseconds::zero()) {
+    async(std::move(block));
+    return;
+  }
+  if (delay > zrb_detail::kForever) return;  // would never fire
+  auto timer = std::make_shared<boost::asio::steady_timer>(zrb_detail::pool(), delay);
+  timer->async_wait(
+      [timer, core = core_, block = std::move(block)](const boost::system::error_code&) mutable {
+        core->submit(Job{std::move(block), nullptr}, false);
+      });
+}
+
+void ZRBDispatchQueue::asyncBarrier(ZRBDispatchBlock block) const {
+  core_->submit(Job{std::move(block), nullptr}, true);
+}
+
+void ZRBDispatchQueue::syncBarrier(const ZRBDispatchBlock& block) const {
+  zrb_detail::runSync(core_, block, true);
+}
+
+std::string ZRBDispatchQueue::description() const {
+  return "<ZRBDispatchQueue: " + ZRBFormatPointer(this) + "; label = " + label() + ">";
+}
+
+// ---- ZRBDispatch ----
+
+const ZRBDispatchQueuePtr& ZRBDispatch::mainQueue() {
+  static const auto* queue = new ZRBDispatchQueuePtr(new ZRBDispatchQueue(zrb_detail::mainCore()));
+  return *queue;
+}
+
+const ZRBDispatchQueuePtr& ZRBDispatch::globalQueue(ZRBQoS qos) {
+  static const auto* queues = [] {
+    static const char* const labels[] = {
+        "com.velkit.dispatch.global.user-interactive", "com.velkit.dispatch.global.user-initiated",
+        "com.velkit.dispatch.global.default",          "com.velkit.dispatch.global.utility",
+        "com.velkit.dispatch.global.background",
+    };
+    auto* list = new std::vector<ZRBDispatchQueuePtr>;
+    for (const char* label : labels) {
+      list->push_back(ZRBDispatchQueuePtr(
+          new ZRBDispatchQueue(std::make_shared<zrb_detail::ConcurrentCore>(label, QueueKind::Global))));
+    }
+    return list;
+  }();
+  auto index = static_cast<std::size_t>(qos);
+  return (*queues)[index < queues->size() ? index : static_cast<std::size_t>(ZRBQoSDefault)];
+}
+
+bool ZRBDispatch::isMainQueue() { return zrb_detail::mainCore()->isMainThread(); }
+
+std::string ZRBDispatch::currentQueueLabel() {
+  if (zrb_detail::currentFrame) return zrb_detail::currentFrame->queue->label();
+  if (isMainQueue()) return zrb_detail::mainCore()->label();
+  return {};
+}
+
+std::size_t ZRBDispatch::threadPoolSize() { return zrb_detail::poolSizeValue(); }
+
+void ZRBDispatch::driveMainQueueFromCurrentThread() { zrb_detail::mainCore()->setHostDriven(); }
+
+std::size_t ZRBDispatch::drainMainQueue() {
+  const auto& core = zrb_detail::mainCore();
+  ZRBAssertNamed(core->isDrivingThread(), "the calling thread drives the main queue");
+  std::size_t ran = 0;
+  while (core->runOne()) ++ran;
+  return ran;
+}
+
+bool ZRBDispatch::runMainQueueUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  const auto& core = zrb_detail::mainCore();
+  ZRBAssertNamed(core->isDrivingThread(), "the calling thread drives the main queue");
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::min<std::chrono::milliseconds>(timeout, zrb_detail::kForever);
+  for (;;) {
+    if (done()) return true;
+    if (core->runOne()) continue;
+    auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return done();
+    // `done` may turn true through other threads without any main-queue block, so look again
+    // every few milliseconds.
+    auto slice = std::min<std::chrono::steady_clock::duration>(deadline - now, std::chrono::milliseconds(5));
+    core->waitForWork(std::chrono::duration_cast<std::chrono::milliseconds>(slice) +
+                      std::chrono::milliseconds(1));
+  }
+}
+
+void ZRBDispatch::setMainQueuePoster(std::function<void(std::function<void()>)> poster) {
+  ZRBAssert(poster);
+  if (!poster) return;
+  zrb_detail::mainCore()->setPoster(std::move(poster));
+}
+
+void ZRBDispatch::useOwnMainThread() { zrb_detail::mainCore()->setOwnThread(); }
+
+ZRBDispatch::MainQueueMode ZRBDispatch::mainQueueMode() { return zrb_detail::mainCore()->mode(); }
+
+// ---- ZRBDispatchGroup ----
+
+struct ZRBDispatchGroup::State {
+  std::mutex mutex;
+  std::condition_variable empty;
+  long count = 0;
+  std::vector<std::pair<ZRBDispatchQueuePtr, ZRBDispatchBlock>> notifications;
+
+  // False when there was nothing to leave.
+  bool leave() {
+    std::vector<std::pair<ZRBDispatchQueuePtr, ZRBDispatchBlock>> due;
+    {
+      std::lock_guard lock(mutex);
+      if (count <= 0) return false;
+      if (--count > 0) return true;
+      due.swap(notifications);
+      // Notified under the lock: a waiter may destroy the group as soon as it wakes.
+      empty.notify_all();
+    }
+    for (auto& [queue, block] : due) queue->async(std::move(block));
+    return true;
+  }
+};
+
+ZRBDispatchGroup::ZRBDispatchGroup() : state_(std::make_shared<State>()) {}
+
+void ZRBDispatchGroup::enter() {
+  std::lock_guard lock(state_->mutex);
+  ++state_->count;
+}
+
+void ZRBDispatchGroup::leave() {
+  bool balanced = state_->leave();
+  ZRBAssertNamed(balanced, "dispatch group leave balanced by enter");
+}
+
+void ZRBDispatchGroup::async(const ZRBDispatchQueuePtr& queue, ZRBDispatchBlock block) {
+  ZRBAssert(queue);
+  if (!queue) return;
+  enter();
+  queue->async([state = state_, block = std::move(block)] {
+    struct Leave {
+      State& state;
+      ~Leave() { state.leave(); }
+    } leave{*state};
+    block();
+  });
+}
+
+void ZRBDispatchGroup::notify(const ZRBDispatchQueuePtr& queue, ZRBDispatchBlock block) {
+  ZRBAssert(queue);
+  if (!queue) return;
+  {
+    std::lock_guard lock(state_->mutex);
+    if (state_->count > 0) {
+      state_->notifications.emplace_back(queue, std::move(block));
+      return;
+    }
+  }
+  queue->async(std::move(block));
+}
+
+bool ZRBDispatchGroup::wait(std::chrono::nanoseconds timeout) {
+  if (timeout > zrb_detail::kForever) {
+    wait();
+    return true;
+  }
+  std::unique_lock lock(state_->mutex);
+  return state_->empty.wait_for(lock, timeout, [&] { return state_->count == 0; });
+}
+
+void ZRBDispatchGroup::wait() {
+  std::unique_lock lock(state_->mutex);
+  state_->empty.wait(lock, [&] { return state_->count == 0; });
+}
+
+// ---- ZRBDispatchSemaphore ----
+
+bool ZRBDispatchSemaphore::signal() {
+  // Notified under the lock: a waiter may destroy the semaphore as soon as it wakes.
+  std::lock_guard lock(mutex_);
+  ++value_;
+  available_.notify_one();
+  return waiting_ > 0;
+}
+
+bool ZRBDispatchSemaphore::wait(std::chrono::nanoseconds timeout) {
+  if (timeout > zrb_detail::kForever) {
+    wait();
+    return true;
+  }
+  std::unique_lock lock(mutex_);
+  ++waiting_;
+  bool acquired = available_.wait_for(lock, timeout, [&] { return value_ > 0; });
+  --waiting_;
+  if (acquired) --value_;
+  return acquired;
+}
+
+void ZRBDispatchSemaphore::wait() {
+  std::unique_lock lock(mutex_);
+  ++waiting_;
+  available_.wait(lock, [&] { return value_ > 0; });
+  --waiting_;
+  --value_;
+}
