@@ -7,6 +7,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/thread_pool.hpp>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
@@ -52,7 +53,9 @@ struct Frame {
   const Frame* parent;
 };
 
-thread_local const Frame* currentFrame = nullptr;
+// Initial-exec: the library is linked by the programs that use it, and a sync() reads this twice,
+// so the lookup through __tls_get_addr would cost as much as the rest of an idle sync.
+__attribute__((tls_model("initial-exec"))) thread_local const Frame* currentFrame = nullptr;
 
 class FrameScope {
  public:
@@ -69,14 +72,20 @@ class FrameScope {
   const Frame* saved_;
 };
 
+// A sync() onto the main queue from another thread: the main thread runs the block, the caller waits.
 struct SyncState {
   const Frame* callerFrames = nullptr;
   std::promise<void> done;
 };
 
+// A caller waiting for its turn on a serial or concurrent queue; once the queue lets it, it runs its
+// block on its own thread as a block of that queue.
+using Turn = std::shared_ptr<std::promise<void>>;
+
 struct Job {
   ZRBDispatchBlock block;
-  std::shared_ptr<SyncState> sync;  // set for sync() and syncBarrier()
+  std::shared_ptr<SyncState> sync;  // set for sync() onto the main queue
+  Turn turn;                        // set for a caller of sync() that waits for its turn
 };
 
 enum class QueueKind { Serial, Concurrent, Global, Main };
@@ -103,6 +112,9 @@ class DispatchQueueCore : public std::enable_shared_from_this<DispatchQueueCore>
   QueueKind kind() const { return kind_; }
 
   virtual void submit(Job job, bool barrier) = 0;
+  // Runs the block as a block of this queue once the queue lets it, and returns when it is done;
+  // an exception escaping the block reaches the caller. `frames` are the caller's own.
+  virtual void runSync(const ZRBDispatchBlock& block, bool barrier, const Frame* frames) = 0;
   // Runs the block on the calling thread as a block of this queue, if the queue is idle.
   virtual bool runNowIfIdle(const ZRBDispatchBlock&) { return false; }
 
@@ -134,43 +146,89 @@ namespace {
 
 // Blocks run one at a time, in submission order. The queue is owned by at most one runner at a
 // time: a drain on the pool, started by the submission that found the queue idle, or a caller of
-// runNowIfIdle(), which runs its block on its own thread. A drain gives its pool thread back after
-// a bounded number of blocks, so one busy queue cannot keep a pool thread to itself.
+// sync() or runNowIfIdle(), which runs its block on its own thread. A drain gives its pool thread
+// back after a bounded number of blocks, so one busy queue cannot keep a pool thread to itself.
+//
+// One atomic word holds the owner flag and the number of queued blocks, so that a sync() onto an
+// idle queue takes one compare-and-swap to start and one to finish, as a mutex does. The count
+// changes only under mutex_, together with the list; an owner that finds blocks queued when it
+// finishes keeps the queue and drains them on the pool.
 class SerialCore final : public DispatchQueueCore {
  public:
   explicit SerialCore(std::string label) : DispatchQueueCore(std::move(label), QueueKind::Serial) {}
 
   void submit(Job job, bool) override {
-    {
-      std::lock_guard lock(mutex_);
-      jobs_.push_back(std::move(job));
-      if (owned_) return;
-      owned_ = true;
-    }
-    scheduleDrain();
+    enqueue(std::move(job));
+    if (tryAcquire()) scheduleDrain();
+  }
+
+  void runSync(const ZRBDispatchBlock& block, bool, const Frame* frames) override {
+    std::uint64_t idle = 0;
+    if (!state_.compare_exchange_strong(idle, kOwned)) waitInLine();
+    Ownership owned(*this);
+    FrameScope scope(this, frames);
+    block();
   }
 
   bool runNowIfIdle(const ZRBDispatchBlock& block) override {
-    {
-      std::lock_guard lock(mutex_);
-      if (owned_) return false;
-      owned_ = true;
-    }
-    Job job{block, nullptr};
+    if (!tryAcquire()) return false;
+    Job job{block, nullptr, nullptr};
     execute(job);
-    {
-      std::lock_guard lock(mutex_);
-      if (jobs_.empty()) {
-        owned_ = false;
-        return true;
-      }
-    }
-    scheduleDrain();  // blocks that came meanwhile
+    release();
     return true;
   }
 
  private:
   static constexpr int kDrainBatch = 64;
+  static constexpr std::uint64_t kOwned = 1;  // a drain is scheduled or running, or a caller runs a block
+  static constexpr std::uint64_t kOneQueued = 2;
+
+  // Gives the queue up when the caller's block is done, also when it throws.
+  struct Ownership {
+    SerialCore& core;
+    ~Ownership() { core.release(); }
+  };
+
+  // Takes the queue when nobody owns it, whether blocks are queued or not.
+  bool tryAcquire() { return (state_.fetch_or(kOwned) & kOwned) == 0; }
+
+  // Gives the queue up, or, when blocks were queued meanwhile, drains them on the pool.
+  void release() {
+    std::uint64_t ownedAndEmpty = kOwned;
+    if (!state_.compare_exchange_strong(ownedAndEmpty, 0)) scheduleDrain();
+  }
+
+  void enqueue(Job job) {
+    std::lock_guard lock(mutex_);
+    jobs_.push_back(std::move(job));
+    state_.fetch_add(kOneQueued);
+  }
+
+  // Called with mutex_ held and the list not empty.
+  Job popLocked() {
+    Job job = std::move(jobs_.front());
+    jobs_.pop_front();
+    state_.fetch_sub(kOneQueued);
+    return job;
+  }
+
+  // Queues the caller behind the blocks before it and returns once it owns the queue.
+  void waitInLine() {
+    auto turn = std::make_shared<std::promise<void>>();
+    auto ready = turn->get_future();
+    enqueue(Job{nullptr, nullptr, turn});
+    if (tryAcquire()) {
+      {
+        std::lock_guard lock(mutex_);
+        if (jobs_.front().turn == turn) {  // nothing before it: no hop needed
+          popLocked();
+          return;
+        }
+      }
+      scheduleDrain();
+    }
+    ready.wait();
+  }
 
   void scheduleDrain() {
     boost::asio::post(pool(),
@@ -183,24 +241,31 @@ class SerialCore final : public DispatchQueueCore {
       {
         std::lock_guard lock(mutex_);
         if (jobs_.empty()) {
-          owned_ = false;
+          state_.fetch_and(~kOwned);  // the count is 0 under the lock
           return;
         }
-        job = std::move(jobs_.front());
-        jobs_.pop_front();
+        job = popLocked();
+      }
+      if (job.turn) {
+        job.turn->set_value();  // the waiting caller owns the queue now
+        return;
       }
       execute(job);
     }
     scheduleDrain();  // still owned: the rest runs after other queues had their turn
   }
 
+  std::atomic<std::uint64_t> state_{0};  // kOwned | queued blocks x kOneQueued
   std::mutex mutex_;
   std::deque<Job> jobs_;
-  bool owned_ = false;  // a drain is scheduled or running, or a caller runs a block now
 };
 
 // Readers/writer scheduling: ordinary blocks run side by side, a barrier runs alone. Blocks that
 // arrive while a barrier waits or runs queue behind it, so a barrier is never starved.
+//
+// One atomic word holds the number of running blocks, whether a barrier runs, and whether blocks
+// wait in line, so that a block (or a sync reader) that may start at once costs one atomic
+// operation to start and one to finish; the line itself is kept under a mutex.
 class ConcurrentCore final : public DispatchQueueCore {
  public:
   ConcurrentCore(std::string label, QueueKind kind) : DispatchQueueCore(std::move(label), kind) {}
@@ -210,26 +275,92 @@ class ConcurrentCore final : public DispatchQueueCore {
       post(std::move(job), false, false);
       return;
     }
-    std::lock_guard lock(mutex_);
-    if (pending_.empty() && !exclusive_ && (!barrier || running_ == 0)) {
-      start(std::move(job), barrier);
+    if (tryStart(barrier)) {
+      launch(std::move(job), barrier);
     } else {
-      pending_.push_back({std::move(job), barrier});
+      enqueue(std::move(job), barrier);
     }
   }
 
+  void runSync(const ZRBDispatchBlock& block, bool barrier, const Frame* frames) override {
+    if (kind() == QueueKind::Global) {
+      FrameScope scope(this, frames);
+      block();
+      return;
+    }
+    if (!tryStart(barrier)) {
+      auto turn = std::make_shared<std::promise<void>>();
+      auto ready = turn->get_future();
+      enqueue(Job{nullptr, nullptr, turn}, barrier);
+      ready.wait();
+    }
+    Finish finish{*this, barrier};
+    FrameScope scope(this, frames);
+    block();
+  }
+
  private:
+  static constexpr std::uint64_t kExclusive = std::uint64_t{1} << 32;  // a barrier runs
+  static constexpr std::uint64_t kWaiting = std::uint64_t{1} << 33;    // blocks wait in line
+  static constexpr std::uint64_t kRunningMask = kExclusive - 1;
+
   struct Pending {
     Job job;
     bool barrier;
   };
 
-  // Called with mutex_ held.
-  void start(Job job, bool barrier) {
-    if (barrier) {
-      exclusive_ = true;
-    } else {
-      ++running_;
+  struct Finish {
+    ConcurrentCore& core;
+    bool barrier;
+    ~Finish() { core.finished(barrier); }
+  };
+
+  // Takes a place when the block may start now: a barrier on an empty queue, an ordinary block
+  // when no barrier runs and nothing waits in line.
+  bool tryStart(bool barrier) {
+    std::uint64_t state = state_.load();
+    for (;;) {
+      if (barrier ? state != 0 : (state & (kExclusive | kWaiting)) != 0) return false;
+      if (state_.compare_exchange_weak(state, barrier ? kExclusive : state + 1)) return true;
+    }
+  }
+
+  void finished(bool barrier) {
+    std::uint64_t after = barrier ? state_.fetch_and(~kExclusive) & ~kExclusive : state_.fetch_sub(1) - 1;
+    if ((after & kWaiting) != 0 && (after & (kRunningMask | kExclusive)) == 0) {
+      std::lock_guard lock(mutex_);
+      startWaiting();
+    }
+  }
+
+  void enqueue(Job job, bool barrier) {
+    std::lock_guard lock(mutex_);
+    pending_.push_back({std::move(job), barrier});
+    state_.fetch_or(kWaiting);
+    startWaiting();  // what was running may have finished before it saw the line
+  }
+
+  // Called with mutex_ held: starts the blocks at the head of the line that may start now.
+  void startWaiting() {
+    while (!pending_.empty()) {
+      const bool barrier = pending_.front().barrier;
+      std::uint64_t state = state_.load();
+      for (;;) {
+        if ((state & kExclusive) != 0 || (barrier && (state & kRunningMask) != 0)) return;
+        if (state_.compare_exchange_weak(state, barrier ? state | kExclusive : state + 1)) break;
+      }
+      Job job = std::move(pending_.front().job);
+      pending_.pop_front();
+      if (pending_.empty()) state_.fetch_and(~kWaiting);
+      launch(std::move(job), barrier);
+    }
+  }
+
+  // The block holds its place already: hand it its turn, or run it on the pool.
+  void launch(Job job, bool barrier) {
+    if (job.turn) {
+      job.turn->set_value();
+      return;
     }
     post(std::move(job), barrier, true);
   }
@@ -242,24 +373,8 @@ class ConcurrentCore final : public DispatchQueueCore {
     });
   }
 
-  void finished(bool barrier) {
-    std::lock_guard lock(mutex_);
-    if (barrier) {
-      exclusive_ = false;
-    } else {
-      --running_;
-    }
-    while (!pending_.empty() && !exclusive_) {
-      Pending& next = pending_.front();
-      if (next.barrier && running_ > 0) break;
-      start(std::move(next.job), next.barrier);
-      pending_.pop_front();
-    }
-  }
-
+  std::atomic<std::uint64_t> state_{0};
   std::mutex mutex_;
-  long running_ = 0;
-  bool exclusive_ = false;
   std::deque<Pending> pending_;
 };
 
@@ -285,6 +400,16 @@ class MainCore final : public DispatchQueueCore {
     }
     available_.notify_all();
     if (poster) poster(runner());
+  }
+
+  // Main-queue code may depend on running on the main thread, so the main thread runs the block
+  // and the caller waits (from the main queue itself, sync() runs the block inline before this).
+  void runSync(const ZRBDispatchBlock& block, bool, const Frame* frames) override {
+    auto state = std::make_shared<SyncState>();
+    state->callerFrames = frames;
+    auto future = state->done.get_future();
+    submit(Job{[&block] { block(); }, state, nullptr}, false);
+    future.get();
   }
 
   // Runs the oldest queued block on the calling thread; false when there was none.
@@ -438,11 +563,7 @@ void runSync(const std::shared_ptr<DispatchQueueCore>& core, const ZRBDispatchBl
     ZRBAssertNamed(false, "dispatch sync onto a queue that the calling code is running on");
     return;
   }
-  auto state = std::make_shared<SyncState>();
-  state->callerFrames = frames;
-  auto future = state->done.get_future();
-  core->submit(Job{[&block] { block(); }, state}, barrier);
-  future.get();
+  core->runSync(block, barrier, frames);
 }
 
 }  // namespace
@@ -474,7 +595,7 @@ bool ZRBDispatchQueue::isSerial() const {
 bool ZRBDispatchQueue::isMain() const { return core_->kind() == QueueKind::Main; }
 
 void ZRBDispatchQueue::async(ZRBDispatchBlock block) const {
-  core_->submit(Job{std::move(block), nullptr}, false);
+  core_->submit(Job{std::move(block), nullptr, nullptr}, false);
 }
 
 bool ZRBDispatchQueue::runNowIfIdle(const ZRBDispatchBlock& block) const {
@@ -492,12 +613,12 @@ void ZRBDispatchQueue::asyncAfter(std::chrono::nanoseconds delay, ZRBDispatchBlo
   auto timer = std::make_shared<boost::asio::steady_timer>(zrb_detail::pool(), delay);
   timer->async_wait(
       [timer, core = core_, block = std::move(block)](const boost::system::error_code&) mutable {
-        core->submit(Job{std::move(block), nullptr}, false);
+        core->submit(Job{std::move(block), nullptr, nullptr}, false);
       });
 }
 
 void ZRBDispatchQueue::asyncBarrier(ZRBDispatchBlock block) const {
-  core_->submit(Job{std::move(block), nullptr}, true);
+  core_->submit(Job{std::move(block), nullptr, nullptr}, true);
 }
 
 void ZRBDispatchQueue::syncBarrier(const ZRBDispatchBlock& block) const {

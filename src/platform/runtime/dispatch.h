@@ -7,7 +7,9 @@
 //   so even a 2-core machine needs enough threads that blocking work on one queue cannot starve
 //   the others. The pool never shrinks or grows and lives for the process.
 // - A serial queue runs one block at a time, in submission order, on the pool (a strand of our own:
-//   Asio's cannot be taken over by a caller that finds it idle, which runNowIfIdle needs).
+//   Asio's cannot be taken over by a caller that finds it idle, which sync and runNowIfIdle need).
+// - sync() runs the block on the calling thread once the queue lets it (main queue excepted), so
+//   readers that sync onto a queue from a hot path (a TLS handshake) never wait for a pool thread.
 // - A concurrent queue runs its blocks in parallel on the pool. A barrier block waits for the
 //   blocks submitted before it, runs alone, and blocks submitted after it wait until it is done.
 // - Global queues are concurrent queues, one per quality of service. Quality of service is a
@@ -74,16 +76,23 @@ class ZRBDispatchQueue final : public ZRBObject {
   // that would otherwise hand work over and wait for another thread to take it saves the hop.
   // An exception escaping the block is reported and dropped, as for an asynchronous block.
   bool runNowIfIdle(const ZRBDispatchBlock& block) const;
-  // Runs the block on this queue and waits for it. On the main queue from the main queue it runs
-  // inline; on a concurrent queue from a block of the same queue it runs inline too. A sync onto a
-  // serial queue from that same queue (directly or through a chain of sync calls) would deadlock:
-  // it is an assertion failure, and with assertions logging it returns without running the block.
+  // Runs the block as a block of this queue and returns when it is done. Once the queue lets it
+  // (a serial queue: when it is idle or the blocks queued before have run; a concurrent queue: when
+  // no barrier runs or waits before it), the block runs on the calling thread, with
+  // currentQueueLabel() naming this queue; nothing is handed to another thread, so a sync onto an
+  // idle queue costs about a mutex lock. Non-barrier syncs onto a concurrent queue from several
+  // threads run side by side. The main queue is the exception: its blocks run on the main thread,
+  // so a sync onto it from elsewhere waits for the main thread; from the main queue it runs inline.
+  // On a concurrent queue from a block of the same queue it runs inline too. A sync onto a serial
+  // queue from that same queue (directly or through a chain of sync calls) would deadlock: it is an
+  // assertion failure, and with assertions logging it returns without running the block.
   void sync(const ZRBDispatchBlock& block) const;
   // Queues the block once the delay has passed (at the earliest; never before).
   void asyncAfter(std::chrono::nanoseconds delay, ZRBDispatchBlock block) const;
   // Barrier blocks: on a concurrent queue of one's own, the block waits for the blocks submitted
   // before it, runs alone, then the queue goes on. On serial and global queues, an ordinary block.
-  // A syncBarrier from a block of the same queue is an assertion failure (it would deadlock).
+  // syncBarrier runs the block on the calling thread like sync(), alone on the queue. A
+  // syncBarrier from a block of the same queue is an assertion failure (it would deadlock).
   void asyncBarrier(ZRBDispatchBlock block) const;
   void syncBarrier(const ZRBDispatchBlock& block) const;
 

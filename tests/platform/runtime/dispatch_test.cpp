@@ -85,8 +85,95 @@ TEST(DispatchQueueTest, RunNowIfIdleTakesAnIdleSerialQueueAndKeepsItsOrder) {
   ASSERT_TRUE(waitUntil([&] { return running.load(); }));
   EXPECT_FALSE(queue->runNowIfIdle([] {}));
   release.signal();
+  queue->sync([] {});  // the block is done with `release` before the test ends
   EXPECT_FALSE(ZRBDispatch::mainQueue()->runNowIfIdle([] {}));
   EXPECT_FALSE(ZRBDispatchQueue::concurrent("test.concurrent.now")->runNowIfIdle([] {}));
+}
+
+TEST(DispatchQueueTest, SyncRunsOnTheCallingThreadWhenItsTurnComes) {
+  // Idle and busy serial queues, concurrent reads and barriers, global queues: the caller runs the
+  // block itself, as a block of the queue, after what was queued before it.
+  auto serial = ZRBDispatchQueue::serial("test.sync.serial");
+  auto concurrent = ZRBDispatchQueue::concurrent("test.sync.concurrent");
+  struct Case {
+    ZRBDispatchQueuePtr queue;
+    bool barrier;
+  };
+  for (const Case& c : {Case{serial, false}, Case{concurrent, false}, Case{concurrent, true},
+                        Case{ZRBDispatch::globalQueue(), false}}) {
+    for (bool busy : {false, true}) {
+      if (busy && c.queue == ZRBDispatch::globalQueue()) continue;  // nothing holds a global queue
+      ZRBDispatchSemaphore release;
+      std::atomic<bool> earlierDone{false};
+      if (busy) {
+        // A barrier holds a concurrent queue as a block holds a serial one.
+        c.queue->asyncBarrier([&] {
+          release.wait(kHangGuard);
+          earlierDone = true;
+        });
+        ZRBDispatch::globalQueue()->asyncAfter(5ms, [&] { release.signal(); });
+      }
+      std::thread::id ranOn;
+      std::string label;
+      bool afterEarlier = false;
+      auto block = [&] {
+        ranOn = std::this_thread::get_id();
+        label = ZRBDispatch::currentQueueLabel();
+        afterEarlier = earlierDone.load();
+      };
+      c.barrier ? c.queue->syncBarrier(block) : c.queue->sync(block);
+      SCOPED_TRACE(c.queue->label() + (busy ? " busy" : " idle") + (c.barrier ? " barrier" : ""));
+      EXPECT_EQ(ranOn, std::this_thread::get_id());
+      EXPECT_EQ(label, c.queue->label());
+      EXPECT_TRUE(afterEarlier || !busy);
+      EXPECT_TRUE(ZRBDispatch::currentQueueLabel().empty());
+      c.queue->syncBarrier([] {});  // the busy block is over before the next case
+    }
+  }
+}
+
+TEST(DispatchQueueTest, ConcurrentSyncReadersOverlapAndBarriersExcludeThem) {
+  auto queue = ZRBDispatchQueue::concurrent("test.sync.readers");
+  // Two readers each wait inside for the other: both finish only if they run side by side.
+  std::atomic<int> inside{0};
+  std::atomic<int> metTheOther{0};
+  auto reader = [&] {
+    queue->sync([&] {
+      inside.fetch_add(1);
+      if (waitUntil([&] { return inside.load() >= 2; })) metTheOther.fetch_add(1);
+    });
+  };
+  std::thread first(reader), second(reader);
+  first.join();
+  second.join();
+  EXPECT_EQ(metTheOther.load(), 2);
+
+  // A sync barrier waits for a running reader and keeps later readers out while it runs.
+  ZRBDispatchSemaphore readerIn, readerGo;
+  std::atomic<bool> readerRunning{false}, barrierSawReader{false}, laterSawBarrier{false};
+  std::atomic<bool> barrierRunning{false};
+  std::thread slowReader([&] {
+    queue->sync([&] {
+      readerRunning = true;
+      readerIn.signal();
+      readerGo.wait(kHangGuard);
+      readerRunning = false;
+    });
+  });
+  ASSERT_TRUE(readerIn.wait(kHangGuard));
+  ZRBDispatch::globalQueue()->asyncAfter(5ms, [&] { readerGo.signal(); });
+  std::thread later;
+  queue->syncBarrier([&] {
+    barrierRunning = true;
+    barrierSawReader = readerRunning.load();
+    later = std::thread([&] { queue->sync([&] { laterSawBarrier = barrierRunning.load(); }); });
+    std::this_thread::sleep_for(5ms);
+    barrierRunning = false;
+  });
+  slowReader.join();
+  later.join();
+  EXPECT_FALSE(barrierSawReader.load());
+  EXPECT_FALSE(laterSawBarrier.load());
 }
 
 TEST(DispatchQueueTest, ConcurrentAndGlobalQueuesRunBlocksInParallel) {
