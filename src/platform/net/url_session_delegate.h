@@ -16,6 +16,9 @@
 // returns cancels the connection.
 //
 // Completion handlers may be called on any thread, exactly once.
+//
+// A delegate is an object like any other: it answers its class name and description, so code that
+// wraps delegates can tell them apart by name.
 #pragma once
 
 #include <cstdint>
@@ -23,6 +26,7 @@
 #include <memory>
 
 #include "platform/foundation/error.h"
+#include "platform/foundation/object.h"
 #include "platform/foundation/url.h"
 #include "platform/foundation/value.h"
 #include "platform/net/http_url_response.h"
@@ -61,10 +65,8 @@ enum class ZRBURLSessionDelegateOperation {
   DownloadTaskDidResume,
 };
 
-class ZRBURLSessionDelegate {
+class ZRBURLSessionDelegate : public ZRBObject {
  public:
-  virtual ~ZRBURLSessionDelegate() = default;
-
   virtual bool respondsToOperation(ZRBURLSessionDelegateOperation operation) const;
 
   // ---- session ----

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/foundation/property_list_serialization.h"
+#include "platform/system/localized_string.h"
 
 namespace {
 
@@ -113,6 +114,11 @@ std::optional<std::string> ZRBBundle::localePath() const {
   std::string path = bundlePath_ + "/locale";
   if (!isDirectory(path)) return std::nullopt;
   return path;
+}
+
+std::string ZRBBundle::localizedStringForKey(std::string_view key, std::string_view value,
+                                             std::string_view table) const {
+  return ZRBLocalizedString(key, value, table);
 }
 
 std::optional<std::string> ZRBBundle::pathForResource(std::string_view name, std::string_view type) const {

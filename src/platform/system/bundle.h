@@ -52,6 +52,11 @@ class ZRBBundle final : public ZRBObject {
   // "orvelkit" (for the library bundle).
   std::string executableName() const;
 
+  // The translation of `key` in the strings table `table`; without one, `value`, or the key
+  // itself when `value` is empty (see ZRBLocalizedString in localized_string.h).
+  std::string localizedStringForKey(std::string_view key, std::string_view value,
+                                    std::string_view table) const;
+
   // Sets the map (a non-dictionary counts as empty); it is kept until reset.
   void setInfoDictionary(ZRBValue dictionary);
   // Forgets the map, also one set by the host, so the next use reads the file again. For the

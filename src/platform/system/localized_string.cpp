@@ -22,11 +22,31 @@ void bindTable(const std::string& table) {
 
 }  // namespace
 
+namespace {
+
+// The translation, or null when the table has none for the key.
+const char* translation(const std::string& table, const std::string& key) {
+  bindTable(table);
+  // gettext hands back the key's own pointer when it has no translation.
+  const char* found = ::dgettext(table.c_str(), key.c_str());
+  return found == key.c_str() ? nullptr : found;
+}
+
+}  // namespace
+
 std::string ZRBLocalizedString(std::string_view key, std::string_view table) {
   // gettext answers the empty key with the catalogue's header, never what a caller wants.
   if (key.empty() || table.empty()) return std::string(key);
-  std::string tableName(table);
   std::string keyText(key);
-  bindTable(tableName);
-  return ::dgettext(tableName.c_str(), keyText.c_str());
+  const char* found = translation(std::string(table), keyText);
+  return found ? std::string(found) : keyText;
+}
+
+std::string ZRBLocalizedString(std::string_view key, std::string_view value, std::string_view table) {
+  if (key.empty()) return std::string(value);
+  std::string keyText(key);
+  if (const char* found =
+          translation(table.empty() ? std::string("Localizable") : std::string(table), keyText))
+    return found;
+  return value.empty() ? keyText : std::string(value);
 }

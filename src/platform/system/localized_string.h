@@ -13,3 +13,8 @@
 inline constexpr std::string_view ZRBNetworkingStringTable = "ZRBNetworking";
 
 std::string ZRBLocalizedString(std::string_view key, std::string_view table = ZRBNetworkingStringTable);
+
+// The lookup a bundle offers: the translation of `key` in `table`; without one, `value`, or the
+// key itself when `value` is empty. An empty key gives `value`; an empty table means the table
+// "Localizable". Tables are process-wide text domains, bound as above, whichever bundle asks.
+std::string ZRBLocalizedString(std::string_view key, std::string_view value, std::string_view table);

@@ -405,4 +405,12 @@ TEST_F(URLSessionTest, ResumeAndSuspendRunThroughReplaceableSlots) {
   EXPECT_EQ(calls, (std::vector<std::string>{"resume from 1", "suspend from 0", "resume from 1"}));
 }
 
+TEST_F(URLSessionTest, DelegatesAnswerTheirClassNameAsObjectsDo) {
+  // Code that wraps delegates tells them apart by class name.
+  ZRBURLSessionDelegatePtr delegate = session_->delegate();
+  ASSERT_TRUE(delegate);
+  EXPECT_EQ(delegate->className(), "RecordingDelegate");
+  EXPECT_EQ(delegate->description().rfind("<RecordingDelegate: 0x", 0), 0u) << delegate->description();
+}
+
 }  // namespace

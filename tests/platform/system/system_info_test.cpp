@@ -5,7 +5,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <string>
 
+#include "platform/foundation/foundation_version.h"
 #include "platform/foundation/locale.h"
 #include "platform/foundation/property_list_serialization.h"
 #include "platform/system/bundle.h"
@@ -13,6 +16,7 @@
 #include "platform/system/file_manager.h"
 #include "platform/system/localized_string.h"
 #include "platform/system/mime_type.h"
+#include "platform/system/process_info.h"
 
 namespace {
 
@@ -176,6 +180,30 @@ TEST(LocalizedStringTest, FallsBackToTheEnglishKey) {
   EXPECT_EQ(ZRBLocalizedString("Request failed: unacceptable content-type: %@"),
             "Request failed: unacceptable content-type: %@");
   EXPECT_EQ(ZRBLocalizedString("text", "NoSuchTable"), "text");
+}
+
+TEST(LocalizedStringTest, MainBundleLookupFallsBackToTheDefaultValueThenTheKey) {
+  const auto& bundle = ZRBBundle::mainBundle();
+  EXPECT_EQ(bundle->localizedStringForKey("Not Reachable", "", ZRBNetworkingStringTable), "Not Reachable");
+  EXPECT_EQ(bundle->localizedStringForKey("Not Reachable", "default", ZRBNetworkingStringTable), "default");
+  EXPECT_EQ(bundle->localizedStringForKey("", "default", ZRBNetworkingStringTable), "default");
+  EXPECT_EQ(bundle->localizedStringForKey("key", "", ""), "key");
+}
+
+TEST(ProcessInfoTest, GloballyUniqueStringsDifferAndSuitFileNames) {
+  auto& info = *ZRBProcessInfo::processInfo();
+  std::set<std::string> seen;
+  for (int i = 0; i < 100; ++i) {
+    std::string unique = info.globallyUniqueString();
+    EXPECT_EQ(unique.find_first_not_of("0123456789ABCDEF-"), std::string::npos) << unique;
+    EXPECT_NE(unique.find("-" + std::to_string(::getpid()) + "-"), std::string::npos) << unique;
+    seen.insert(unique);
+  }
+  EXPECT_EQ(seen.size(), 100u);
+}
+
+TEST(ProcessInfoTest, FoundationVersionIsPastTheConcurrentTaskCreationFix) {
+  EXPECT_GE(ZRBFoundationVersionNumber, 1140.11);
 }
 
 class DeviceTest : public testing::Test {
