@@ -425,6 +425,9 @@ ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::requestWithMultipartFormReq
             }
             if (bytesRead == 0 && bytesWritten == 0) break;
           }
+          // A stream that failed to open (a target in a missing folder) never entered the loop.
+          if (!error) error = inputStream->streamError();
+          if (!error) error = outputStream->streamError();
 
           outputStream->close();
           inputStream->close();

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -335,6 +336,13 @@ TEST_F(MultipartBodyTest, WritingTheBodyToAFileReportsOnTheMainQueue) {
   ZRBErrorPtr error = writeOut(failing.requestByFinalizingMultipartFormData(), file("fail.out", ""));
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->domain(), ZRBPOSIXErrorDomain);
+
+  // A target that cannot be opened (its folder is missing) is an error too, not a quiet success.
+  std::string missing = file("x", "") + ".d/none/body.out";
+  error = writeOut(build()->requestByFinalizingMultipartFormData(), missing);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain(), ZRBPOSIXErrorDomain);
+  EXPECT_EQ(error->code(), ENOENT);
 }
 
 }  // namespace
