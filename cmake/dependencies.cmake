@@ -6,6 +6,8 @@ find_package(simdjson REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 # PCRE2 (8-bit code units) runs the request layer's URL host extractors.
 pkg_check_modules(PCRE2 REQUIRED IMPORTED_TARGET libpcre2-8)
+# ICU's transforms spell text in ASCII (the User-Agent).
+pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-i18n icu-uc)
 # Asio (queues, timers) is header-only; Boost.URL is a compiled library.
 find_package(Boost 1.81 REQUIRED COMPONENTS url)
 # The URL loading service runs on libcurl (multi interface) over OpenSSL.

@@ -10,6 +10,8 @@ packages=(
   # library dependencies
   libssl-dev ca-certificates libsimdjson-dev libplist-dev libboost1.81-dev libboost-url1.81-dev
   media-types gettext libpcre2-dev
+  # ICU: transforms that spell text in ASCII
+  libicu-dev
   # input of the domain registry's generated tables
   publicsuffix
   # tests and benchmarks

@@ -1,7 +1,6 @@
 #include "http/request_serializer.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 
 #include "http/multipart_form_data.h"
@@ -9,6 +8,7 @@
 #include "platform/foundation/assert.h"
 #include "platform/foundation/crypto.h"
 #include "platform/foundation/locale.h"
+#include "platform/foundation/string_transform.h"
 #include "platform/foundation/url.h"
 #include "platform/runtime/dispatch.h"
 #include "platform/system/bundle.h"
@@ -21,67 +21,8 @@ namespace {
 constexpr std::string_view kHeadersKey = "mutableHTTPRequestHeaders";
 constexpr std::string_view kStyleKey = "queryStringSerializationStyle";
 
-// ASCII spellings of the Latin-1 and Latin Extended-A letters (U+00C0 to U+017F); "" drops the
-// character.
-// clang-format off
-constexpr std::array<const char*, 192> kLatinToASCII = {
-    // U+00C0
-    "A", "A", "A", "A", "A", "A", "AE", "C", "E", "E", "E", "E", "I", "I", "I", "I",
-    // U+00D0
-    "D", "N", "O", "O", "O", "O", "O", "x", "O", "U", "U", "U", "U", "Y", "TH", "ss",
-    // U+00E0
-    "a", "a", "a", "a", "a", "a", "ae", "c", "e", "e", "e", "e", "i", "i", "i", "i",
-    // U+00F0
-    "d", "n", "o", "o", "o", "o", "o", "", "o", "u", "u", "u", "u", "y", "th", "y",
-    // U+0100
-    "A", "a", "A", "a", "A", "a", "C", "c", "C", "c", "C", "c", "C", "c", "D", "d",
-    // U+0110
-    "D", "d", "E", "e", "E", "e", "E", "e", "E", "e", "E", "e", "G", "g", "G", "g",
-    // U+0120
-    "G", "g", "G", "g", "H", "h", "H", "h", "I", "i", "I", "i", "I", "i", "I", "i",
-    // U+0130
-    "I", "i", "IJ", "ij", "J", "j", "K", "k", "k", "L", "l", "L", "l", "L", "l", "L",
-    // U+0140
-    "l", "L", "l", "N", "n", "N", "n", "N", "n", "'n", "N", "n", "O", "o", "O", "o",
-    // U+0150
-    "O", "o", "OE", "oe", "R", "r", "R", "r", "R", "r", "S", "s", "S", "s", "S", "s",
-    // U+0160
-    "S", "s", "T", "t", "T", "t", "T", "t", "U", "u", "U", "u", "U", "u", "U", "u",
-    // U+0170
-    "U", "u", "U", "u", "W", "w", "Y", "y", "Y", "Z", "z", "Z", "z", "Z", "z", "s",
-};
-// clang-format on
-
 bool isASCII(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
-
-// Reduces text to ASCII: Latin letters lose their diacritics (precomposed letters through the
-// table, combining marks are dropped), ligatures are spelled out, and whatever else is not ASCII
-// is removed. Other scripts have no Latin spelling here, so they are removed too.
-std::string transliterateToASCII(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-  for (std::size_t i = 0; i < text.size();) {
-    unsigned char b0 = p[i];
-    if (b0 < 0x80) {
-      out.push_back(static_cast<char>(b0));
-      ++i;
-      continue;
-    }
-    // Only two-byte sequences can hold the letters of the table.
-    if (b0 >= 0xC2 && b0 <= 0xDF && i + 1 < text.size() && (p[i + 1] & 0xC0) == 0x80) {
-      char32_t cp = char32_t((b0 & 0x1F) << 6 | (p[i + 1] & 0x3F));
-      if (cp >= 0xC0 && cp < 0xC0 + kLatinToASCII.size() && kLatinToASCII[cp - 0xC0])
-        out += kLatinToASCII[cp - 0xC0];
-      i += 2;
-      continue;
-    }
-    std::size_t length = b0 >= 0xF0 ? 4 : b0 >= 0xE0 ? 3 : 1;
-    i += std::min(length, text.size() - i);
-  }
-  return out;
 }
 
 std::string infoString(const ZRBBundle& bundle, std::string_view key) {
@@ -128,7 +69,11 @@ std::string ZRBHS_DefaultUserAgent() {
   std::snprintf(scale, sizeof scale, "%0.2f", device.screenScale());
   std::string userAgent = name + "/" + version + " (" + device.model() + "; iOS " + device.systemVersion() +
                           "; Scale/" + scale + ")";
-  if (!isASCII(userAgent)) userAgent = transliterateToASCII(userAgent);
+  if (!isASCII(userAgent)) {
+    // Kept as it is when the transform fails, as the platform does.
+    if (auto ascii = ZRBStringTransform(userAgent, "Any-Latin; Latin-ASCII; [:^ASCII:] Remove"))
+      userAgent = std::move(*ascii);
+  }
   return userAgent;
 }
 

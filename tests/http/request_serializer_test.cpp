@@ -62,13 +62,22 @@ TEST_F(RequestSerializer, DefaultHeadersCarryLanguagesAndTheUserAgent) {
       ZRBValue::dictionary({{"CFBundleIdentifier", "com.example.cam"}, {"CFBundleVersion", "77"}}));
   EXPECT_EQ(ZRBHS_DefaultUserAgent().rfind("com.example.cam/77 (", 0), 0u);
 
-  // Text that is not ASCII is reduced to ASCII: diacritics dropped, other scripts removed.
-  ZRBBundle::mainBundle()->setInfoDictionary(
-      ZRBValue::dictionary({{"CFBundleExecutable",
-                             "Cam\xC3\xA9ra \xC3\x86r\xC3\xB8\xE7\x9B\xB8"
-                             "e\xCC\x81"},
-                            {"CFBundleVersion", "1"}}));
-  EXPECT_EQ(ZRBHS_DefaultUserAgent().rfind("Camera AEroe/1 (", 0), 0u);
+  // Text that is not ASCII is spelled in ASCII through ICU: other scripts are romanised, never lost
+  // (a name in Cyrillic or Han still gives a product token).
+  struct Case {
+    const char* name;
+    const char* product;
+  };
+  for (const Case& c : {Case{"Cam\xC3\xA9ra \xC3\x86r\xC3\xB8"
+                             "e\xCC\x81",
+                             "Camera AEroe"},
+                        Case{"\xD0\x9A\xD0\xB0\xD0\xBC\xD0\xB5\xD1\x80\xD0\xB0", "Kamera"},
+                        Case{"\xE7\x9B\xB8\xE6\x9C\xBA", "xiang ji"}}) {
+    ZRBBundle::mainBundle()->setInfoDictionary(
+        ZRBValue::dictionary({{"CFBundleExecutable", c.name}, {"CFBundleVersion", "1"}}));
+    std::string userAgent = ZRBHS_DefaultUserAgent();
+    EXPECT_EQ(userAgent.substr(0, userAgent.find('/')), c.product);
+  }
 }
 
 TEST_F(RequestSerializer, DefaultHeadersLoseToTheRequestsOwn) {
