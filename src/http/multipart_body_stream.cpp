@@ -253,3 +253,23 @@ ZRBHS_MultipartBodyStreamPtr ZRBHS_MultipartBodyStream::copy() const {
   stream->setInitialAndFinalBoundaries();
   return stream;
 }
+
+ZRBInputStreamPtr ZRBHS_MultipartBodyStream::copyStream() const {
+  auto stream = std::make_shared<ZRBHS_MultipartBodyStream>(stringEncoding_);
+  stream->numberOfBytesInPacket_ = numberOfBytesInPacket_;
+  stream->delay_ = delay_;
+  stream->parts_.reserve(parts_.size());
+  for (const auto& part : parts_) {
+    if (auto source = part->body().objectAs<ZRBInputStream>()) {
+      ZRBInputStreamPtr fresh = source->copyStream();
+      if (!fresh) return nullptr;
+      stream->parts_.push_back(
+          std::make_shared<ZRBHS_HTTPBodyPart>(part->stringEncoding(), part->headers(), part->boundary(),
+                                               ZRBValue(std::move(fresh)), part->bodyContentLength()));
+    } else {
+      stream->parts_.push_back(part->copy());
+    }
+  }
+  stream->setInitialAndFinalBoundaries();
+  return stream;
+}

@@ -176,8 +176,12 @@ class ZRBHS_MultipartBodyStream final : public ZRBInputStream {
   // Same encoding and a copy of every part, boundary flags set, not open. Throttling is not
   // carried over.
   ZRBHS_MultipartBodyStreamPtr copy() const;
-  // The transport asks for this when a streamed body must be sent again.
-  ZRBInputStreamPtr copyStream() const override { return copy(); }
+  // The transport asks for this when a streamed body must be sent again. Unlike copy(), parts whose
+  // body is a stream read from a fresh copy of that stream (a part's own stream is spent after one
+  // reading), and throttling is kept. When a part's stream cannot be copied (a caller's own
+  // stream), the body cannot be sent again: null, which fails the task at once with "request body
+  // stream exhausted" instead of sending fewer bytes than Content-Length declares.
+  ZRBInputStreamPtr copyStream() const override;
 
   std::string className() const override { return "ZRBHS_MultipartBodyStream"; }
 
