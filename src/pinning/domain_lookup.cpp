@@ -41,5 +41,12 @@ bool isSubdomain(std::string_view domainKey, std::string_view hostname) {
   };
   std::string_view domainRest = rest(domainKey), hostRest = rest(hostname);
   if (domainRest.empty()) return hostRest.empty();
-  return hostRest.ends_with(domainRest);
+  if (hostRest.empty()) return false;  // a bare suffix is under no domain
+  // Split the host's rest at every occurrence of the domain's, left to right without overlaps: the
+  // host is under the domain when the last piece is empty. This is not the same as "ends with":
+  // "banana" splits at "ana" into "b" and "na".
+  std::size_t lastPieceStart = 0;
+  for (std::size_t found; (found = hostRest.find(domainRest, lastPieceStart)) != std::string_view::npos;)
+    lastPieceStart = found + domainRest.size();
+  return lastPieceStart == hostRest.size();
 }

