@@ -35,7 +35,7 @@ ZRBURLRequestPtr ZRBHS_JSONRequestSerializer::requestBySerializingRequest(const 
       mutableRequest->setValue("application/json", "Content-Type");
     }
     // No separate validity check: the writer's own error is what the caller gets.
-    if (auto body = ZRBJSONSerialization::dataWithJSONObject(parameters, writingOptions_, error)) {
+    if (auto body = ZRBJSONSerialization::dataWithJSONObject(parameters, writingOptions(), error)) {
       mutableRequest->setHTTPBody(std::move(*body));
     } else {
       mutableRequest->setHTTPBody(ZRBValue());
@@ -47,19 +47,19 @@ ZRBURLRequestPtr ZRBHS_JSONRequestSerializer::requestBySerializingRequest(const 
 ZRBHS_HTTPRequestSerializerPtr ZRBHS_JSONRequestSerializer::copy() const {
   auto fresh = std::make_shared<ZRBHS_JSONRequestSerializer>();
   copyStateInto(*fresh);
-  fresh->writingOptions_ = writingOptions_;
+  fresh->setWritingOptions(writingOptions());
   return fresh;
 }
 
 void ZRBHS_JSONRequestSerializer::encodeWithCoder(ZRBKeyedArchiver& coder) const {
   ZRBHS_HTTPRequestSerializer::encodeWithCoder(coder);
-  coder.encodeInteger(static_cast<std::int64_t>(writingOptions_), kWritingOptionsKey);
+  coder.encodeInteger(static_cast<std::int64_t>(writingOptions()), kWritingOptionsKey);
 }
 
 ZRBHS_JSONRequestSerializerPtr ZRBHS_JSONRequestSerializer::initWithCoder(ZRBKeyedUnarchiver& coder) {
   auto serializer = std::make_shared<ZRBHS_JSONRequestSerializer>();
   serializer->decodeStateFrom(coder);
   ZRBValue options = coder.decodeValue(kWritingOptionsKey, ZRBValueClass::Number);
-  serializer->writingOptions_ = static_cast<ZRBJSONWritingOptions>(options.uintValue());
+  serializer->setWritingOptions(static_cast<ZRBJSONWritingOptions>(options.uintValue()));
   return serializer;
 }

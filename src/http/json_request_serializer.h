@@ -8,6 +8,7 @@
 // request is still returned, without a body; absent parameters leave the body as it is.
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "http/request_serializer.h"
@@ -23,8 +24,10 @@ class ZRBHS_JSONRequestSerializer : public ZRBHS_HTTPRequestSerializer {
   static ZRBHS_JSONRequestSerializerPtr serializer();
   static ZRBHS_JSONRequestSerializerPtr serializerWithWritingOptions(ZRBJSONWritingOptions writingOptions);
 
-  ZRBJSONWritingOptions writingOptions() const { return writingOptions_; }
-  void setWritingOptions(ZRBJSONWritingOptions writingOptions) { writingOptions_ = writingOptions; }
+  ZRBJSONWritingOptions writingOptions() const { return writingOptions_.load(std::memory_order_relaxed); }
+  void setWritingOptions(ZRBJSONWritingOptions writingOptions) {
+    writingOptions_.store(writingOptions, std::memory_order_relaxed);
+  }
 
   ZRBURLRequestPtr requestBySerializingRequest(const ZRBURLRequestPtr& request, const ZRBValue& parameters,
                                                ZRBErrorPtr* error = nullptr) override;
@@ -40,5 +43,5 @@ class ZRBHS_JSONRequestSerializer : public ZRBHS_HTTPRequestSerializer {
   std::string className() const override { return "ZRBHS_JSONRequestSerializer"; }
 
  private:
-  ZRBJSONWritingOptions writingOptions_ = {};
+  std::atomic<ZRBJSONWritingOptions> writingOptions_{};
 };

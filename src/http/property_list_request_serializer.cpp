@@ -16,8 +16,8 @@ ZRBHS_PropertyListRequestSerializerPtr ZRBHS_PropertyListRequestSerializer::seri
 ZRBHS_PropertyListRequestSerializerPtr ZRBHS_PropertyListRequestSerializer::serializerWithFormat(
     ZRBPropertyListFormat format, ZRBPropertyListWriteOptions writeOptions) {
   auto serializer = std::make_shared<ZRBHS_PropertyListRequestSerializer>();
-  serializer->format_ = format;
-  serializer->writeOptions_ = writeOptions;
+  serializer->setFormat(format);
+  serializer->setWriteOptions(writeOptions);
   return serializer;
 }
 
@@ -36,7 +36,7 @@ ZRBURLRequestPtr ZRBHS_PropertyListRequestSerializer::requestBySerializingReques
       mutableRequest->setValue("application/x-plist", "Content-Type");
     }
     if (auto body =
-            ZRBPropertyListSerialization::dataWithPropertyList(parameters, format_, writeOptions_, error)) {
+            ZRBPropertyListSerialization::dataWithPropertyList(parameters, format(), writeOptions(), error)) {
       mutableRequest->setHTTPBody(std::move(*body));
     } else {
       mutableRequest->setHTTPBody(ZRBValue());
@@ -48,23 +48,23 @@ ZRBURLRequestPtr ZRBHS_PropertyListRequestSerializer::requestBySerializingReques
 ZRBHS_HTTPRequestSerializerPtr ZRBHS_PropertyListRequestSerializer::copy() const {
   auto fresh = std::make_shared<ZRBHS_PropertyListRequestSerializer>();
   copyStateInto(*fresh);
-  fresh->format_ = format_;
-  fresh->writeOptions_ = writeOptions_;
+  fresh->setFormat(format());
+  fresh->setWriteOptions(writeOptions());
   return fresh;
 }
 
 void ZRBHS_PropertyListRequestSerializer::encodeWithCoder(ZRBKeyedArchiver& coder) const {
   ZRBHS_HTTPRequestSerializer::encodeWithCoder(coder);
-  coder.encodeInteger(static_cast<std::int64_t>(format_), kFormatKey);
-  coder.encodeValue(ZRBValue(static_cast<unsigned long>(writeOptions_)), kWriteOptionsKey);
+  coder.encodeInteger(static_cast<std::int64_t>(format()), kFormatKey);
+  coder.encodeValue(ZRBValue(static_cast<unsigned long>(writeOptions())), kWriteOptionsKey);
 }
 
 ZRBHS_PropertyListRequestSerializerPtr ZRBHS_PropertyListRequestSerializer::initWithCoder(
     ZRBKeyedUnarchiver& coder) {
   auto serializer = std::make_shared<ZRBHS_PropertyListRequestSerializer>();
   serializer->decodeStateFrom(coder);
-  serializer->format_ =
-      static_cast<ZRBPropertyListFormat>(coder.decodeValue(kFormatKey, ZRBValueClass::Number).uintValue());
-  serializer->writeOptions_ = coder.decodeValue(kWriteOptionsKey, ZRBValueClass::Number).uintValue();
+  serializer->setFormat(
+      static_cast<ZRBPropertyListFormat>(coder.decodeValue(kFormatKey, ZRBValueClass::Number).uintValue()));
+  serializer->setWriteOptions(coder.decodeValue(kWriteOptionsKey, ZRBValueClass::Number).uintValue());
   return serializer;
 }

@@ -6,6 +6,7 @@
 // writeOptions().
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "http/request_serializer.h"
@@ -23,10 +24,12 @@ class ZRBHS_PropertyListRequestSerializer : public ZRBHS_HTTPRequestSerializer {
   static ZRBHS_PropertyListRequestSerializerPtr serializerWithFormat(
       ZRBPropertyListFormat format, ZRBPropertyListWriteOptions writeOptions);
 
-  ZRBPropertyListFormat format() const { return format_; }
-  void setFormat(ZRBPropertyListFormat format) { format_ = format; }
-  ZRBPropertyListWriteOptions writeOptions() const { return writeOptions_; }
-  void setWriteOptions(ZRBPropertyListWriteOptions writeOptions) { writeOptions_ = writeOptions; }
+  ZRBPropertyListFormat format() const { return format_.load(std::memory_order_relaxed); }
+  void setFormat(ZRBPropertyListFormat format) { format_.store(format, std::memory_order_relaxed); }
+  ZRBPropertyListWriteOptions writeOptions() const { return writeOptions_.load(std::memory_order_relaxed); }
+  void setWriteOptions(ZRBPropertyListWriteOptions writeOptions) {
+    writeOptions_.store(writeOptions, std::memory_order_relaxed);
+  }
 
   ZRBURLRequestPtr requestBySerializingRequest(const ZRBURLRequestPtr& request, const ZRBValue& parameters,
                                                ZRBErrorPtr* error = nullptr) override;
@@ -42,6 +45,6 @@ class ZRBHS_PropertyListRequestSerializer : public ZRBHS_HTTPRequestSerializer {
   std::string className() const override { return "ZRBHS_PropertyListRequestSerializer"; }
 
  private:
-  ZRBPropertyListFormat format_ = {};
-  ZRBPropertyListWriteOptions writeOptions_ = 0;
+  std::atomic<ZRBPropertyListFormat> format_{};
+  std::atomic<ZRBPropertyListWriteOptions> writeOptions_{0};
 };

@@ -79,43 +79,46 @@ std::string ZRBHS_DefaultUserAgent() {
 
 // ---- ZRBHS_HTTPRequestSerializer ----
 
-ZRBHS_HTTPRequestSerializer::ZRBHS_HTTPRequestSerializer() {
-  headers_.emplace_back("Accept-Language", ZRBHS_AcceptLanguageHeaderValue(ZRBLocale::preferredLanguages()));
-  headers_.emplace_back("User-Agent", ZRBHS_DefaultUserAgent());
-}
+ZRBHS_HTTPRequestSerializer::ZRBHS_HTTPRequestSerializer()
+    : methodsInURI_(
+          std::make_shared<const std::set<std::string>>(std::set<std::string>{"GET", "HEAD", "DELETE"})),
+      headers_(std::make_shared<const HeaderFields>(
+          HeaderFields{{"Accept-Language", ZRBHS_AcceptLanguageHeaderValue(ZRBLocale::preferredLanguages())},
+                       {"User-Agent", ZRBHS_DefaultUserAgent()}})) {}
 
 ZRBHS_HTTPRequestSerializerPtr ZRBHS_HTTPRequestSerializer::serializer() {
   return std::make_shared<ZRBHS_HTTPRequestSerializer>();
 }
 
+bool ZRBHS_HTTPRequestSerializer::allowsCellularAccess() const { return readLocked(allowsCellularAccess_); }
 void ZRBHS_HTTPRequestSerializer::setAllowsCellularAccess(bool allowsCellularAccess) {
-  allowsCellularAccess_ = allowsCellularAccess;
-  markSet(kAllowsCellularAccess);
+  writeLocked(allowsCellularAccess_, allowsCellularAccess, kAllowsCellularAccess);
 }
-
+ZRBURLRequestCachePolicy ZRBHS_HTTPRequestSerializer::cachePolicy() const { return readLocked(cachePolicy_); }
 void ZRBHS_HTTPRequestSerializer::setCachePolicy(ZRBURLRequestCachePolicy cachePolicy) {
-  cachePolicy_ = cachePolicy;
-  markSet(kCachePolicy);
+  writeLocked(cachePolicy_, cachePolicy, kCachePolicy);
 }
-
+bool ZRBHS_HTTPRequestSerializer::HTTPShouldHandleCookies() const {
+  return readLocked(HTTPShouldHandleCookies_);
+}
 void ZRBHS_HTTPRequestSerializer::setHTTPShouldHandleCookies(bool HTTPShouldHandleCookies) {
-  HTTPShouldHandleCookies_ = HTTPShouldHandleCookies;
-  markSet(kHTTPShouldHandleCookies);
+  writeLocked(HTTPShouldHandleCookies_, HTTPShouldHandleCookies, kHTTPShouldHandleCookies);
 }
-
+bool ZRBHS_HTTPRequestSerializer::HTTPShouldUsePipelining() const {
+  return readLocked(HTTPShouldUsePipelining_);
+}
 void ZRBHS_HTTPRequestSerializer::setHTTPShouldUsePipelining(bool HTTPShouldUsePipelining) {
-  HTTPShouldUsePipelining_ = HTTPShouldUsePipelining;
-  markSet(kHTTPShouldUsePipelining);
+  writeLocked(HTTPShouldUsePipelining_, HTTPShouldUsePipelining, kHTTPShouldUsePipelining);
 }
-
+ZRBURLRequestNetworkServiceType ZRBHS_HTTPRequestSerializer::networkServiceType() const {
+  return readLocked(networkServiceType_);
+}
 void ZRBHS_HTTPRequestSerializer::setNetworkServiceType(ZRBURLRequestNetworkServiceType networkServiceType) {
-  networkServiceType_ = networkServiceType;
-  markSet(kNetworkServiceType);
+  writeLocked(networkServiceType_, networkServiceType, kNetworkServiceType);
 }
-
+double ZRBHS_HTTPRequestSerializer::timeoutInterval() const { return readLocked(timeoutInterval_); }
 void ZRBHS_HTTPRequestSerializer::setTimeoutInterval(double timeoutInterval) {
-  timeoutInterval_ = timeoutInterval;
-  markSet(kTimeoutInterval);
+  writeLocked(timeoutInterval_, timeoutInterval, kTimeoutInterval);
 }
 
 bool ZRBHS_HTTPRequestSerializer::setValueForKey(std::string_view key, const ZRBValue& value) {
@@ -124,6 +127,7 @@ bool ZRBHS_HTTPRequestSerializer::setValueForKey(std::string_view key, const ZRB
   if (found == names.end()) return false;
   auto property = static_cast<ObservedProperty>(found - names.begin());
   if (value.isNull()) {
+    std::lock_guard lock(mutex_);
     explicitlySet_ &= ~(1u << property);
     return true;
   }
@@ -146,6 +150,7 @@ ZRBValue ZRBHS_HTTPRequestSerializer::valueForKey(std::string_view key) const {
   const auto& names = ZRBHS_HTTPRequestSerializerObservedKeyPaths();
   auto found = std::find(names.begin(), names.end(), key);
   if (found == names.end()) return ZRBValue();
+  std::lock_guard lock(mutex_);
   switch (static_cast<ObservedProperty>(found - names.begin())) {
     case kAllowsCellularAccess: return ZRBValue(allowsCellularAccess_);
     case kCachePolicy: return ZRBValue(static_cast<unsigned long>(cachePolicy_));
@@ -161,45 +166,91 @@ ZRBValue ZRBHS_HTTPRequestSerializer::valueForKey(std::string_view key) const {
 std::set<std::string> ZRBHS_HTTPRequestSerializer::mutableObservedChangedKeyPaths() const {
   const auto& names = ZRBHS_HTTPRequestSerializerObservedKeyPaths();
   std::set<std::string> changed;
+  std::lock_guard lock(mutex_);
   for (unsigned property = 0; property < kObservedPropertyCount; ++property) {
     if (isSet(static_cast<ObservedProperty>(property))) changed.insert(names[property]);
   }
   return changed;
 }
 
+std::set<std::string> ZRBHS_HTTPRequestSerializer::HTTPMethodsEncodingParametersInURI() const {
+  return *methodsSnapshot();
+}
+
+void ZRBHS_HTTPRequestSerializer::setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods) {
+  auto replacement = std::make_shared<const std::set<std::string>>(std::move(methods));
+  std::lock_guard lock(mutex_);
+  methodsInURI_ = std::move(replacement);
+}
+
+ZRBHS_QueryStringSerializationStyle ZRBHS_HTTPRequestSerializer::queryStringSerializationStyle() const {
+  std::lock_guard lock(mutex_);
+  return style_;
+}
+
+ZRBHS_HTTPRequestSerializer::QueryStringSerialization ZRBHS_HTTPRequestSerializer::queryStringSerialization()
+    const {
+  std::lock_guard lock(mutex_);
+  return queryStringSerialization_ ? *queryStringSerialization_ : QueryStringSerialization();
+}
+
 void ZRBHS_HTTPRequestSerializer::setQueryStringSerializationWithStyle(
     ZRBHS_QueryStringSerializationStyle style) {
+  std::lock_guard lock(mutex_);
   style_ = style;
   queryStringSerialization_ = nullptr;
 }
 
 void ZRBHS_HTTPRequestSerializer::setQueryStringSerializationWithBlock(QueryStringSerialization block) {
-  queryStringSerialization_ = std::move(block);
+  auto replacement = block ? std::make_shared<const QueryStringSerialization>(std::move(block)) : nullptr;
+  std::lock_guard lock(mutex_);
+  queryStringSerialization_ = std::move(replacement);
+}
+
+std::shared_ptr<const ZRBHS_HTTPRequestSerializer::HeaderFields>
+ZRBHS_HTTPRequestSerializer::headersSnapshot() const {
+  std::lock_guard lock(mutex_);
+  return headers_;
+}
+
+std::shared_ptr<const std::set<std::string>> ZRBHS_HTTPRequestSerializer::methodsSnapshot() const {
+  std::lock_guard lock(mutex_);
+  return methodsInURI_;
+}
+
+ZRBHS_HTTPRequestSerializer::HeaderFields ZRBHS_HTTPRequestSerializer::mutableHTTPRequestHeaders() const {
+  return *headersSnapshot();
 }
 
 ZRBValue ZRBHS_HTTPRequestSerializer::HTTPRequestHeaders() const {
+  auto headers = headersSnapshot();
   ZRBDictionaryBuilder builder;
-  builder.reserve(headers_.size());
-  for (const auto& [field, value] : headers_) builder.set(field, ZRBValue(value));
+  builder.reserve(headers->size());
+  for (const auto& [field, value] : *headers) builder.set(field, ZRBValue(value));
   return builder.build();
 }
 
 void ZRBHS_HTTPRequestSerializer::setValueForHTTPHeaderField(std::optional<std::string> value,
                                                              std::string_view field) {
+  std::lock_guard lock(mutex_);
+  auto headers = std::make_shared<HeaderFields>(*headers_);
   auto found =
-      std::find_if(headers_.begin(), headers_.end(), [&](const auto& entry) { return entry.first == field; });
+      std::find_if(headers->begin(), headers->end(), [&](const auto& entry) { return entry.first == field; });
   if (!value) {
-    if (found != headers_.end()) headers_.erase(found);
-  } else if (found != headers_.end()) {
+    if (found == headers->end()) return;
+    headers->erase(found);
+  } else if (found != headers->end()) {
     found->second = std::move(*value);
   } else {
-    headers_.emplace_back(std::string(field), std::move(*value));
+    headers->emplace_back(std::string(field), std::move(*value));
   }
+  headers_ = std::move(headers);
 }
 
 std::optional<std::string> ZRBHS_HTTPRequestSerializer::valueForHTTPHeaderField(
     std::string_view field) const {
-  for (const auto& [name, value] : headers_) {
+  auto headers = headersSnapshot();  // kept alive for the loop
+  for (const auto& [name, value] : *headers) {
     if (name == field) return value;
   }
   return std::nullopt;
@@ -219,7 +270,8 @@ void ZRBHS_HTTPRequestSerializer::clearAuthorizationHeader() {
 }
 
 void ZRBHS_HTTPRequestSerializer::applyDefaultHeaders(ZRBMutableURLRequest& request) const {
-  for (const auto& [field, value] : headers_) {
+  auto headers = headersSnapshot();  // kept alive for the loop
+  for (const auto& [field, value] : *headers) {
     if (!request.valueForHTTPHeaderField(field)) request.setValue(value, field);
   }
 }
@@ -228,7 +280,7 @@ bool ZRBHS_HTTPRequestSerializer::encodesParametersInURI(std::string_view method
   std::string upper(method);
   std::transform(upper.begin(), upper.end(), upper.begin(),
                  [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
-  return methodsInURI_.contains(upper);
+  return methodsSnapshot()->contains(upper);
 }
 
 ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::requestWithMethod(
@@ -241,12 +293,14 @@ ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::requestWithMethod(
 
   auto request = std::make_shared<ZRBMutableURLRequest>(url);
   request->setHTTPMethod(method ? std::string(*method) : std::string());
+  std::unique_lock lock(mutex_);
   if (isSet(kAllowsCellularAccess)) request->setAllowsCellularAccess(allowsCellularAccess_);
   if (isSet(kCachePolicy)) request->setCachePolicy(cachePolicy_);
   if (isSet(kHTTPShouldHandleCookies)) request->setHTTPShouldHandleCookies(HTTPShouldHandleCookies_);
   if (isSet(kHTTPShouldUsePipelining)) request->setHTTPShouldUsePipelining(HTTPShouldUsePipelining_);
   if (isSet(kNetworkServiceType)) request->setNetworkServiceType(networkServiceType_);
   if (isSet(kTimeoutInterval)) request->setTimeoutInterval(timeoutInterval_);
+  lock.unlock();
 
   ZRBURLRequestPtr serialized = requestBySerializingRequest(request, parameters, error);
   return serialized ? serialized->mutableCopy() : nullptr;
@@ -263,14 +317,21 @@ ZRBURLRequestPtr ZRBHS_HTTPRequestSerializer::requestBySerializingRequest(const 
 
   std::optional<std::string> query;
   if (!parameters.isAbsent()) {
-    if (queryStringSerialization_) {
+    std::shared_ptr<const QueryStringSerialization> custom;
+    ZRBHS_QueryStringSerializationStyle style;
+    {
+      std::lock_guard lock(mutex_);
+      custom = queryStringSerialization_;
+      style = style_;
+    }
+    if (custom) {
       ZRBErrorPtr serializationError;
-      query = queryStringSerialization_(request, parameters, &serializationError);
+      query = (*custom)(request, parameters, &serializationError);
       if (serializationError) {
         ZRBSetError(error, std::move(serializationError));
         return nullptr;
       }
-    } else if (style_ == ZRBHS_QueryStringStyleDefault) {
+    } else if (style == ZRBHS_QueryStringStyleDefault) {
       query = ZRBHS_QueryStringFromParameters(parameters);
     }
   }
@@ -291,7 +352,7 @@ ZRBURLRequestPtr ZRBHS_HTTPRequestSerializer::requestBySerializingRequest(const 
     if (!mutableRequest->valueForHTTPHeaderField("Content-Type")) {
       mutableRequest->setValue("application/x-www-form-urlencoded", "Content-Type");
     }
-    if (auto body = ZRBBytesFromString(*query, stringEncoding_)) {
+    if (auto body = ZRBBytesFromString(*query, stringEncoding())) {
       mutableRequest->setHTTPBody(std::move(*body));
     } else {
       mutableRequest->setHTTPBody(ZRBValue());
@@ -322,7 +383,7 @@ ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::multipartFormRequestWithMet
       data = ZRBValue::data(std::vector<std::uint8_t>{});
     } else if (!value.isAbsent()) {
       // An absent value (the lone pair of absent parameters) has no description and so no field.
-      if (auto bytes = ZRBBytesFromString(value.description(), stringEncoding_))
+      if (auto bytes = ZRBBytesFromString(value.description(), stringEncoding()))
         data = ZRBValue::data(std::move(*bytes));
     }
     if (data) formData.appendPartWithFormData(data, pair.field().description());
@@ -389,7 +450,8 @@ ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::requestWithMultipartFormReq
 }
 
 void ZRBHS_HTTPRequestSerializer::copyStateInto(ZRBHS_HTTPRequestSerializer& fresh) const {
-  fresh.headers_ = headers_;
+  std::scoped_lock lock(mutex_, fresh.mutex_);
+  fresh.headers_ = headers_;  // immutable once stored, so the copy may share it
   fresh.style_ = style_;
   fresh.queryStringSerialization_ = queryStringSerialization_;
 }
@@ -402,16 +464,18 @@ ZRBHS_HTTPRequestSerializerPtr ZRBHS_HTTPRequestSerializer::copy() const {
 
 void ZRBHS_HTTPRequestSerializer::encodeWithCoder(ZRBKeyedArchiver& coder) const {
   coder.encodeValue(HTTPRequestHeaders(), kHeadersKey);
-  coder.encodeInteger(static_cast<std::int64_t>(style_), kStyleKey);
+  coder.encodeInteger(static_cast<std::int64_t>(queryStringSerializationStyle()), kStyleKey);
 }
 
 void ZRBHS_HTTPRequestSerializer::decodeStateFrom(ZRBKeyedUnarchiver& coder) {
-  headers_.clear();
+  auto decoded = std::make_shared<HeaderFields>();
   ZRBValue headers = coder.decodeValue(kHeadersKey, ZRBValueClass::Dictionary);
   for (const auto& [field, value] : headers.entries()) {
-    if (value.isString()) headers_.emplace_back(field.string(), value.string());
+    if (value.isString()) decoded->emplace_back(field.string(), value.string());
   }
   ZRBValue style = coder.decodeValue(kStyleKey, ZRBValueClass::Number);
+  std::lock_guard lock(mutex_);
+  headers_ = std::move(decoded);
   style_ = static_cast<ZRBHS_QueryStringSerializationStyle>(style.uintValue());
 }
 

@@ -23,13 +23,17 @@
 // Programming errors (a missing method, URL string or request, an unparsable URL) are ZRBAssert
 // failures naming "method", "URLString", "url" or "request".
 //
-// A serializer is not locked: configure it and build requests from one thread at a time. Changing
-// it affects only the requests built afterwards. Multipart bodies are built through
+// Thread-safe: the agent changes headers and properties per request while other threads build
+// requests. Accessors hand out copies, never references into the serializer; a request being built
+// takes each part of the configuration as it stands at one moment (a snapshot), and a change
+// affects only the requests built afterwards. Multipart bodies are built through
 // multipartFormRequestWithMethod (see multipart_form_data.h for the form-data builder).
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -75,17 +79,17 @@ class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
 
   // ---- request properties copied to requests only once set (any value, even the initial one) ----
 
-  bool allowsCellularAccess() const { return allowsCellularAccess_; }
+  bool allowsCellularAccess() const;
   void setAllowsCellularAccess(bool allowsCellularAccess);
-  ZRBURLRequestCachePolicy cachePolicy() const { return cachePolicy_; }
+  ZRBURLRequestCachePolicy cachePolicy() const;
   void setCachePolicy(ZRBURLRequestCachePolicy cachePolicy);
-  bool HTTPShouldHandleCookies() const { return HTTPShouldHandleCookies_; }
+  bool HTTPShouldHandleCookies() const;
   void setHTTPShouldHandleCookies(bool HTTPShouldHandleCookies);
-  bool HTTPShouldUsePipelining() const { return HTTPShouldUsePipelining_; }
+  bool HTTPShouldUsePipelining() const;
   void setHTTPShouldUsePipelining(bool HTTPShouldUsePipelining);
-  ZRBURLRequestNetworkServiceType networkServiceType() const { return networkServiceType_; }
+  ZRBURLRequestNetworkServiceType networkServiceType() const;
   void setNetworkServiceType(ZRBURLRequestNetworkServiceType networkServiceType);
-  double timeoutInterval() const { return timeoutInterval_; }
+  double timeoutInterval() const;
   void setTimeoutInterval(double timeoutInterval);
 
   // Sets one of the properties above by name, from a number (or boolean). The null object clears
@@ -100,16 +104,17 @@ class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
   // ---- encoding ----
 
   // Encoding of URL-encoded bodies; UTF-8 by default.
-  ZRBStringEncoding stringEncoding() const { return stringEncoding_; }
-  void setStringEncoding(ZRBStringEncoding stringEncoding) { stringEncoding_ = stringEncoding; }
-  // Methods (upper case) whose parameters go into the URL.
-  const std::set<std::string>& HTTPMethodsEncodingParametersInURI() const { return methodsInURI_; }
-  void setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods) {
-    methodsInURI_ = std::move(methods);
+  ZRBStringEncoding stringEncoding() const { return stringEncoding_.load(std::memory_order_relaxed); }
+  void setStringEncoding(ZRBStringEncoding stringEncoding) {
+    stringEncoding_.store(stringEncoding, std::memory_order_relaxed);
   }
+  // Methods (upper case) whose parameters go into the URL; a copy.
+  std::set<std::string> HTTPMethodsEncodingParametersInURI() const;
+  void setHTTPMethodsEncodingParametersInURI(std::set<std::string> methods);
 
-  ZRBHS_QueryStringSerializationStyle queryStringSerializationStyle() const { return style_; }
-  const QueryStringSerialization& queryStringSerialization() const { return queryStringSerialization_; }
+  ZRBHS_QueryStringSerializationStyle queryStringSerializationStyle() const;
+  // A copy of the custom callback (null when none is set).
+  QueryStringSerialization queryStringSerialization() const;
   // Sets the style and drops any custom callback.
   void setQueryStringSerializationWithStyle(ZRBHS_QueryStringSerializationStyle style);
   // A custom callback; it takes precedence over the style, which is left as it is.
@@ -119,10 +124,9 @@ class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
 
   // A snapshot of the default headers as a dictionary of strings, in the order they were set.
   ZRBValue HTTPRequestHeaders() const;
-  // The default header fields themselves; names compare exactly (case-sensitively), as map keys.
-  const std::vector<std::pair<std::string, std::string>>& mutableHTTPRequestHeaders() const {
-    return headers_;
-  }
+  // A copy of the default header fields; names compare exactly (case-sensitively), as map keys.
+  using HeaderFields = std::vector<std::pair<std::string, std::string>>;
+  HeaderFields mutableHTTPRequestHeaders() const;
   // Stores the value under the field; nullopt removes the field.
   void setValueForHTTPHeaderField(std::optional<std::string> value, std::string_view field);
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
@@ -207,21 +211,38 @@ class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
     kTimeoutInterval,
     kObservedPropertyCount,
   };
+  template <typename T>
+  T readLocked(const T& field) const {
+    std::lock_guard lock(mutex_);
+    return field;
+  }
+  template <typename T>
+  void writeLocked(T& field, T value, ObservedProperty property) {
+    std::lock_guard lock(mutex_);
+    field = value;
+    markSet(property);
+  }
+  // Called with mutex_ held.
   void markSet(ObservedProperty property) { explicitlySet_ |= 1u << property; }
   bool isSet(ObservedProperty property) const { return explicitlySet_ >> property & 1u; }
+  // The header fields and the method set are replaced whole on every change, so a reader keeps a
+  // consistent snapshot without holding the lock while it uses it.
+  std::shared_ptr<const HeaderFields> headersSnapshot() const;
+  std::shared_ptr<const std::set<std::string>> methodsSnapshot() const;
 
+  mutable std::mutex mutex_;  // guards every field below except stringEncoding_
   bool allowsCellularAccess_ = false;
   bool HTTPShouldHandleCookies_ = false;
   bool HTTPShouldUsePipelining_ = false;
-  ZRBStringEncoding stringEncoding_ = ZRBUTF8StringEncoding;
   ZRBURLRequestCachePolicy cachePolicy_ = ZRBURLRequestUseProtocolCachePolicy;
   ZRBURLRequestNetworkServiceType networkServiceType_ = ZRBURLNetworkServiceTypeDefault;
   double timeoutInterval_ = 0;
-  std::set<std::string> methodsInURI_{"GET", "HEAD", "DELETE"};
+  std::shared_ptr<const std::set<std::string>> methodsInURI_;
   unsigned explicitlySet_ = 0;  // one bit per ObservedProperty
-  std::vector<std::pair<std::string, std::string>> headers_;
+  std::shared_ptr<const HeaderFields> headers_;
   ZRBHS_QueryStringSerializationStyle style_ = ZRBHS_QueryStringStyleDefault;
-  QueryStringSerialization queryStringSerialization_;
+  std::shared_ptr<const QueryStringSerialization> queryStringSerialization_;  // null when none
+  std::atomic<ZRBStringEncoding> stringEncoding_{ZRBUTF8StringEncoding};
 };
 
 // The default "Accept-Language" value for a list of language tags: "tag;q=1, tag;q=0.9, ...",
