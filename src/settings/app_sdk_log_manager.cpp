@@ -14,5 +14,7 @@ const std::shared_ptr<ZRBAppSdkLogManager>& ZRBAppSdkLogManager::sharedInstance(
 }
 
 std::string ZRBAppSdkLogManager::description() const {
-  return ZRBFieldList(ZRBObject::description()).add("collectAppSdkLogEnable", collectAppSdkLogEnable_).text();
+  return ZRBFieldList(ZRBObject::description())
+      .add("collectAppSdkLogEnable", collectAppSdkLogEnable())
+      .text();
 }

@@ -14,16 +14,16 @@ const std::shared_ptr<ZRBSetting>& ZRBSetting::sharedSetting() {
 }
 
 void ZRBSetting::setAllDomains(std::vector<std::string> domains) {
-  allDomains_ = [domains = std::move(domains)] { return domains; };
+  allDomains_.store([domains = std::move(domains)] { return domains; });
 }
 void ZRBSetting::setIsRealStgEnv(bool value) {
-  isRealStgEnv_ = [value] { return value; };
+  isRealStgEnv_.store([value] { return value; });
 }
 void ZRBSetting::setIsTrustDomains(bool value) {
-  isTrustDomains_ = [value] { return value; };
+  isTrustDomains_.store([value] { return value; });
 }
 void ZRBSetting::setIsInternational(bool value) {
-  isInternational_ = [value] { return value; };
+  isInternational_.store([value] { return value; });
 }
 
 std::string ZRBSetting::description() const {

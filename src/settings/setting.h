@@ -2,7 +2,9 @@
 //
 // Every field starts false, 0 or null and is written by the host application or the SDK's other
 // modules, typically before the first request. Only the creation of the shared instance is
-// synchronised; field reads and writes are plain, so writers must not race readers.
+// synchronised; field reads and writes are plain, so writers must not race readers. The four
+// answer functions are the exception: the transport thread asks them during TLS handshakes, so
+// they may be replaced at any time (each call runs either the old or the new function).
 #pragma once
 
 #include <functional>
@@ -14,6 +16,7 @@
 
 #include "platform/foundation/object.h"
 #include "platform/foundation/value.h"
+#include "platform/runtime/atomic_function.h"
 
 class ZRBSetting final : public ZRBObject {
  public:
@@ -63,21 +66,31 @@ class ZRBSetting final : public ZRBObject {
 
   // Host names that certificate pinning covers.
   std::vector<std::string> allDomains() const {
-    return allDomains_ ? allDomains_() : std::vector<std::string>{};
+    return allDomains_.callOr([] { return std::vector<std::string>{}; });
   }
   // True when the current server environment's certificates are accepted without pin checks.
-  bool isRealStgEnv() const { return isRealStgEnv_ && isRealStgEnv_(); }
+  bool isRealStgEnv() const {
+    return isRealStgEnv_.callOr([] { return false; });
+  }
   // Whether pinning is wanted at all.
-  bool isTrustDomains() const { return isTrustDomains_ && isTrustDomains_(); }
+  bool isTrustDomains() const {
+    return isTrustDomains_.callOr([] { return false; });
+  }
   // Whether the international service is in use.
-  bool isInternational() const { return isInternational_ && isInternational_(); }
+  bool isInternational() const {
+    return isInternational_.callOr([] { return false; });
+  }
 
   void setAllDomainsProvider(std::function<std::vector<std::string>()> provider) {
-    allDomains_ = std::move(provider);
+    allDomains_.store(std::move(provider));
   }
-  void setIsRealStgEnvProvider(std::function<bool()> provider) { isRealStgEnv_ = std::move(provider); }
-  void setIsTrustDomainsProvider(std::function<bool()> provider) { isTrustDomains_ = std::move(provider); }
-  void setIsInternationalProvider(std::function<bool()> provider) { isInternational_ = std::move(provider); }
+  void setIsRealStgEnvProvider(std::function<bool()> provider) { isRealStgEnv_.store(std::move(provider)); }
+  void setIsTrustDomainsProvider(std::function<bool()> provider) {
+    isTrustDomains_.store(std::move(provider));
+  }
+  void setIsInternationalProvider(std::function<bool()> provider) {
+    isInternational_.store(std::move(provider));
+  }
   // Fixed answers, for hosts and tests that have no logic of their own.
   void setAllDomains(std::vector<std::string> domains);
   void setIsRealStgEnv(bool value);
@@ -107,10 +120,10 @@ class ZRBSetting final : public ZRBObject {
   unsigned long deviceCid_ = 0;
   std::shared_ptr<ValueMap> mdicDomain_;
 
-  std::function<std::vector<std::string>()> allDomains_;
-  std::function<bool()> isRealStgEnv_;
-  std::function<bool()> isTrustDomains_;
-  std::function<bool()> isInternational_;
+  ZRBAtomicFunction<std::vector<std::string>()> allDomains_;
+  ZRBAtomicFunction<bool()> isRealStgEnv_;
+  ZRBAtomicFunction<bool()> isTrustDomains_;
+  ZRBAtomicFunction<bool()> isInternational_;
 };
 
 // The way the SDK's other modules write the settings that are read-only to everyone else.

@@ -16,14 +16,14 @@ void DefaultAssertHandler(const char* file, int line, const char* expression) {
 
 extern "C" {
 
-ZRB_DomainRegistryAssertHandler g_assert_hander = DefaultAssertHandler;
+std::atomic<ZRB_DomainRegistryAssertHandler> g_assert_hander{DefaultAssertHandler};
 
 void ZRB_SetDomainRegistryAssertHandler(ZRB_DomainRegistryAssertHandler handler) {
-  g_assert_hander = handler != nullptr ? handler : DefaultAssertHandler;
+  g_assert_hander.store(handler != nullptr ? handler : DefaultAssertHandler, std::memory_order_release);
 }
 
 void ZRB_DoAssert(const char* file, int line, const char* expression, int condition) {
-  if (!condition) g_assert_hander(file, line, expression);
+  if (!condition) g_assert_hander.load(std::memory_order_acquire)(file, line, expression);
 }
 
 }  // extern "C"

@@ -84,6 +84,8 @@ const Entry* FindWithWildcards(const char* component, const Entry* start, const 
   return match != nullptr ? match : wildcard;
 }
 
+// The expressions are the texts the handler reports; an atomic compared like this is read in full
+// (sequentially consistent) order.
 bool TablesAreSet(const char* component) {
   return ZRB_REGISTRY_CHECK(kTrieSearch, g_string_table != NULL) &&
          ZRB_REGISTRY_CHECK(kTrieSearch, g_node_table != NULL) &&
@@ -99,12 +101,13 @@ const ZRB_TrieNode* ZRB_FindRegistryNode(const char* component, const ZRB_TrieNo
   if (!TablesAreSet(component)) return nullptr;
   if (!zrb_registry_detail::IsValidComponent(component)) return nullptr;
 
-  const ZRB_TrieNode* start = g_node_table;
-  size_t count = g_num_root_children;
+  const ZRB_TrieNode* nodes = g_node_table.load(std::memory_order_acquire);
+  const ZRB_TrieNode* start = nodes;
+  size_t count = g_num_root_children.load(std::memory_order_acquire);
   if (parent != nullptr) {
     // Leaf children are not nodes; the caller must use ZRB_FindRegistryLeafNode.
     if (HasLeafChildren(parent) && !ZRB_REGISTRY_CHECK(kTrieSearch, 0)) return nullptr;
-    start = g_node_table + parent->first_child_offset;
+    start = nodes + parent->first_child_offset;
     count = parent->num_children;
   }
   if (count == 0) return nullptr;
@@ -118,7 +121,9 @@ const char* ZRB_FindRegistryLeafNode(const char* component, const ZRB_TrieNode* 
   }
   if (!zrb_registry_detail::IsValidComponent(component)) return nullptr;
   if (parent->num_children == 0) return nullptr;
-  const uint16_t* start = g_leaf_node_table + (parent->first_child_offset - g_leaf_node_table_offset);
+  const uint16_t* start =
+      g_leaf_node_table.load(std::memory_order_acquire) +
+      (parent->first_child_offset - g_leaf_node_table_offset.load(std::memory_order_acquire));
   const uint16_t* leaf =
       FindWithWildcards(component, start, start + parent->num_children - 1, FindLeafNodeInRange);
   return leaf != nullptr ? LabelAt(*leaf) : nullptr;
