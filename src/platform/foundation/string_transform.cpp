@@ -34,7 +34,8 @@ std::optional<std::string> ZRBStringTransform(std::string_view text, std::string
   if (found == compiled.end()) {
     UErrorCode status = U_ZERO_ERROR;
     std::unique_ptr<icu::Transliterator> made(icu::Transliterator::createInstance(
-        icu::UnicodeString::fromUTF8(icu::StringPiece(transform.data(), static_cast<std::int32_t>(transform.size()))),
+        icu::UnicodeString::fromUTF8(
+            icu::StringPiece(transform.data(), static_cast<std::int32_t>(transform.size()))),
         UTRANS_FORWARD, status));
     if (U_FAILURE(status) || !made) return std::nullopt;
     found = compiled.emplace(std::string(transform), std::move(made)).first;
