@@ -41,7 +41,10 @@ TEST(SharedStateStressTest, SwapsWhileRequestsRun) {
   ZRBSetting& setting = *ZRBSetting::sharedSetting();
   ZRBAppSdkLogManager& logs = *ZRBAppSdkLogManager::sharedInstance();
   std::atomic<int> collected{0};
+  // Everything the workers read is in place before they start; the swapper only replaces it.
   setting.setAllDomains({"example.com", "r0.example.com"});
+  ZRB_InitializeDomainRegistry();
+  ZRB_SetDomainRegistryAssertHandler(countingHandlerA);
 
   std::atomic<bool> stop{false};
   std::thread swapper([&] {
