@@ -393,7 +393,10 @@ TEST_F(URLSessionTest, ResumeAndSuspendRunThroughReplaceableSlots) {
   };
   ZRBURLSessionTask::resumeSlot().replace(wrap("resume"));
   ZRBURLSessionTask::suspendSlot().replace(wrap("suspend"));
-  server_.respond("GET", "/x", ZRBTestResponse::text(200, "x"));
+  // The answer waits, so the task cannot complete before it is suspended.
+  auto slow = ZRBTestResponse::text(200, "x");
+  slow.delayBeforeHeaders = std::chrono::milliseconds(50);
+  server_.respond("GET", "/x", slow);
   auto task = session_->downloadTaskWithURL(ZRBURL::URLWithString(server_.url("/x")));
   task->resume();
   task->suspend();
