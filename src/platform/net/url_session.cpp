@@ -100,15 +100,25 @@ std::shared_ptr<Task> ZRBURLSession::makeTask(ZRBURLSessionTask::Kind kind, ZRBU
   return task;
 }
 
-ZRBURLSessionDataTaskPtr ZRBURLSession::dataTaskWithRequest(ZRBURLRequestPtr request) {
-  TaskBody body;
+namespace {
+
+// Data and download tasks send the request's own body: its bytes, else its body stream.
+ZRBURLSessionTaskDriver::Body bodyOfRequest(const ZRBURLRequestPtr& request) {
+  ZRBURLSessionTaskDriver::Body body;
   if (request && !request->HTTPBody().isAbsent()) {
-    body.kind = TaskBody::Kind::Bytes;
+    body.kind = ZRBURLSessionTaskDriver::Body::Kind::Bytes;
     body.bytes = request->HTTPBody();
   } else if (request && request->HTTPBodyStream()) {
-    body.kind = TaskBody::Kind::Stream;
+    body.kind = ZRBURLSessionTaskDriver::Body::Kind::Stream;
     body.stream = request->HTTPBodyStream();
   }
+  return body;
+}
+
+}  // namespace
+
+ZRBURLSessionDataTaskPtr ZRBURLSession::dataTaskWithRequest(ZRBURLRequestPtr request) {
+  TaskBody body{bodyOfRequest(request)};
   return makeTask<ZRBURLSessionDataTask>(ZRBURLSessionTask::Kind::Data, std::move(request), std::move(body));
 }
 
@@ -162,8 +172,9 @@ ZRBURLSessionUploadTaskPtr ZRBURLSession::uploadTaskWithRequest(ZRBURLRequestPtr
 }
 
 ZRBURLSessionDownloadTaskPtr ZRBURLSession::downloadTaskWithRequest(ZRBURLRequestPtr request) {
+  TaskBody body{bodyOfRequest(request)};
   return makeTask<ZRBURLSessionDownloadTask>(ZRBURLSessionTask::Kind::Download, std::move(request),
-                                             TaskBody{});
+                                             std::move(body));
 }
 
 ZRBURLSessionDownloadTaskPtr ZRBURLSession::downloadTaskWithURL(ZRBURLPtr url) {

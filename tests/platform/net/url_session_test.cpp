@@ -112,6 +112,39 @@ TEST_F(URLSessionTest, BodiesGoOutFromBytesFilesAndStreams) {
   std::filesystem::remove_all(file.parent_path());
 }
 
+TEST_F(URLSessionTest, DataAndDownloadTasksSendTheRequestsBodyOrBodyStream) {
+  server_.echo("/echo");
+  const std::string payload = ZRBTestPatternBytes(7, 70000);
+  std::vector<ZRBURLSessionTaskPtr> tasks;
+  for (const char* method : {"POST", "PUT"}) {
+    for (bool stream : {false, true}) {
+      for (bool download : {false, true}) {
+        std::string target = std::string("/echo/") + method + (stream ? "/stream" : "/bytes") +
+                             (download ? "/download" : "/data");
+        auto request = requestFor(server_.url(target), method);
+        if (stream) {
+          request->setHTTPBodyStream(ZRBInputStream::inputStreamWithData(ZRBValue::data(payload)));
+        } else {
+          request->setHTTPBody(ZRBValue::data(payload));
+        }
+        tasks.push_back(download ? ZRBURLSessionTaskPtr(session_->downloadTaskWithRequest(request))
+                                 : ZRBURLSessionTaskPtr(session_->dataTaskWithRequest(request)));
+      }
+    }
+  }
+  for (auto& task : tasks) task->resume();
+  ASSERT_TRUE(delegate_->waitForCompletions(static_cast<int>(tasks.size())));
+  for (auto& task : tasks) EXPECT_EQ(delegate_->completion(task).error, nullptr) << task->description();
+  auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), tasks.size());
+  for (const auto& recorded : requests) {
+    SCOPED_TRACE(recorded.target);
+    EXPECT_EQ(recorded.method, recorded.path.substr(6, recorded.method.size()));
+    EXPECT_EQ(recorded.bodySize, payload.size());
+    EXPECT_EQ(recorded.bodySHA256, ZRBTestSHA256Hex(payload));
+  }
+}
+
 TEST_F(URLSessionTest, CompletionHandlerGetsTheWholeBodyAndConfigurationHeadersApply) {
   server_.echo("/echo");
   auto configuration = ZRBURLSessionConfiguration::ephemeralSessionConfiguration();
