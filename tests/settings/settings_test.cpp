@@ -102,19 +102,19 @@ TEST_F(VendorIdentifierTest, StablePerVendorAndAbsentWithoutMachineId) {
   auto device = ZRBDevice::currentDevice();
   device->setMachineIdPath(writeMachineId("0123456789abcdef0123456789abcdef"));
   device->setVendor("com.example");
-  auto first = zrb_identifier_for_vendor();
+  auto first = ZRBIdentifierForVendor();
   ASSERT_TRUE(first);
   EXPECT_TRUE(std::regex_match(
       *first, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-5[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")))
       << *first;
-  EXPECT_EQ(zrb_identifier_for_vendor(), first);
+  EXPECT_EQ(ZRBIdentifierForVendor(), first);
   device->setVendor("com.other");
-  EXPECT_NE(zrb_identifier_for_vendor(), first);
+  EXPECT_NE(ZRBIdentifierForVendor(), first);
 
   device->setMachineIdPath(testing::TempDir() + "no-such-machine-id");
-  EXPECT_FALSE(zrb_identifier_for_vendor());
+  EXPECT_FALSE(ZRBIdentifierForVendor());
   device->setMachineIdPath(writeMachineId(""));
-  EXPECT_FALSE(zrb_identifier_for_vendor());
+  EXPECT_FALSE(ZRBIdentifierForVendor());
 }
 
 TEST(ExportedSymbolsTest, FoundThroughDlsym) {
@@ -123,10 +123,15 @@ TEST(ExportedSymbolsTest, FoundThroughDlsym) {
   auto* number = static_cast<const double*>(dlsym(library, "ORVELKITVersionNumber"));
   auto* text = static_cast<const char*>(dlsym(library, "ORVELKITVersionString"));
   auto* flag = static_cast<int*>(dlsym(library, "g_DebugFlag"));
-  ASSERT_TRUE(number && text && flag);
+  auto* vendor = reinterpret_cast<const char* (*)()>(dlsym(library, "zrb_identifier_for_vendor"));
+  ASSERT_TRUE(number && text && flag && vendor);
   EXPECT_EQ(*number, 1.0);
   EXPECT_STREQ(text, "@(#)PROGRAM:ORVELKIT  PROJECT:ORVELKIT-1\n");
   EXPECT_EQ(*flag, 0);
+  // The C function answers what the C++ one does (null without a machine id).
+  auto expected = ZRBIdentifierForVendor();
+  const char* answer = vendor();
+  EXPECT_EQ(answer ? std::optional<std::string>(answer) : std::nullopt, expected);
   dlclose(library);
 }
 

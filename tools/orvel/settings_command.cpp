@@ -16,7 +16,7 @@ int orvelVersionCommand(OrvelArguments) {
 }
 
 int orvelSettingsCommand(OrvelArguments) {
-  auto vendorId = zrb_identifier_for_vendor();
+  auto vendorId = ZRBIdentifierForVendor();
   std::printf("%s\n", ZRBSetting::sharedSetting()->description().c_str());
   std::printf("%s\n", ZRBSDKConfig::sharedInstance()->description().c_str());
   std::printf("%s\n", ZRBAppSdkLogManager::sharedInstance()->description().c_str());
