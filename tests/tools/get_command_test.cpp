@@ -3,6 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,11 +46,12 @@ void writeFile(const std::filesystem::path& path, std::string_view bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
 }
 
-// Runs `orvel get ARGUMENTS...`. With `terminal`, standard error is a pseudo-terminal and standard
-// output goes to /dev/null. `whileRunning` gets the child's id before it is waited for.
-Run orvelGet(std::vector<std::string> arguments, bool terminal = false,
-             const std::function<void(pid_t)>& whileRunning = {}) {
-  arguments.insert(arguments.begin(), {"orvel", "get"});
+// Runs the program `arguments[0]` with the rest. With `terminal`, standard error is a
+// pseudo-terminal and standard output goes to /dev/null. `whileRunning` gets the child's id before
+// it is waited for; `beforeExec` runs in the child.
+Run runProgram(std::vector<std::string> arguments, bool terminal = false,
+               const std::function<void(pid_t)>& whileRunning = {},
+               const std::function<void()>& beforeExec = {}) {
   std::vector<char*> argv;
   for (auto& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
@@ -59,7 +64,8 @@ Run orvelGet(std::vector<std::string> arguments, bool terminal = false,
   if (child == 0) {
     dup2(terminal ? open("/dev/null", O_WRONLY) : ends[1], STDOUT_FILENO);
     if (!terminal) dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-    execv(ORVEL_PROGRAM_PATH, argv.data());
+    if (beforeExec) beforeExec();
+    execv(argv[0], argv.data());
     _exit(127);
   }
   if (ends[1] >= 0) close(ends[1]);
@@ -75,6 +81,13 @@ Run orvelGet(std::vector<std::string> arguments, bool terminal = false,
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   if (!terminal) run.err = readFile(errors);
   return run;
+}
+
+// Runs `orvel get ARGUMENTS...` (see runProgram).
+Run orvelGet(std::vector<std::string> arguments, bool terminal = false,
+             const std::function<void(pid_t)>& whileRunning = {}) {
+  arguments.insert(arguments.begin(), {ORVEL_PROGRAM_PATH, "get"});
+  return runProgram(std::move(arguments), terminal, whileRunning);
 }
 
 class OrvelGetHTTPS : public testing::Test {
@@ -230,6 +243,73 @@ TEST_F(OrvelGet, DrawsProgressBarsForLongTransfersOnATerminal) {
   EXPECT_EQ(
       orvelGet({"-s", "-o", (directory_.path / "quiet.bin").string(), server_.url("/big.bin")}, true).err,
       "");
+}
+
+TEST_F(OrvelGet, DownloadsSendTheirBodyAndTheUserAgentNamesTheProgram) {
+  auto answer = (directory_.path / "answer.json").string();
+  auto run = orvelGet({"-o", answer, "-d", "a=b", server_.url("/sink")});
+  EXPECT_EQ(run.status, 0) << run.err;
+  run = orvelGet({"-X", "PUT", "-d", "x", "-o", answer, server_.url("/sink")});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(readFile(answer).find("\"bytes\":1"), std::string::npos) << readFile(answer);
+  auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].method, "POST");
+  EXPECT_EQ(requests[0].body, "a=b");
+  EXPECT_EQ(requests[1].method, "PUT");
+  EXPECT_EQ(requests[1].body, "x");
+  auto userAgent = requests[0].header("User-Agent").value_or("");
+  EXPECT_TRUE(std::regex_search(userAgent, std::regex(R"(^orvel/[0-9]+\.[0-9]+\.[0-9]+ \(.+; Scale/)")))
+      << userAgent;
+}
+
+// -o naming a device, a FIFO or "-": the body is written as it arrives and the path stays what it
+// was; a device that takes nothing is a clear failure.
+TEST_F(OrvelGet, WritesIntoDevicesFIFOsAndStandardOutput) {
+  auto run = orvelGet({"-o", "/dev/null", server_.url("/big.bin")});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+  run = orvelGet({"-o", "-", server_.url("/new")});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "new place");
+
+  auto fifo = directory_.path / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::string fromFifo;
+  std::thread reader([&] { fromFifo = readFile(fifo); });
+  run = orvelGet({"-o", fifo.string(), server_.url("/big.bin")});
+  close(open(fifo.c_str(), O_WRONLY | O_NONBLOCK));  // frees the reader if orvel never opened it
+  reader.join();
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(ZRBTestSHA256Hex(fromFifo), ZRBTestPatternSHA256(0, kSize));
+  EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+
+  run = orvelGet({"-o", "/dev/full", server_.url("/big.bin")});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "orvel: cannot write /dev/full: No space left on device\n");
+}
+
+// A file system that fills up half-way (64 KiB, in a mount namespace of the child's own) leaves an
+// existing target as it was and no file for a new one, and says why.
+TEST_F(OrvelGet, AWriteThatFailsHalfWayLeavesTheTargetAsItWas) {
+  auto small = (directory_.path / "small").string();
+  std::filesystem::create_directory(small);
+  std::string orvel = ORVEL_PROGRAM_PATH;
+  std::string script = "echo old > " + small + "/kept.bin; " + orvel + " get -o " + small + "/kept.bin " +
+                       server_.url("/big.bin") + "; a=$?; " + orvel + " get -o " + small + "/new.bin " +
+                       server_.url("/big.bin") + "; echo \"status $a $?\"; ls -A " + small + "; cat " +
+                       small + "/kept.bin";
+  auto run = runProgram({"/bin/sh", "-c", script}, false, {}, [&] {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", small.c_str(), "tmpfs", 0, "size=64k") != 0) {
+      _exit(77);
+    }
+  });
+  if (run.status == 77) GTEST_SKIP() << "no mount namespace for a small file system here";
+  EXPECT_EQ(run.out, "status 1 1\nkept.bin\nold\n");
+  EXPECT_EQ(run.err, "orvel: cannot write " + small +
+                         "/kept.bin: No space left on device\norvel: cannot write " + small +
+                         "/new.bin: No space left on device\n");
 }
 
 TEST(OrvelGetResume, SavingKeepsBytesOrABinaryPropertyListAndReplacesOldData) {

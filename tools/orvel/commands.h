@@ -9,6 +9,10 @@
 
 using OrvelArguments = std::span<const std::string_view>;
 
+// Gives the main bundle the program's name and the library version ("orvel", "1.0.0") where its
+// information map has none; the default User-Agent is built from them.
+void orvelDescribeMainBundle();
+
 // The whole contents of a file, or of standard input for "-"; nullopt when it cannot be read.
 std::optional<std::string> orvelReadFile(std::string_view path);
 

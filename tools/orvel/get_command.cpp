@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "get_delegate.h"
 #include "get_options.h"
+#include "get_output_target.h"
 #include "get_request.h"
 #include "get_resume.h"
 #include "platform/foundation/exception.h"
@@ -65,10 +66,6 @@ std::string hostOf(const std::string& url) {
   return host.value_or(url);
 }
 
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
 }  // namespace
 
 int orvelGetCommand(OrvelArguments arguments) {
@@ -88,7 +85,6 @@ int orvelGetCommand(OrvelArguments arguments) {
   settings.failOnHTTPError = options->failOnHTTPError;
   settings.followRedirects = options->followRedirects;
   settings.insecure = options->insecure;
-  settings.outputPath = options->outputPath;
   // Like curl, no bar when the body itself goes to the same terminal.
   bool bodyOnTerminal = !options->outputPath && isatty(fileno(stdout)) != 0;
   settings.showProgress = !options->silent && isatty(fileno(stderr)) != 0 && !bodyOnTerminal;
@@ -108,20 +104,23 @@ int orvelGetCommand(OrvelArguments arguments) {
   }
   auto request = built->request;
 
-  // Where the body goes: a download task moves its file into place; everything else streams into
-  // standard output or, for a Range resume or an upload with -o, straight into the output file.
+  // Where the body goes (get_output_target.h): a file to replace is fetched by a download task
+  // whose file is moved into place, unless the body is an upload's answer; everything else streams
+  // into standard output, the device or FIFO named by -o, or, for a Range resume, the file itself.
   OrvelResumePlan plan;
   if (options->resume) plan = orvelPlanResume(*options->outputPath);
-  bool download = options->outputPath && !built->streamedBody && plan.kind != OrvelResumePlan::Range;
-  std::unique_ptr<std::FILE, FileCloser> outputFile;
-  if (options->outputPath && !download) {
-    bool append = plan.kind == OrvelResumePlan::Range;
-    outputFile.reset(std::fopen(options->outputPath->c_str(), append ? "ab" : "wb"));
-    if (!outputFile) {
-      complain("cannot open " + *options->outputPath + ": " + std::strerror(errno));
-      return 1;
-    }
-    settings.body = outputFile.get();
+  OrvelOutputTarget output;
+  if (!output.prepare(options->outputPath, plan.kind == OrvelResumePlan::Range, problem)) {
+    complain(problem);
+    return 1;
+  }
+  bool download = output.kind() == OrvelOutputTarget::Kind::ReplacedFile && !built->streamedBody;
+  settings.body = output.stream();
+  settings.bodyName = output.name();
+  if (download) {
+    settings.moveDownload = [&output](const std::string& location, std::string& failure) {
+      return output.commitDownload(location, failure);
+    };
   }
   if (plan.kind == OrvelResumePlan::Range) {
     settings.rangeOffset = plan.offset;
@@ -178,10 +177,6 @@ int orvelGetCommand(OrvelArguments arguments) {
                          resumeDataDone.wait_for(std::chrono::seconds(10)) == std::future_status::ready &&
                          resumeDataDone.get();
   session->invalidateAndCancel();
-  if (outputFile && std::fflush(outputFile.get()) != 0) {
-    complain("cannot write " + *options->outputPath + ": " + std::strerror(errno));
-    return 1;
-  }
 
   if (interrupted) {
     if (keptOnInterrupt) {
@@ -227,6 +222,10 @@ int orvelGetCommand(OrvelArguments arguments) {
     } else if (plan.kind == OrvelResumePlan::Range) {
       complain("run again with -C to continue " + *options->outputPath);
     }
+    return 1;
+  }
+  if (!download && !output.commitStream(problem)) {
+    complain(problem);
     return 1;
   }
   if (options->outputPath) orvelDiscardResumeData(*options->outputPath);

@@ -5,8 +5,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
 
 #include "http/multipart_body_stream.h"
 #include "platform/net/url_session_task.h"
@@ -35,18 +33,6 @@ std::optional<std::uint64_t> rangeStart(const std::optional<std::string>& conten
   auto [at, failure] = std::from_chars(begin, contentRange->data() + contentRange->size(), start);
   if (failure != std::errc() || at == begin || *at != '-') return std::nullopt;
   return start;
-}
-
-// rename(2), or a copy when the temporary file lives on another file system.
-bool moveFile(const std::string& from, const std::string& to, std::string& failure) {
-  std::error_code error;
-  std::filesystem::rename(from, to, error);
-  if (error == std::errc::cross_device_link) {
-    error.clear();
-    std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing, error);
-  }
-  if (error) failure = "cannot write " + to + ": " + error.message();
-  return !error;
 }
 
 }  // namespace
@@ -172,7 +158,7 @@ void OrvelGetDelegate::taskDidComplete(const ZRBURLSessionPtr&, const ZRBURLSess
   }
   if (std::fflush(settings_.body) != 0) {
     std::lock_guard lock(mutex_);
-    fail(std::string("cannot write the body: ") + std::strerror(errno));
+    fail("cannot write " + settings_.bodyName + ": " + std::strerror(errno));
   }
   std::lock_guard lock(mutex_);
   if (!response_) response_ = std::dynamic_pointer_cast<const ZRBHTTPURLResponse>(task->response());
@@ -234,7 +220,7 @@ void OrvelGetDelegate::dataTaskDidReceiveResponse(
     // The server ignored the range: the file starts over.
     if (ftruncate(fileno(settings_.body), 0) != 0) {
       std::lock_guard lock(mutex_);
-      fail(std::string("cannot truncate the output: ") + std::strerror(errno));
+      fail("cannot write " + settings_.bodyName + ": " + std::strerror(errno));
       completion(ZRBURLSessionResponseCancel);
       return;
     }
@@ -253,7 +239,7 @@ void OrvelGetDelegate::dataTaskDidReceiveData(const ZRBURLSessionPtr&, const ZRB
   if (std::fwrite(bytes.data(), 1, bytes.size(), settings_.body) != bytes.size()) {
     {
       std::lock_guard lock(mutex_);
-      fail(std::string("cannot write the body: ") + std::strerror(errno));
+      fail("cannot write " + settings_.bodyName + ": " + std::strerror(errno));
     }
     task->cancel();
     return;
@@ -274,9 +260,9 @@ void OrvelGetDelegate::downloadTaskDidFinishDownloading(const ZRBURLSessionPtr&,
     if (!acceptStatus(*http)) return;  // the temporary file goes away with it
     printHead(*http);
   }
-  if (!settings_.outputPath) return;
+  if (!settings_.moveDownload) return;
   std::string failure;
-  if (!moveFile(location->path(), *settings_.outputPath, failure)) {
+  if (!settings_.moveDownload(location->path(), failure)) {
     std::lock_guard lock(mutex_);
     fail(std::move(failure));
   }

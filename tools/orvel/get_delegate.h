@@ -29,10 +29,12 @@ class OrvelGetDelegate final : public ZRBURLSessionDelegate {
     bool insecure = false;
     // --cacert: the only anchors a server chain may end at; empty for the system's own checks.
     std::vector<ZRBSecCertificatePtr> anchors;
-    // Data tasks write the body here (standard output, or the output file for a Range resume).
+    // Data tasks write the body here (see get_output_target.h), named so in messages.
     std::FILE* body = stdout;
-    // Download tasks move the finished file here.
-    std::optional<std::string> outputPath;
+    std::string bodyName = "standard output";
+    // Download tasks hand their finished file to this; false with a message when it cannot be put
+    // into place.
+    std::function<bool(const std::string& location, std::string& failure)> moveDownload;
     // A Range resume: the body continues a file of this size (the server must answer 206 from
     // there, or 200 with everything, which then replaces the file).
     std::optional<std::uint64_t> rangeOffset;

@@ -36,6 +36,7 @@ void printUsage(std::FILE* out) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  orvelDescribeMainBundle();
   std::vector<std::string_view> arguments(argv + 1, argv + argc);
   if (arguments.empty()) {
     int status = orvelVersionCommand({});
