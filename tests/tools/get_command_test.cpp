@@ -312,6 +312,46 @@ TEST_F(OrvelGet, AWriteThatFailsHalfWayLeavesTheTargetAsItWas) {
                          "/new.bin: No space left on device\n");
 }
 
+// Failures after the command line was accepted: each is one line on standard error and an exit
+// status of its own (see the README), and none leaves a broken output file behind.
+TEST_F(OrvelGet, ErrorPathsSayWhatFailedAndExitWithTheirStatus) {
+  server_.respond("GET", "/error", ZRBTestResponse::text(500, "broken"));
+  server_.redirectLoop("/loop/a", "/loop/b");
+  auto output = directory_.path / "out.bin";
+  auto noCertificate = directory_.path / "no-certificate.pem";
+  writeFile(noCertificate, "-----BEGIN NOTHING-----\n-----END NOTHING-----\n");
+  struct Case {
+    std::vector<std::string> arguments;
+    int status;
+    std::string message;  // the whole of standard error
+  };
+  const Case cases[] = {
+      {{"--cacert", noCertificate.string(), server_.url("/new")},
+       2,
+       "orvel: --cacert " + noCertificate.string() + ": no PEM certificate in it\n"},
+      {{"-o", (directory_.path / "missing" / "out.bin").string(), server_.url("/new")},
+       1,
+       "orvel: cannot write " + (directory_.path / "missing" / "out.bin").string() +
+           ": No such file or directory\n"},
+      {{"-L", server_.url("/loop/a")}, 1, "orvel: too many HTTP redirects (ZRBURLErrorDomain -1007)\n"},
+      {{"-C", "-o", output.string(), server_.url("/error")},
+       22,
+       "orvel: cannot resume " + output.string() + ": the server answered 500 Internal Server Error\n"},
+  };
+  writeFile(output, "first part");
+  for (const auto& c : cases) {
+    std::string shown;
+    for (const auto& argument : c.arguments) shown += argument + " ";
+    SCOPED_TRACE(shown);
+    auto run = orvelGet(c.arguments);
+    EXPECT_EQ(run.status, c.status);
+    EXPECT_EQ(run.err, c.message);
+  }
+  EXPECT_EQ(readFile(output), "first part");  // the failed resume left the file as it was
+  // Only the redirects and the resume reached the server: the bad --cacert and output were caught first.
+  for (const auto& request : server_.requests()) EXPECT_NE(request.path, "/new");
+}
+
 TEST(OrvelGetResume, SavingKeepsBytesOrABinaryPropertyListAndReplacesOldData) {
   TemporaryDirectory directory;
   auto output = (directory.path / "f").string();
@@ -390,6 +430,25 @@ TEST_F(OrvelGetResumeRun, CtrlCKeepsResumeDataForTheNextRun) {
   auto requests = server_.requests();
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[1].header("If-Range"), "\"v2\"");
+}
+
+TEST_F(OrvelGetResumeRun, AnErrorStatusOnResumeKeepsWhatThereIs) {
+  auto run = orvelGet({"-o", output_, server_.url("/cut.bin")});
+  ASSERT_EQ(run.status, 1);
+  ASSERT_TRUE(std::filesystem::exists(output_ + ".orvel-resume"));
+  server_.respond("GET", "/cut.bin", ZRBTestResponse::text(503, "try later"));
+  run = orvelGet({"-C", "-o", output_, server_.url("/cut.bin")});
+  EXPECT_EQ(run.status, 22);
+  EXPECT_EQ(run.err, "orvel: cannot resume " + output_ + ": the server answered 503 Service Unavailable\n");
+  EXPECT_FALSE(std::filesystem::exists(output_));
+  EXPECT_TRUE(std::filesystem::exists(output_ + ".orvel-resume"));
+
+  // Once the server is back, the next -C completes the file (from the resume data while the
+  // session still has its partial file, else from the start).
+  server_.serveRanges("/cut.bin", {.body = ZRBTestBodySource::pattern(kSize), .etag = std::string("\"v1\"")});
+  run = orvelGet({"-C", "-o", output_, server_.url("/cut.bin")});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(ZRBTestSHA256Hex(readFile(output_)), ZRBTestPatternSHA256(0, kSize));
 }
 
 TEST_F(OrvelGetResumeRun, APartialFileWithoutResumeDataIsContinuedWithRange) {

@@ -89,10 +89,17 @@ int orvelGetCommand(OrvelArguments arguments) {
   bool bodyOnTerminal = !options->outputPath && isatty(fileno(stdout)) != 0;
   settings.showProgress = !options->silent && isatty(fileno(stderr)) != 0 && !bodyOnTerminal;
   if (options->caCertificatePath) {
-    auto pem = orvelReadFile(*options->caCertificatePath);
-    if (pem) settings.anchors = ZRBSecCertificate::createAllWithPEM(*pem);
+    const std::string& path = *options->caCertificatePath;
+    errno = 0;
+    auto pem = orvelReadFile(path);
+    if (!pem) {
+      complain("--cacert " + path + ": cannot read it" +
+               (errno ? std::string(": ") + std::strerror(errno) : ""));
+      return 2;
+    }
+    settings.anchors = ZRBSecCertificate::createAllWithPEM(*pem);
     if (settings.anchors.empty()) {
-      complain(*options->caCertificatePath + ": no PEM certificate to trust");
+      complain("--cacert " + path + ": no PEM certificate in it");
       return 2;
     }
   }
@@ -122,6 +129,7 @@ int orvelGetCommand(OrvelArguments arguments) {
       return output.commitDownload(location, failure);
     };
   }
+  settings.resuming = plan.kind == OrvelResumePlan::ResumeData;
   if (plan.kind == OrvelResumePlan::Range) {
     settings.rangeOffset = plan.offset;
     request->setValue(orvelRangeHeaderValue(plan.offset), "Range");
@@ -204,7 +212,7 @@ int orvelGetCommand(OrvelArguments arguments) {
     auto response = delegate->response();
     long status = response ? response->statusCode() : 0;
     std::string answer = std::to_string(status) + " " + orvelReasonPhrase(status);
-    complain(plan.kind == OrvelResumePlan::Range
+    complain(plan.kind != OrvelResumePlan::Fresh
                  ? "cannot resume " + *options->outputPath + ": the server answered " + answer
                  : "the requested URL returned error: " + answer);
     return status >= 400 ? 22 : 1;

@@ -182,6 +182,11 @@ bool OrvelGetDelegate::acceptStatus(const ZRBHTTPURLResponse& response) {
     }
     return false;
   }
+  if (settings_.resuming && (status < 200 || status >= 300)) {
+    std::lock_guard lock(mutex_);
+    rejectedStatus_ = true;
+    return false;
+  }
   if (settings_.failOnHTTPError && status >= 400) {
     std::lock_guard lock(mutex_);
     rejectedStatus_ = true;

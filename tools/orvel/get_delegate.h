@@ -38,6 +38,8 @@ class OrvelGetDelegate final : public ZRBURLSessionDelegate {
     // A Range resume: the body continues a file of this size (the server must answer 206 from
     // there, or 200 with everything, which then replaces the file).
     std::optional<std::uint64_t> rangeOffset;
+    // A download resumed from resume data: only a 2xx answer continues (or restarts) it.
+    bool resuming = false;
     bool showProgress = false;
   };
 

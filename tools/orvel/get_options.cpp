@@ -1,5 +1,12 @@
 #include "get_options.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <optional>
 #include <string_view>
 
 namespace {
@@ -10,97 +17,212 @@ std::string_view trim(std::string_view text) {
   return text;
 }
 
+std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
+
+// A token of HTTP: what field names and methods are made of.
+bool isToken(std::string_view text) {
+  static constexpr std::string_view kSeparators = "!#$%&'*+-.^_`|~";
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || kSeparators.find(c) != std::string_view::npos;
+  });
+}
+
+// A field value must not end the line or the head early.
+bool isFieldValue(std::string_view text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == text.npos;
+}
+
+// "@FILE" (or "@-" for standard input) is replaced by what FILE holds, as curl does; a single line
+// break at its end is dropped. False with `error` set when it cannot be read.
+bool expandFile(std::string_view shown, std::string_view value, std::string& out, std::string& error) {
+  if (!value.starts_with("@")) {
+    out = std::string(value);
+    return true;
+  }
+  auto path = value.substr(1);
+  if (path.empty()) {
+    error = std::string(shown) + " @FILE: no file named";
+    return false;
+  }
+  errno = 0;
+  auto contents = orvelReadFile(path);
+  if (!contents) {
+    error = std::string(shown) + " " + std::string(value) + ": cannot read it" +
+            (errno ? std::string(": ") + std::strerror(errno) : "");
+    return false;
+  }
+  if (contents->ends_with("\r\n")) {
+    contents->resize(contents->size() - 2);
+  } else if (contents->ends_with('\n')) {
+    contents->pop_back();
+  }
+  out = std::move(*contents);
+  return true;
+}
+
 // "Name: value" sets a field, "Name:" removes one the library would send, "Name;" sends it empty:
 // the same three spellings curl understands.
-bool parseHeader(std::string_view text, OrvelGetOptions& options, std::string& error) {
+bool parseHeader(std::string_view shown, std::string_view text, OrvelGetOptions& options,
+                 std::string& error) {
   auto colon = text.find(':');
-  if (colon == std::string_view::npos) {
-    if (!text.empty() && text.back() == ';' && !trim(text.substr(0, text.size() - 1)).empty()) {
-      options.headers.push_back({std::string(trim(text.substr(0, text.size() - 1))), "", false});
-      return true;
-    }
-    error = "header '" + std::string(text) + "' is not \"Name: value\"";
+  std::string_view name, value;
+  bool empty = false;
+  if (colon != std::string_view::npos) {
+    name = trim(text.substr(0, colon));
+    value = trim(text.substr(colon + 1));
+  } else if (!text.empty() && text.back() == ';') {
+    name = trim(text.substr(0, text.size() - 1));
+    empty = true;
+  } else {
+    error = std::string(shown) + " " + quoted(text) + ": not \"Name: value\"";
     return false;
   }
-  auto name = trim(text.substr(0, colon));
   if (name.empty()) {
-    error = "header '" + std::string(text) + "' has no name";
+    error = std::string(shown) + " " + quoted(text) + ": the field has no name";
     return false;
   }
-  auto value = trim(text.substr(colon + 1));
-  options.headers.push_back({std::string(name), std::string(value), value.empty()});
+  if (!isToken(name)) {
+    error = std::string(shown) + " " + quoted(text) + ": " + quoted(name) + " is not a field name";
+    return false;
+  }
+  if (!isFieldValue(value)) {
+    error = std::string(shown) + ": the value of " + std::string(name) + " holds a line break";
+    return false;
+  }
+  options.headers.push_back({std::string(name), std::string(value), !empty && value.empty()});
   return true;
+}
+
+// A whole positive number of bytes.
+std::optional<std::uint64_t> parseByteCount(std::string_view text) {
+  std::uint64_t value = 0;
+  auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (failure != std::errc() || end != text.data() + text.size() || value == 0) return std::nullopt;
+  return value;
+}
+
+// Whether a word after an option looks like a number meant for it ("-1", "300").
+bool looksNumeric(std::string_view word) {
+  if (word.starts_with('-') || word.starts_with('+')) word.remove_prefix(1);
+  return !word.empty() && std::all_of(word.begin(), word.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 struct Option {
   char shortName;  // 0: long form only
   std::string_view longName;
-  bool takesValue;
-  // Returns false (with `error` set) when the value is unusable.
-  bool (*apply)(OrvelGetOptions& options, std::string_view value, std::string& error);
-  // curl spells "resume where the file ends" as "-C -"; the "-" is taken when it follows.
-  bool takesOptionalDash = false;
+  enum Value { None, Required, OptionalDash, OptionalNumber } value;
+  // Returns false (with `error` set) when the value is unusable. `shown` is the option as typed.
+  bool (*apply)(OrvelGetOptions& options, std::string_view value, std::string_view shown, std::string& error);
 };
 
+// Options whose value names something (a file, a method) refuse an empty one.
+bool needsText(std::string_view value, std::string_view shown, std::string_view what, std::string& error) {
+  if (!value.empty()) return true;
+  error = std::string(shown) + " needs " + std::string(what);
+  return false;
+}
+
 constexpr Option kOptions[] = {
-    {'o', "output", true,
-     [](OrvelGetOptions& o, std::string_view v, std::string&) {
+    {'o', "output", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       if (!needsText(v, shown, "a file name (or - for standard output)", e)) return false;
        // "-o -" is standard output, as with curl.
        o.outputPath = v == "-" ? std::nullopt : std::optional<std::string>(v);
        return true;
      }},
-    {'i', "include", false,
-     [](OrvelGetOptions& o, std::string_view, std::string&) { return o.includeHead = true; }},
-    {'f', "fail", false,
-     [](OrvelGetOptions& o, std::string_view, std::string&) { return o.failOnHTTPError = true; }},
-    {'L', "location", false,
-     [](OrvelGetOptions& o, std::string_view, std::string&) { return o.followRedirects = true; }},
-    {'C', "continue-at", false,
-     [](OrvelGetOptions& o, std::string_view, std::string&) { return o.resume = true; }, true},
-    {'k', "insecure", false,
-     [](OrvelGetOptions& o, std::string_view, std::string&) { return o.insecure = true; }},
-    {'s', "silent", false,
-     [](OrvelGetOptions& o, std::string_view, std::string&) { return o.silent = true; }},
-    {'G', "get", false, [](OrvelGetOptions& o, std::string_view, std::string&) { return o.forceGet = true; }},
-    {0, "throttle", false,
-     [](OrvelGetOptions& o, std::string_view, std::string&) { return o.throttle = true; }},
-    {0, "cacert", true,
-     [](OrvelGetOptions& o, std::string_view v, std::string&) {
+    {'i', "include", Option::None,
+     [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) {
+       return o.includeHead = true;
+     }},
+    {'f', "fail", Option::None,
+     [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) {
+       return o.failOnHTTPError = true;
+     }},
+    {'L', "location", Option::None,
+     [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) {
+       return o.followRedirects = true;
+     }},
+    // curl spells "resume where the file ends" as "-C -"; an offset is not supported.
+    {'C', "continue-at", Option::OptionalDash,
+     [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) { return o.resume = true; }},
+    {'k', "insecure", Option::None,
+     [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) { return o.insecure = true; }},
+    {'s', "silent", Option::None,
+     [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) { return o.silent = true; }},
+    {'G', "get", Option::None,
+     [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) { return o.forceGet = true; }},
+    {0, "throttle", Option::OptionalNumber,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       o.throttle = true;
+       if (v.empty()) return true;
+       auto size = parseByteCount(v);
+       if (!size) {
+         e = std::string(shown) + " " + quoted(v) + ": not a packet size (a positive number of bytes)";
+         return false;
+       }
+       o.throttlePacketSize = *size;
+       return true;
+     }},
+    {0, "cacert", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       if (!needsText(v, shown, "a file name", e)) return false;
        o.caCertificatePath = std::string(v);
        return true;
      }},
-    {'H', "header", true,
-     [](OrvelGetOptions& o, std::string_view v, std::string& e) { return parseHeader(v, o, e); }},
-    {'X', "request", true,
-     [](OrvelGetOptions& o, std::string_view v, std::string& e) {
-       if (v.empty()) {
-         e = "-X needs a method";
+    {'H', "header", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       return parseHeader(shown, v, o, e);
+     }},
+    {'X', "request", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       if (!needsText(v, shown, "a method", e)) return false;
+       if (!isToken(v)) {
+         e = std::string(shown) + " " + quoted(v) + ": not a method name";
          return false;
        }
        o.method = std::string(v);
        return true;
      }},
-    {'d', "data", true,
-     [](OrvelGetOptions& o, std::string_view v, std::string&) {
-       o.dataFields.emplace_back(v);
+    {'d', "data", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       std::string field;
+       if (!expandFile(shown, v, field, e)) return false;
+       if (field.starts_with('=')) {
+         e = std::string(shown) + " " + quoted(field) + ": the field has no name";
+         return false;
+       }
+       o.dataFields.push_back(std::move(field));
        return true;
      }},
-    {0, "json", true,
-     [](OrvelGetOptions& o, std::string_view v, std::string&) {
-       o.json = std::string(v);
+    {0, "json", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       std::string document;
+       if (!expandFile(shown, v, document, e)) return false;
+       if (!needsText(document, shown, "a JSON document", e)) return false;
+       o.json = std::move(document);
        return true;
      }},
-    {'F', "form", true,
-     [](OrvelGetOptions& o, std::string_view v, std::string& e) {
-       if (v.find('=') == std::string_view::npos || v.front() == '=') {
-         e = "form field '" + std::string(v) + "' is not \"name=value\" or \"name=@file\"";
+    {'F', "form", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       auto equals = v.find('=');
+       if (equals == std::string_view::npos || equals == 0) {
+         e = std::string(shown) + " " + quoted(v) + ": not \"name=value\" or \"name=@file\"";
+         return false;
+       }
+       if (v.substr(equals + 1) == "@" || v.substr(equals + 1).starts_with("@;")) {
+         e = std::string(shown) + " " + quoted(v) + ": no file after @";
          return false;
        }
        o.formFields.emplace_back(v);
        return true;
      }},
-    {'u', "user", true,
-     [](OrvelGetOptions& o, std::string_view v, std::string&) {
+    {'u', "user", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       // "user" alone has an empty password.
+       if (v.empty() || v.front() == ':') {
+         e = std::string(shown) + " " + quoted(v) + ": no user name in \"user:password\"";
+         return false;
+       }
        o.user = std::string(v);
        return true;
      }},
@@ -152,6 +274,25 @@ std::optional<OrvelGetOptions> orvelParseGetArguments(OrvelArguments arguments, 
       return true;
     };
 
+    // The word after an option whose value may be left out: "-C -" takes the dash; a number after
+    // -C (an offset, which is not supported) or after --throttle belongs to it too, so that "-C 100"
+    // or "--throttle -1" is refused by name instead of being read as a URL or another option.
+    auto takeOptionalValue = [&](const Option& option, const std::string& shown, std::string_view& value) {
+      if (index + 1 >= arguments.size()) return true;
+      std::string_view next = arguments[index + 1];
+      if (option.value == Option::OptionalDash && next == "-") {
+        ++index;
+      } else if (option.value == Option::OptionalDash && looksNumeric(next)) {
+        error = shown + " " + quoted(next) + ": only \"" + shown +
+                " -\" (resume where the file ends) is supported";
+        return false;
+      } else if (option.value == Option::OptionalNumber && looksNumeric(next)) {
+        value = next;
+        ++index;
+      }
+      return true;
+    };
+
     if (optionsEnded || argument.size() < 2 || argument.front() != '-') {
       if (!takeURL(argument)) return std::nullopt;
       continue;
@@ -169,18 +310,23 @@ std::optional<OrvelGetOptions> orvelParseGetArguments(OrvelArguments arguments, 
         error = "unknown option '" + std::string(argument) + "'";
         return std::nullopt;
       }
+      std::string shown = "--" + std::string(name);
       std::string_view value;
-      if (option->takesValue) {
-        bool hasInline = equals != std::string_view::npos;
-        if (!valueFor(hasInline ? body.substr(equals + 1) : std::string_view(), hasInline, argument, value)) {
+      bool hasInline = equals != std::string_view::npos;
+      if (option->value == Option::Required) {
+        if (!valueFor(hasInline ? body.substr(equals + 1) : std::string_view(), hasInline, shown, value)) {
           return std::nullopt;
         }
-      } else if (equals != std::string_view::npos) {
-        error = "option --" + std::string(name) + " takes no value";
+      } else if (hasInline && option->value == Option::OptionalNumber) {
+        value = body.substr(equals + 1);
+        if (value.empty()) value = "(empty)";
+      } else if (hasInline) {
+        error = "option " + shown + " takes no value";
+        return std::nullopt;
+      } else if (!takeOptionalValue(*option, shown, value)) {
         return std::nullopt;
       }
-      if (!option->apply(options, value, error)) return std::nullopt;
-      if (option->takesOptionalDash && index + 1 < arguments.size() && arguments[index + 1] == "-") ++index;
+      if (!option->apply(options, value, shown, error)) return std::nullopt;
       continue;
     }
     // A cluster of short options ("-sfL"); one that takes a value ends the cluster.
@@ -191,18 +337,15 @@ std::optional<OrvelGetOptions> orvelParseGetArguments(OrvelArguments arguments, 
         return std::nullopt;
       }
       std::string_view value;
-      if (option->takesValue) {
+      std::string shown = "-" + std::string(1, argument[at]);
+      if (option->value == Option::Required) {
         bool hasInline = at + 1 < argument.size();
-        std::string shown = "-" + std::string(1, argument[at]);
         if (!valueFor(argument.substr(at + 1), hasInline, shown, value)) return std::nullopt;
         at = argument.size();
+      } else if (at + 1 == argument.size() && !takeOptionalValue(*option, shown, value)) {
+        return std::nullopt;
       }
-      if (!option->apply(options, value, error)) return std::nullopt;
-      bool lastInCluster = at + 1 == argument.size();
-      if (option->takesOptionalDash && lastInCluster && index + 1 < arguments.size() &&
-          arguments[index + 1] == "-") {
-        ++index;
-      }
+      if (!option->apply(options, value, shown, error)) return std::nullopt;
     }
   }
 
@@ -227,6 +370,10 @@ std::optional<OrvelGetOptions> orvelParseGetArguments(OrvelArguments arguments, 
     error = "-C resumes downloads only; it does not go with -d, --json or -F";
     return std::nullopt;
   }
+  if (options.throttle && options.formFields.empty()) {
+    error = "--throttle slows -F uploads down; there is none to slow";
+    return std::nullopt;
+  }
   return options;
 }
 
@@ -245,12 +392,14 @@ const char* orvelGetUsage() {
          "  -k, --insecure       accept any server certificate\n"
          "  -s, --silent         no progress bar\n"
          "  -X, --request METHOD use METHOD instead of GET (or POST with a body)\n"
-         "  -d, --data k=v       a form field (repeatable); in the query for GET, HEAD and DELETE\n"
+         "  -d, --data k=v       a form field (repeatable; @FILE reads it); in the query for GET, HEAD, "
+         "DELETE\n"
          "  -G, --get            send -d fields in the query of a GET\n"
-         "      --json TEXT      send TEXT, a JSON document, as the body\n"
+         "      --json TEXT      send TEXT (or @FILE), a JSON document, as the body\n"
          "  -F, --form n=v|n=@f  a multipart field or file (repeatable), streamed\n"
-         "      --throttle       send multipart bodies in small packets with pauses\n"
+         "      --throttle [N]   send -F bodies in packets of N bytes (16384) with pauses\n"
          "  -u, --user u:p       basic authorization\n"
          "\n"
-         "Exit status: 0 done, 1 the transfer failed, 2 usage, 22 HTTP error with -f, 130 interrupted.\n";
+         "Exit status: 0 done, 1 the transfer or the output failed, 2 usage (also an unusable --cacert),\n"
+         "22 HTTP status 400 or above with -f or when resuming, 130 interrupted.\n";
 }

@@ -2,6 +2,7 @@
 // that the request builder, the delegate and the tests all read the same thing.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -19,7 +20,8 @@ struct OrvelGetOptions {
   bool insecure = false;                         // -k: any server certificate is accepted
   bool silent = false;                           // -s: no progress bar (errors are still reported)
   bool forceGet = false;                         // -G: -d fields go into the query
-  bool throttle = false;                         // --throttle: slow multipart uploads down
+  bool throttle = false;                         // --throttle [N]: slow multipart uploads down
+  std::uint64_t throttlePacketSize = 16384;      // N: bytes per packet
   std::optional<std::string> caCertificatePath;  // --cacert: PEM anchors replacing the system's
   std::optional<std::string> method;             // -X
   std::optional<std::string> user;               // -u user:password

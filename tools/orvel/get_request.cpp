@@ -66,7 +66,7 @@ void appendFormFields(ZRBHS_StreamingMultipartFormData& formData, const OrvelGet
     if (!appended) {
       if (error.empty()) {
         error =
-            "form file '" + path + "': " +
+            "-F " + field + ": " +
             (appendError ? appendError->localizedFailureReason().value_or(appendError->localizedDescription())
                          : std::string("cannot be read"));
       }
@@ -74,8 +74,7 @@ void appendFormFields(ZRBHS_StreamingMultipartFormData& formData, const OrvelGet
     }
   }
   if (options.throttle) {
-    formData.throttleBandwidthWithPacketSize(ZRBHS_kUploadStream3GSuggestedPacketSize,
-                                             ZRBHS_kUploadStream3GSuggestedDelay);
+    formData.throttleBandwidthWithPacketSize(options.throttlePacketSize, ZRBHS_kUploadStream3GSuggestedDelay);
   }
 }
 
@@ -85,6 +84,10 @@ std::optional<OrvelGetRequest> orvelBuildGetRequest(const OrvelGetOptions& optio
   auto url = ZRBURL::URLWithString(options.url);
   if (!url || !url->scheme() || !url->host()) {
     error = "'" + options.url + "' is not a URL with a scheme and a host";
+    return std::nullopt;
+  }
+  if (*url->scheme() != "http" && *url->scheme() != "https") {
+    error = "'" + options.url + "': only http and https URLs can be fetched";
     return std::nullopt;
   }
   std::string method = orvelRequestMethod(options);
