@@ -1,16 +1,12 @@
 // The pinning configuration parser: its messages and the order of its checks, wrong-typed values,
-// the normalised result and its map view, PEM conversion and expiration dates; and the orvel
-// commands that print what the parser and the domain registry answer.
+// the normalised result and its map view, PEM conversion and expiration dates.
 #include "pinning/configuration.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -307,46 +303,6 @@ TEST(PinningConfigurationTest, ExpirationDateIsLocalMidnight) {
   EXPECT_EQ(far->pinnedDomains.find("b.example.com")->expirationDate,
             std::chrono::system_clock::time_point::min());
   EXPECT_EQ(*ZRB_PGDConfiguration::fromValue(far->toValue()), *far);
-}
-
-// The orvel program's output (standard error included) for `arguments`; its exit status in `status`.
-std::string orvel(const std::string& arguments, int& status) {
-  FILE* pipe = popen((std::string(ORVEL_PROGRAM_PATH) + " " + arguments + " 2>&1").c_str(), "r");
-  std::string output;
-  char buffer[256];
-  while (size_t n = pipe ? fread(buffer, 1, sizeof buffer, pipe) : 0) output.append(buffer, n);
-  status = pipe ? pclose(pipe) : -1;
-  return output;
-}
-
-TEST(OrvelPinningCommandsTest, PrintTheNormalisedConfigurationOrTheFirstErrorAndSuffixes) {
-  auto directory = ZRBTestPKI::makeTemporaryDirectory();
-  std::ofstream(directory / "good.json")
-      << "{\"PGDPinnedDomains\": {\"example.com\": {\"PGDPublicKeyAlgorithms\": [\"PGDAlgorithmRsa4096\"], "
-      << "\"PGDPublicKeyHashes\": [\"" << pin(1) << "\", \"" << pin(2) << "\"]}}}";
-  auto plist = ZRBPropertyListSerialization::dataWithPropertyList(
-      ZRBValue::dictionary({{"PGDConfiguration", configuration({{"example.notatld", policy()}})}}),
-      ZRBPropertyListBinaryFormat_v1_0);
-  ASSERT_TRUE(plist);
-  std::ofstream(directory / "Info.plist") << std::string(plist->begin(), plist->end());
-  int status = 0;
-  std::string output = orvel("pinning-config " + (directory / "good.json").string(), status);
-  EXPECT_EQ(status, 0);
-  for (const std::string& line : {std::string("PGDSwizzleNetworkDelegates: false\n"),
-                                  std::string("      PGDAlgorithmRsa4096\n"), "      " + pin(2) + "\n"}) {
-    EXPECT_NE(output.find(line), std::string::npos) << output;
-  }
-  output = orvel("pinning-config " + (directory / "Info.plist").string(), status);
-  EXPECT_NE(status, 0);
-  EXPECT_NE(output.find("PinGuard was initialized with an invalid domain example.notatld"), std::string::npos)
-      << output;
-  std::filesystem::remove_all(directory);
-
-  EXPECT_EQ(
-      orvel("suffix WWW.Example.CO.uk com. printer.lan bucket.amazonaws.com a.b.foo.ck x..co.uk", status),
-      "WWW.Example.CO.uk 5 example.co.uk\ncom. 3 -\nprinter.lan 0 -\nbucket.amazonaws.com 0 -\n"
-      "a.b.foo.ck 6 b.foo.ck\nx..co.uk 5 -\n");
-  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Public keys, their external representation and SubjectPublicKeyInfo hashes, checked against the
-// openssl program; and the `orvel pins` command that prints those hashes.
+// openssl program.
 #include "platform/security/sec_key.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "platform/foundation/crypto.h"
 #include "platform/security/sec_certificate.h"
@@ -131,56 +130,6 @@ TEST(SecKey, EqualityIsByEncodedKey) {
   auto leaf = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256).leaf.secCertificate();
   EXPECT_FALSE(a->copyKey()->isEqual(*leaf->copyKey()));
   EXPECT_EQ(ZRBSecKey::createWithSubjectPublicKeyInfo(a->copyKey()->externalRepresentation()), nullptr);
-}
-
-// ---- orvel pins ----
-
-std::string pinsCommand(const std::vector<std::filesystem::path>& files) {
-  std::string command = ORVEL_PROGRAM_PATH " pins";
-  for (const auto& file : files) command += " '" + file.string() + "'";
-  return command;
-}
-
-TEST(OrvelPins, PrintsTheOpensslPinsOfEveryCertificate) {
-  const auto& rsa = ZRBTestPKI::sharedChain(ZRBTestKeyType::RSA4096);
-  const auto& ec = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP384);
-  TemporaryDirectory directory;
-  // The files a test server would use: chain.pem (leaf, intermediate), root.pem; and a DER file.
-  auto files = ZRBTestPKI::writeServerFiles(rsa, directory.path);
-  auto derFile = directory.path / "leaf.der";
-  auto der = ec.leaf.der();
-  writeFile(derFile, std::string_view(reinterpret_cast<const char*>(der.data()), der.size()));
-
-  auto [out, status] = run(pinsCommand({files.chain, files.root, derFile}));
-  EXPECT_EQ(status, 0);
-  std::string expected;
-  for (const auto* certificate : {&rsa.leaf, &rsa.intermediate, &rsa.root, &ec.leaf}) {
-    expected += "pin-sha256=\"" + opensslPin(*certificate) + "\" " +
-                certificate->secCertificate()->copySubjectSummary().value() + "\n";
-  }
-  EXPECT_EQ(out, expected);
-}
-
-TEST(OrvelPins, BadFilesAreNamedAndTheOthersStillPrinted) {
-  const auto& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
-  TemporaryDirectory directory;
-  auto path = [&](const char* name) { return directory.path / name; };
-  writeFile(path("good.pem"), chain.leaf.pem());
-  writeFile(path("garbage.der"), "\x30\x82\x01garbage");
-  std::string pem = chain.chainPEM();
-  writeFile(path("truncated.pem"), pem.substr(0, pem.size() - 80));
-
-  auto errors = path("stderr.txt");
-  auto [out, status] =
-      run(pinsCommand({path("missing.pem"), path("garbage.der"), path("truncated.pem"), path("good.pem")}) +
-          " 2>'" + errors.string() + "'");
-  EXPECT_NE(status, 0);
-  EXPECT_EQ(out, "pin-sha256=\"" + opensslPin(chain.leaf) + "\" localhost\n");
-  std::stringstream messages;
-  messages << std::ifstream(errors).rdbuf();
-  for (const char* name : {"missing.pem", "garbage.der", "truncated.pem"})
-    EXPECT_NE(messages.str().find(path(name).string()), std::string::npos) << messages.str();
-  EXPECT_EQ(messages.str().find(path("good.pem").string()), std::string::npos);
 }
 
 }  // namespace

@@ -1,0 +1,101 @@
+// `orvel pins`: the public-key pins of every certificate in PEM or DER files, checked against the
+// openssl program, and the files it cannot read.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/crypto.h"
+#include "platform/security/sec_certificate.h"
+#include "support/test_pki.h"
+
+namespace {
+
+// Output and exit status of a shell command.
+std::pair<std::string, int> run(const std::string& command) {
+  std::string text;
+  std::FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return {text, -1};
+  char buffer[4096];
+  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
+  int status = pclose(pipe);
+  return {text, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+void writeFile(const std::filesystem::path& path, std::string_view bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+struct TemporaryDirectory {
+  std::filesystem::path path = ZRBTestPKI::makeTemporaryDirectory();
+  ~TemporaryDirectory() { std::filesystem::remove_all(path); }
+};
+
+// The pin as the openssl program computes it: the certificate's public key as DER
+// SubjectPublicKeyInfo, hashed with SHA-256, in base64.
+std::string opensslPin(const ZRBTestCertificate& certificate) {
+  TemporaryDirectory directory;
+  auto file = directory.path / "certificate.pem";
+  writeFile(file, certificate.pem());
+  auto [digest, status] =
+      run("openssl x509 -in '" + file.string() +
+          "' -pubkey -noout | openssl pkey -pubin -outform der | openssl dgst -sha256 -binary");
+  EXPECT_EQ(status, 0) << "the openssl program is needed (package openssl)";
+  EXPECT_EQ(digest.size(), 32u);
+  return ZRBBase64Encode(digest);
+}
+
+std::string pinsCommand(const std::vector<std::filesystem::path>& files) {
+  std::string command = ORVEL_PROGRAM_PATH " pins";
+  for (const auto& file : files) command += " '" + file.string() + "'";
+  return command;
+}
+
+TEST(OrvelPins, PrintsTheOpensslPinsOfEveryCertificate) {
+  const auto& rsa = ZRBTestPKI::sharedChain(ZRBTestKeyType::RSA4096);
+  const auto& ec = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP384);
+  TemporaryDirectory directory;
+  // The files a test server would use: chain.pem (leaf, intermediate), root.pem; and a DER file.
+  auto files = ZRBTestPKI::writeServerFiles(rsa, directory.path);
+  auto derFile = directory.path / "leaf.der";
+  auto der = ec.leaf.der();
+  writeFile(derFile, std::string_view(reinterpret_cast<const char*>(der.data()), der.size()));
+
+  auto [out, status] = run(pinsCommand({files.chain, files.root, derFile}));
+  EXPECT_EQ(status, 0);
+  std::string expected;
+  for (const auto* certificate : {&rsa.leaf, &rsa.intermediate, &rsa.root, &ec.leaf}) {
+    expected += "pin-sha256=\"" + opensslPin(*certificate) + "\" " +
+                certificate->secCertificate()->copySubjectSummary().value() + "\n";
+  }
+  EXPECT_EQ(out, expected);
+}
+
+TEST(OrvelPins, BadFilesAreNamedAndTheOthersStillPrinted) {
+  const auto& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  TemporaryDirectory directory;
+  auto path = [&](const char* name) { return directory.path / name; };
+  writeFile(path("good.pem"), chain.leaf.pem());
+  writeFile(path("garbage.der"), "\x30\x82\x01garbage");
+  std::string pem = chain.chainPEM();
+  writeFile(path("truncated.pem"), pem.substr(0, pem.size() - 80));
+
+  auto errors = path("stderr.txt");
+  auto [out, status] =
+      run(pinsCommand({path("missing.pem"), path("garbage.der"), path("truncated.pem"), path("good.pem")}) +
+          " 2>'" + errors.string() + "'");
+  EXPECT_NE(status, 0);
+  EXPECT_EQ(out, "pin-sha256=\"" + opensslPin(chain.leaf) + "\" localhost\n");
+  std::stringstream messages;
+  messages << std::ifstream(errors).rdbuf();
+  for (const char* name : {"missing.pem", "garbage.der", "truncated.pem"})
+    EXPECT_NE(messages.str().find(path(name).string()), std::string::npos) << messages.str();
+  EXPECT_EQ(messages.str().find(path("good.pem").string()), std::string::npos);
+}
+
+}  // namespace
