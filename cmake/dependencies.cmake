@@ -12,3 +12,11 @@ pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-i18n icu-uc)
 find_package(Boost 1.81 REQUIRED COMPONENTS url)
 # The URL loading service runs on libcurl (multi interface) over OpenSSL.
 find_package(CURL REQUIRED)
+# Image decoding: libspng (PNG), libjpeg-turbo, giflib, libtiff, libwebp (with its demuxer for
+# animations); pixman converts between pixel layouts.
+pkg_check_modules(SPNG REQUIRED IMPORTED_TARGET spng)
+pkg_check_modules(JPEG REQUIRED IMPORTED_TARGET libjpeg)
+pkg_check_modules(TIFF REQUIRED IMPORTED_TARGET libtiff-4)
+pkg_check_modules(WEBP REQUIRED IMPORTED_TARGET libwebp libwebpdemux)
+pkg_check_modules(PIXMAN REQUIRED IMPORTED_TARGET pixman-1)
+find_package(GIF 5 REQUIRED)

@@ -10,12 +10,16 @@ packages=(
   # library dependencies
   libssl-dev ca-certificates libsimdjson-dev libplist-dev libboost1.81-dev libboost-url1.81-dev
   media-types gettext libpcre2-dev
+  # image decoders and pixel conversion
+  libspng-dev libjpeg62-turbo-dev libgif-dev libtiff-dev libwebp-dev libpixman-1-dev
   # ICU: transforms that spell text in ASCII
   libicu-dev
   # input of the domain registry's generated tables
   publicsuffix
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
+  # libpng: the baseline of the image benchmark
+  libpng-dev
   # libpsl: the independent reference of the domain registry's tests and its benchmark baseline
   libpsl-dev
   # libcurl: the transport library, and the baseline of the HTTP benchmark's escaping
