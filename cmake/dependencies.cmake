@@ -20,3 +20,5 @@ pkg_check_modules(TIFF REQUIRED IMPORTED_TARGET libtiff-4)
 pkg_check_modules(WEBP REQUIRED IMPORTED_TARGET libwebp libwebpdemux)
 pkg_check_modules(PIXMAN REQUIRED IMPORTED_TARGET pixman-1)
 find_package(GIF 5 REQUIRED)
+# Reachability reads the kernel's routing state and its changes over rtnetlink.
+pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)

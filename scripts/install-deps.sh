@@ -22,6 +22,9 @@ packages=(
   libpng-dev
   # libpsl: the independent reference of the domain registry's tests and its benchmark baseline
   libpsl-dev
+  # libmnl: rtnetlink messages for reachability; iproute2: the reachability tests build their
+  # networks in private namespaces with `ip`
+  libmnl-dev iproute2
   # libcurl: the transport library, and the baseline of the HTTP benchmark's escaping
   libcurl4-openssl-dev
   # the openssl program: tests compare public-key pins with its output

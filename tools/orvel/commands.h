@@ -23,5 +23,7 @@ int orvelPinsCommand(OrvelArguments arguments);
 int orvelSuffixCommand(OrvelArguments arguments);  // HOST LENGTH REGISTRABLE per host
 // FILE (JSON or property list): the normalised pinning configuration, or the first error in it.
 int orvelPinningConfigCommand(OrvelArguments arguments);
+// [HOST|ADDRESS] [--watch]: reachability status and flags, once or one line per report.
+int orvelReachabilityCommand(OrvelArguments arguments);
 // [OPTIONS] URL: fetch a URL as curl would (see orvelGetUsage() in get_options.h).
 int orvelGetCommand(OrvelArguments arguments);

@@ -19,6 +19,9 @@ constexpr Command kCommands[] = {
     {"pins", "print the public-key pins of the certificates in PEM or DER files", orvelPinsCommand},
     {"suffix", "print the public-suffix length and registrable domain of host names", orvelSuffixCommand},
     {"pinning-config", "check a pinning configuration and print it normalised", orvelPinningConfigCommand},
+    {"reachability",
+     "print whether the internet, a host or an address is reachable (--watch: follow changes)",
+     orvelReachabilityCommand},
     {"get", "fetch a URL: the body to standard output or a file (curl-like options, see get -h)",
      orvelGetCommand},
 };
@@ -28,7 +31,7 @@ void printUsage(std::FILE* out) {
       out,
       "usage: orvel [COMMAND [ARGUMENTS...]]\n\nWithout a command, prints the version and the settings.\n\n");
   for (const auto& command : kCommands) {
-    std::fprintf(out, "  %-10.*s %.*s\n", static_cast<int>(command.name.size()), command.name.data(),
+    std::fprintf(out, "  %-12.*s %.*s\n", static_cast<int>(command.name.size()), command.name.data(),
                  static_cast<int>(command.summary.size()), command.summary.data());
   }
 }

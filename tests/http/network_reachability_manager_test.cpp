@@ -1,0 +1,309 @@
+// The reachability manager against real routing state: each namespace test builds its network
+// (veth pairs, a tun device, addresses, routes) in a private network namespace of its own.
+#include "http/network_reachability_manager.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/un.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/runtime/dispatch.h"
+#include "platform/runtime/notification_center.h"
+#include "support/network_namespace.h"
+
+namespace {
+
+using Manager = ZRBHS_NetworkReachabilityManager;
+using namespace std::chrono_literals;
+
+// The reports of one manager, in order. Its block runs on the main queue.
+class Reports {
+ public:
+  static Manager::StatusBlock recordInto(const std::shared_ptr<Reports>& reports) {
+    return [reports](ZRBHS_NetworkReachabilityStatus status) {
+      std::lock_guard lock(reports->mutex_);
+      reports->onMainQueue_ = reports->onMainQueue_ && ZRBDispatch::isMainQueue();
+      reports->statuses_.push_back(status);
+      reports->changed_.notify_all();
+    };
+  }
+  std::size_t count() {
+    std::lock_guard lock(mutex_);
+    return statuses_.size();
+  }
+  // Waits for a report of `status` at position `from` or later.
+  bool waitFor(ZRBHS_NetworkReachabilityStatus status, std::size_t from = 0) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 20s, [&] {
+      for (std::size_t i = from; i < statuses_.size(); ++i) {
+        if (statuses_[i] == status) return true;
+      }
+      return false;
+    });
+  }
+  bool waitForCount(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 20s, [&] { return statuses_.size() >= count; });
+  }
+  std::vector<ZRBHS_NetworkReachabilityStatus> since(std::size_t from) {
+    std::lock_guard lock(mutex_);
+    return {statuses_.begin() + static_cast<std::ptrdiff_t>(std::min(from, statuses_.size())),
+            statuses_.end()};
+  }
+  bool allOnMainQueue() {
+    std::lock_guard lock(mutex_);
+    return onMainQueue_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<ZRBHS_NetworkReachabilityStatus> statuses_;
+  bool onMainQueue_ = true;
+};
+
+// Long enough for any straggling burst to have been reported: many coalescing delays, then
+// whatever the main queue still holds.
+void settle() {
+  std::this_thread::sleep_for(ZRBNetworkReachability::coalescingDelay() * 40);
+  ZRBDispatch::mainQueue()->sync([] {});
+}
+
+void prepareNamespace() {
+  // IPv6 off: it configures addresses seconds after a link comes up, which would add reports.
+  ZRBTestShell(
+      "if [ -w /proc/sys/net/ipv6/conf/all/disable_ipv6 ]; then echo 1 > /proc/sys/net/ipv6/conf/all/"
+      "disable_ipv6; echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6; fi");
+  ZRBTestShell("ip link set lo up");
+}
+
+void addEthernetWithDefaultRoute() {
+  ZRBTestShell(
+      "ip link add v0 type veth peer name v1 && ip link set v1 up && ip addr add 10.9.0.2/24 dev v0 && "
+      "ip link set v0 up && ip route add default via 10.9.0.1");
+}
+
+std::shared_ptr<Reports> startWithReports(const ZRBHS_NetworkReachabilityManagerPtr& manager) {
+  auto reports = std::make_shared<Reports>();
+  manager->setReachabilityStatusChangeBlock(Reports::recordInto(reports));
+  manager->startMonitoring();
+  return reports;
+}
+
+TEST(NetworkReachabilityManagerTest, StatusFromFlags) {
+  constexpr ZRBNetworkReachabilityFlags R = ZRBNetworkReachabilityFlagsReachable;
+  constexpr ZRBNetworkReachabilityFlags C = ZRBNetworkReachabilityFlagsConnectionRequired;
+  constexpr ZRBNetworkReachabilityFlags T = ZRBNetworkReachabilityFlagsConnectionOnTraffic;
+  constexpr ZRBNetworkReachabilityFlags D = ZRBNetworkReachabilityFlagsConnectionOnDemand;
+  constexpr ZRBNetworkReachabilityFlags I = ZRBNetworkReachabilityFlagsInterventionRequired;
+  constexpr ZRBNetworkReachabilityFlags W = ZRBNetworkReachabilityFlagsIsWWAN;
+  struct Case {
+    ZRBNetworkReachabilityFlags flags;
+    ZRBHS_NetworkReachabilityStatus status;
+  } cases[] = {
+      {0, ZRBHS_NetworkReachabilityStatusNotReachable},
+      {W | T | D, ZRBHS_NetworkReachabilityStatusNotReachable},  // not reachable whatever else is set
+      {R, ZRBHS_NetworkReachabilityStatusReachableViaWiFi},
+      {R | W, ZRBHS_NetworkReachabilityStatusReachableViaWWAN},
+      {R | C, ZRBHS_NetworkReachabilityStatusNotReachable},
+      {R | C | T | I, ZRBHS_NetworkReachabilityStatusNotReachable},
+      {R | C | D | I, ZRBHS_NetworkReachabilityStatusNotReachable},
+      {R | C | T, ZRBHS_NetworkReachabilityStatusReachableViaWiFi},
+      {R | C | D, ZRBHS_NetworkReachabilityStatusReachableViaWiFi},
+      {R | C | T | W, ZRBHS_NetworkReachabilityStatusReachableViaWWAN},
+      {R | I, ZRBHS_NetworkReachabilityStatusReachableViaWiFi},  // intervention only matters for a connection
+      {R | ZRBNetworkReachabilityFlagsIsDirect | ZRBNetworkReachabilityFlagsIsLocalAddress,
+       ZRBHS_NetworkReachabilityStatusReachableViaWiFi},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(ZRBHS_NetworkReachabilityStatusForFlags(c.flags), c.status) << c.flags;
+}
+
+TEST(NetworkReachabilityManagerTest, StatusTextsAreKeptForTheProcess) {
+  struct Case {
+    std::int64_t status;
+    const char* text;
+  } cases[] = {{-1, "Unknown"}, {0, "Not Reachable"}, {1, "Reachable via WWAN"}, {2, "Reachable via WiFi"},
+               {7, "Unknown"},  {-2, "Unknown"},      {INT64_MIN, "Unknown"}};
+  for (const auto& c : cases)
+    EXPECT_STREQ(ZRBHS_StringFromNetworkReachabilityStatus(c.status), c.text) << c.status;
+  EXPECT_EQ(ZRBHS_StringFromNetworkReachabilityStatus(2), ZRBHS_StringFromNetworkReachabilityStatus(2));
+
+  auto manager = Manager::manager();
+  EXPECT_EQ(manager->networkReachabilityStatus(), ZRBHS_NetworkReachabilityStatusUnknown);
+  EXPECT_FALSE(manager->isReachable());
+  EXPECT_EQ(manager->localizedNetworkReachabilityStatusString(), "Unknown");
+  EXPECT_EQ(Manager::sharedManager(), Manager::sharedManager());
+}
+
+TEST(NetworkReachabilityManagerTest, BadTargetsGiveUnknownOrNotReachableManagers) {
+  // Nothing here is looked up: the targets are refused, or are names no resolver is asked about.
+  sockaddr_un local{};
+  local.sun_family = AF_UNIX;
+  sockaddr unspecified{};
+  for (const auto& manager : {Manager::managerForAddress(nullptr), Manager::managerForAddress(&local),
+                              Manager::managerForAddress(&unspecified), Manager::managerForDomain(""),
+                              Manager::initWithReachability(nullptr)}) {
+    EXPECT_EQ(manager->networkReachability(), nullptr);
+    manager->startMonitoring();
+    manager->stopMonitoring();
+    EXPECT_EQ(manager->networkReachabilityStatus(), ZRBHS_NetworkReachabilityStatusUnknown);
+  }
+  for (const std::string& name : {std::string(300, 'a'), std::string("host\0name", 9),
+                                  std::string(64, 'b') + ".com", std::string("a..b"), std::string(".")}) {
+    auto manager = Manager::managerForDomain(name);
+    ASSERT_NE(manager->networkReachability(), nullptr);
+    auto reports = startWithReports(manager);
+    ASSERT_TRUE(reports->waitForCount(1)) << name;
+    EXPECT_EQ(reports->since(0).front(), ZRBHS_NetworkReachabilityStatusNotReachable) << name;
+  }
+}
+
+TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems) {
+  if (!ZRBTestInPrivateNetworkNamespace()) return;
+  prepareNamespace();
+  auto manager = Manager::manager();
+  std::vector<std::string> keyPaths;  // touched on the main queue only
+  manager->addChangeObserver([&keyPaths](std::string_view keyPath) { keyPaths.emplace_back(keyPath); });
+  std::mutex mutex;
+  std::vector<ZRBValue> posted;
+  bool postedOnMainQueue = true;
+  auto center = ZRBNotificationCenter::defaultCenter();
+  auto observer = center->addObserver(kZRBHS_NetworkingReachabilityDidChangeNotification, ZRBValue(), nullptr,
+                                      [&](const ZRBNotificationPtr& notification) {
+                                        std::lock_guard lock(mutex);
+                                        postedOnMainQueue = postedOnMainQueue && ZRBDispatch::isMainQueue();
+                                        posted.push_back(notification->userInfo());
+                                      });
+  auto reports = startWithReports(manager);
+
+  // No route at all.
+  ASSERT_TRUE(reports->waitForCount(1));
+  EXPECT_EQ(reports->since(0), std::vector{ZRBHS_NetworkReachabilityStatusNotReachable});
+  ZRBDispatch::mainQueue()->sync([&] {
+    EXPECT_EQ(keyPaths, (std::vector<std::string>{"networkReachabilityStatus", "reachable",
+                                                  "reachableViaWWAN", "reachableViaWiFi"}));
+  });
+
+  // An Ethernet link with an address and a default route.
+  addEthernetWithDefaultRoute();
+  ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusReachableViaWiFi));
+  settle();
+  EXPECT_TRUE(manager->isReachable());
+  EXPECT_TRUE(manager->isReachableViaWiFi());
+  ZRBNetworkReachabilityFlags flags = 0;
+  ASSERT_TRUE(manager->networkReachability()->getFlags(flags));
+  EXPECT_EQ(flags, ZRBNetworkReachabilityFlagsReachable);  // through a gateway
+
+  // Taking the link down is announced by one report.
+  std::size_t before = reports->count();
+  ZRBTestShell("ip link set v0 down");
+  ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusNotReachable, before));
+  settle();
+  EXPECT_EQ(reports->since(before), std::vector{ZRBHS_NetworkReachabilityStatusNotReachable});
+
+  // A default route over a tun device, whose link type is a modem's.
+  ZRBTestTunDevice tun("wwan0");
+  ASSERT_TRUE(tun.isOpen());
+  before = reports->count();
+  ZRBTestShell("ip link set wwan0 up && ip route add default dev wwan0");
+  ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusReachableViaWWAN, before));
+  EXPECT_TRUE(manager->isReachableViaWWAN());
+  ASSERT_TRUE(manager->networkReachability()->getFlags(flags));
+  EXPECT_EQ(flags, ZRBNetworkReachabilityFlagsReachable | ZRBNetworkReachabilityFlagsIsDirect |
+                       ZRBNetworkReachabilityFlagsIsWWAN);
+  EXPECT_EQ(manager->localizedNetworkReachabilityStatusString(), "Reachable via WWAN");
+
+  manager->stopMonitoring();
+  settle();
+  center->removeObserver(observer);
+  EXPECT_TRUE(reports->allOnMainQueue());
+  std::lock_guard lock(mutex);
+  EXPECT_TRUE(postedOnMainQueue);
+  ASSERT_EQ(posted.size(), reports->count());  // one notification per report, the same status
+  auto statuses = reports->since(0);
+  for (std::size_t i = 0; i < posted.size(); ++i) {
+    EXPECT_EQ(posted[i], ZRBValue::dictionary({{kZRBHS_NetworkingReachabilityNotificationStatusItem,
+                                                ZRBValue(static_cast<long long>(statuses[i]))}}));
+  }
+}
+
+TEST(NetworkReachabilityManagerNamespaceTest, NamesAndAddresses) {
+  if (!ZRBTestInPrivateNetworkNamespace()) return;
+  prepareNamespace();
+  struct Case {
+    ZRBHS_NetworkReachabilityManagerPtr manager;
+    ZRBHS_NetworkReachabilityStatus status;
+    ZRBNetworkReachabilityFlags flags;
+  };
+  sockaddr_in loopback{};
+  loopback.sin_family = AF_INET;
+  loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in elsewhere = loopback;
+  elsewhere.sin_addr.s_addr = htonl(0x0a090005);  // no route leads there
+  constexpr ZRBNetworkReachabilityFlags local = ZRBNetworkReachabilityFlagsReachable |
+                                                ZRBNetworkReachabilityFlagsIsLocalAddress |
+                                                ZRBNetworkReachabilityFlagsIsDirect;
+  // With no route out, the resolver cannot reach a name server, so nothing leaves the namespace.
+  Case cases[] = {
+      {Manager::managerForDomain("no-such-host.invalid"), ZRBHS_NetworkReachabilityStatusNotReachable, 0},
+      {Manager::managerForDomain("localhost"), ZRBHS_NetworkReachabilityStatusReachableViaWiFi, local},
+      {Manager::managerForAddress(&loopback), ZRBHS_NetworkReachabilityStatusReachableViaWiFi, local},
+      {Manager::managerForAddress(&elsewhere), ZRBHS_NetworkReachabilityStatusNotReachable, 0},
+  };
+  std::vector<std::shared_ptr<Reports>> reports;
+  for (const auto& c : cases) reports.push_back(startWithReports(c.manager));
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    ASSERT_TRUE(reports[i]->waitForCount(1)) << i;
+    EXPECT_EQ(reports[i]->since(0).front(), cases[i].status) << i;
+    ZRBNetworkReachabilityFlags flags = 0xffffffff;
+    ASSERT_TRUE(cases[i].manager->networkReachability()->getFlags(flags)) << i;
+    EXPECT_EQ(flags, cases[i].flags) << i;
+  }
+}
+
+TEST(NetworkReachabilityManagerNamespaceTest, StartingTwiceKeepsOneRegistrationAndReportsAfresh) {
+  if (!ZRBTestInPrivateNetworkNamespace()) return;
+  prepareNamespace();
+  addEthernetWithDefaultRoute();
+  auto manager = Manager::manager();
+  auto reports = startWithReports(manager);
+  manager->startMonitoring();
+  ASSERT_TRUE(reports->waitForCount(2));  // each start reads the flags once
+  settle();
+  EXPECT_EQ(reports->since(0), std::vector(2, ZRBHS_NetworkReachabilityStatusReachableViaWiFi));
+
+  ZRBTestShell("ip link set v1 down");  // v0 loses its carrier
+  ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusNotReachable, 2));
+  settle();
+  EXPECT_EQ(reports->since(2), std::vector{ZRBHS_NetworkReachabilityStatusNotReachable});
+}
+
+TEST(NetworkReachabilityManagerNamespaceTest, ManagerReleasedWhileMonitoringHearsNothingMore) {
+  if (!ZRBTestInPrivateNetworkNamespace()) return;
+  prepareNamespace();
+  auto released = Manager::manager();
+  auto witness = Manager::manager();
+  auto releasedReports = startWithReports(released);
+  auto witnessReports = startWithReports(witness);
+  ASSERT_TRUE(releasedReports->waitForCount(1));
+  ASSERT_TRUE(witnessReports->waitForCount(1));
+  settle();
+  std::weak_ptr<Manager> gone = released;
+  released.reset();
+  EXPECT_TRUE(gone.expired());
+
+  addEthernetWithDefaultRoute();
+  ASSERT_TRUE(witnessReports->waitFor(ZRBHS_NetworkReachabilityStatusReachableViaWiFi));
+  settle();
+  EXPECT_EQ(releasedReports->count(), 1u);
+}
+
+}  // namespace
