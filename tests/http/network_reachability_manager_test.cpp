@@ -202,12 +202,12 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
   ASSERT_TRUE(manager->networkReachability()->getFlags(flags));
   EXPECT_EQ(flags, ZRBNetworkReachabilityFlagsReachable);  // through a gateway
 
-  // Taking the link down is announced by one report.
+  // Taking the link down: every report after it says not reachable.
   std::size_t before = reports->count();
   ZRBTestShell("ip link set v0 down");
   ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusNotReachable, before));
   settle();
-  EXPECT_EQ(reports->since(before), std::vector{ZRBHS_NetworkReachabilityStatusNotReachable});
+  for (auto status : reports->since(before)) EXPECT_EQ(status, ZRBHS_NetworkReachabilityStatusNotReachable);
 
   // A default route over a tun device, whose link type is a modem's.
   ZRBTestTunDevice tun("wwan0");
@@ -215,11 +215,21 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
   before = reports->count();
   ZRBTestShell("ip link set wwan0 up && ip route add default dev wwan0");
   ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusReachableViaWWAN, before));
+  settle();
   EXPECT_TRUE(manager->isReachableViaWWAN());
   ASSERT_TRUE(manager->networkReachability()->getFlags(flags));
   EXPECT_EQ(flags, ZRBNetworkReachabilityFlagsReachable | ZRBNetworkReachabilityFlagsIsDirect |
                        ZRBNetworkReachabilityFlagsIsWWAN);
   EXPECT_EQ(manager->localizedNetworkReachabilityStatusString(), "Reachable via WWAN");
+
+  // Taking the tun link down is announced by one report. (A veth's carrier messages come from the
+  // kernel's deferred work, on a busy machine sometimes after the burst was reported; a tun's
+  // all come at once.)
+  before = reports->count();
+  ZRBTestShell("ip link set wwan0 down");
+  ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusNotReachable, before));
+  settle();
+  EXPECT_EQ(reports->since(before), std::vector{ZRBHS_NetworkReachabilityStatusNotReachable});
 
   manager->stopMonitoring();
   settle();
@@ -280,7 +290,7 @@ TEST(NetworkReachabilityManagerNamespaceTest, StartingTwiceKeepsOneRegistrationA
   settle();
   EXPECT_EQ(reports->since(0), std::vector(2, ZRBHS_NetworkReachabilityStatusReachableViaWiFi));
 
-  ZRBTestShell("ip link set v1 down");  // v0 loses its carrier
+  ZRBTestShell("ip route del default");  // one message, so one report
   ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusNotReachable, 2));
   settle();
   EXPECT_EQ(reports->since(2), std::vector{ZRBHS_NetworkReachabilityStatusNotReachable});
