@@ -22,3 +22,5 @@ pkg_check_modules(PIXMAN REQUIRED IMPORTED_TARGET pixman-1)
 find_package(GIF 5 REQUIRED)
 # Reachability reads the kernel's routing state and its changes over rtnetlink.
 pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)
+# expat: the event-driven XML parser.
+pkg_check_modules(EXPAT REQUIRED IMPORTED_TARGET expat)

@@ -12,6 +12,8 @@ packages=(
   media-types gettext libpcre2-dev
   # image decoders and pixel conversion
   libspng-dev libjpeg62-turbo-dev libgif-dev libtiff-dev libwebp-dev libpixman-1-dev
+  # expat: the XML parser object
+  libexpat1-dev
   # ICU: transforms that spell text in ASCII
   libicu-dev
   # input of the domain registry's generated tables
