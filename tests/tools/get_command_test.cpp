@@ -120,6 +120,23 @@ TEST_F(OrvelGetHTTPS, PrintsHeadAndBodyWhenTheCertificateChainsToTheGivenRoot) {
   EXPECT_EQ(server_.requests()[0].header("X-Trace"), "abc");
 }
 
+TEST_F(OrvelGetHTTPS, DecodePrintsTheDecodedBodyOrRefusesIt) {
+  server_.respond("GET", "/doc.json", ZRBTestResponse::json(200, R"({"ok":[true]})"));
+  server_.respond("GET", "/page", ZRBTestResponse::text(200, "plain words"));
+
+  auto run = orvelGet({"--decode", "--cacert", root(), server_.url("/doc.json")});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "{\n  \"ok\" : [\n    true\n  ]\n}\n");
+
+  run = orvelGet({"--decode", "-i", "--cacert", root(), server_.url("/page")});
+  EXPECT_EQ(run.status, 22);
+  EXPECT_TRUE(run.out.starts_with("HTTP/1.1 200 OK\r\n")) << "the head is printed as without --decode";
+  EXPECT_EQ(run.out.find("plain words"), std::string::npos);
+  EXPECT_EQ(run.err, "orvel: Request failed: unacceptable content-type: text/plain\n");
+
+  EXPECT_EQ(orvelGet({"--decode", "-o", "x", server_.url("/page")}).status, 2);
+}
+
 TEST_F(OrvelGetHTTPS, UntrustedServersFailUnlessInsecure) {
   server_.respond("GET", "/x", ZRBTestResponse::text(200, "body"));
   // Another PKI's root does not vouch for this server.

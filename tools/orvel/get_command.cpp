@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "commands.h"
+#include "get_decode.h"
 #include "get_delegate.h"
 #include "get_options.h"
 #include "get_output_target.h"
@@ -124,6 +125,17 @@ int orvelGetCommand(OrvelArguments arguments) {
   bool download = output.kind() == OrvelOutputTarget::Kind::ReplacedFile && !built->streamedBody;
   settings.body = output.stream();
   settings.bodyName = output.name();
+  // --decode collects the body first: it is printed once decoded.
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> decodeBuffer(nullptr, std::fclose);
+  if (options->decode) {
+    decodeBuffer.reset(std::tmpfile());
+    if (!decodeBuffer) {
+      complain(std::string("cannot buffer the body: ") + std::strerror(errno));
+      return 1;
+    }
+    settings.body = decodeBuffer.get();
+    settings.bodyName = "the body buffer";
+  }
   if (download) {
     settings.moveDownload = [&output](const std::string& location, std::string& failure) {
       return output.commitDownload(location, failure);
@@ -231,6 +243,14 @@ int orvelGetCommand(OrvelArguments arguments) {
       complain("run again with -C to continue " + *options->outputPath);
     }
     return 1;
+  }
+  if (decodeBuffer) {
+    std::string bytes;
+    std::rewind(decodeBuffer.get());
+    char chunk[65536];
+    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, decodeBuffer.get())) > 0;)
+      bytes.append(chunk, n);
+    return orvelPrintDecodedBody(delegate->response(), ZRBValue::data(bytes), stdout, stderr);
   }
   if (!download && !output.commitStream(problem)) {
     complain(problem);

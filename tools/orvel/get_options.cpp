@@ -151,6 +151,8 @@ constexpr Option kOptions[] = {
      [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) { return o.silent = true; }},
     {'G', "get", Option::None,
      [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) { return o.forceGet = true; }},
+    {0, "decode", Option::None,
+     [](OrvelGetOptions& o, std::string_view, std::string_view, std::string&) { return o.decode = true; }},
     {0, "throttle", Option::OptionalNumber,
      [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
        o.throttle = true;
@@ -370,6 +372,10 @@ std::optional<OrvelGetOptions> orvelParseGetArguments(OrvelArguments arguments, 
     error = "-C resumes downloads only; it does not go with -d, --json or -F";
     return std::nullopt;
   }
+  if (options.decode && options.outputPath) {
+    error = "--decode prints the decoded body; it does not go with -o";
+    return std::nullopt;
+  }
   if (options.throttle && options.formFields.empty()) {
     error = "--throttle slows -F uploads down; there is none to slow";
     return std::nullopt;
@@ -399,7 +405,10 @@ const char* orvelGetUsage() {
          "  -F, --form n=v|n=@f  a multipart field or file (repeatable), streamed\n"
          "      --throttle [N]   send -F bodies in packets of N bytes (16384) with pauses\n"
          "  -u, --user u:p       basic authorization\n"
+         "      --decode         print the body decoded by its Content-Type: JSON and property lists\n"
+         "                       as indented JSON, XML as parser events\n"
          "\n"
          "Exit status: 0 done, 1 the transfer or the output failed, 2 usage (also an unusable --cacert),\n"
-         "22 HTTP status 400 or above with -f or when resuming, 130 interrupted.\n";
+         "22 HTTP status 400 or above with -f or when resuming, or a body --decode refuses, 130\n"
+         "interrupted.\n";
 }

@@ -21,6 +21,7 @@ struct OrvelGetOptions {
   bool silent = false;                           // -s: no progress bar (errors are still reported)
   bool forceGet = false;                         // -G: -d fields go into the query
   bool throttle = false;                         // --throttle [N]: slow multipart uploads down
+  bool decode = false;                           // --decode: print the body as the serializers decode it
   std::uint64_t throttlePacketSize = 16384;      // N: bytes per packet
   std::optional<std::string> caCertificatePath;  // --cacert: PEM anchors replacing the system's
   std::optional<std::string> method;             // -X
