@@ -52,6 +52,17 @@ ZRBURLAuthenticationChallenge::ZRBURLAuthenticationChallenge(ZRBURLProtectionSpa
       failureResponse_(std::move(failureResponse)),
       error_(std::move(error)) {}
 
+ZRBURLAuthenticationChallenge::ZRBURLAuthenticationChallenge(
+    const ZRBURLAuthenticationChallenge& challenge,
+    std::shared_ptr<ZRBURLAuthenticationChallengeSender> sender)
+    : ZRBObject(),
+      space_(challenge.space_),
+      proposedCredential_(challenge.proposedCredential_),
+      previousFailureCount_(challenge.previousFailureCount_),
+      failureResponse_(challenge.failureResponse_),
+      error_(challenge.error_),
+      sender_(std::move(sender)) {}
+
 std::string ZRBURLAuthenticationChallenge::description() const {
   return ZRBStringWithFormat("<%@: %p> { space: %@, failures: %ld }", className(), this,
                              space_ ? space_->description() : std::string("(null)"), previousFailureCount_);

@@ -13,6 +13,10 @@
 // HTTP challenges (401 and 407 with Basic or Digest) are offered to the task-level callback; a
 // credential with a user and password retries the request, default handling or rejection deliver the
 // 401/407 response, cancel fails the task with -999.
+//
+// A challenge of the connection API also carries its sender (ZRBURLAuthenticationChallengeSender),
+// through which the one who handles it answers; a session's challenge has none and is answered
+// through a completion handler instead.
 #pragma once
 
 #include <cstdint>
@@ -53,6 +57,7 @@ enum ZRBURLCredentialPersistence : unsigned long {
 
 class ZRBURLProtectionSpace;
 class ZRBURLCredential;
+class ZRBURLAuthenticationChallengeSender;
 class ZRBURLAuthenticationChallenge;
 using ZRBURLProtectionSpacePtr = std::shared_ptr<const ZRBURLProtectionSpace>;
 using ZRBURLCredentialPtr = std::shared_ptr<const ZRBURLCredential>;
@@ -115,6 +120,9 @@ class ZRBURLAuthenticationChallenge final : public ZRBObject {
   ZRBURLAuthenticationChallenge(ZRBURLProtectionSpacePtr space, ZRBURLCredentialPtr proposedCredential,
                                 long previousFailureCount, ZRBURLResponsePtr failureResponse,
                                 ZRBErrorPtr error);
+  // The same challenge, answered through `sender`.
+  ZRBURLAuthenticationChallenge(const ZRBURLAuthenticationChallenge& challenge,
+                                std::shared_ptr<ZRBURLAuthenticationChallengeSender> sender);
 
   const ZRBURLProtectionSpacePtr& protectionSpace() const { return space_; }
   const ZRBURLCredentialPtr& proposedCredential() const { return proposedCredential_; }
@@ -122,6 +130,8 @@ class ZRBURLAuthenticationChallenge final : public ZRBObject {
   // The 401/407 response of an HTTP challenge; null for server trust.
   const ZRBURLResponsePtr& failureResponse() const { return failureResponse_; }
   const ZRBErrorPtr& error() const { return error_; }
+  // Null unless the challenge was made with one.
+  const std::shared_ptr<ZRBURLAuthenticationChallengeSender>& sender() const { return sender_; }
 
   std::string className() const override { return "ZRBURLAuthenticationChallenge"; }
   std::string description() const override;
@@ -132,6 +142,7 @@ class ZRBURLAuthenticationChallenge final : public ZRBObject {
   long previousFailureCount_;
   ZRBURLResponsePtr failureResponse_;
   ZRBErrorPtr error_;
+  std::shared_ptr<ZRBURLAuthenticationChallengeSender> sender_;
 };
 
 // The answer to a challenge; called exactly once.
