@@ -1,6 +1,6 @@
 // ZRBURLSession: the URL loading service. A session runs data, upload and download tasks over
-// HTTP/1.1 and HTTP/2 (negotiated over TLS), with connection and TLS session reuse, and reports to
-// its delegate on its delegate queue.
+// HTTP/1.1 and HTTP/2 (negotiated over TLS), with connection reuse, and reports to its delegate on
+// its delegate queue. TLS sessions are not resumed, so every new connection's server trust is judged.
 //
 // Threads: each session has one transport thread of its own, started with its first task, that
 // drives every transfer of the session. Delegate callbacks (except server-trust challenges, see

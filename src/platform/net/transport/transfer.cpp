@@ -112,6 +112,13 @@ void ZRBTransfer::configureHandle() {
   curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &handle);
 
   // The session's challenge path judges the server; libcurl's own checks are off.
+  //
+  // TLS sessions are never resumed. A resumed handshake carries no certificates and OpenSSL runs no
+  // verification callback for it, so the challenge path (and the pin validation behind it) would be
+  // skipped for a connection whose trust decision may have changed since the session was made. Every
+  // new connection therefore makes a full handshake that the challenge path judges; kept-alive
+  // connections and HTTP/2 streams, which carry nearly all requests, need no handshake at all.
+  curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 0L);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 0L);
   curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);

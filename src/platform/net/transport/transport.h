@@ -5,8 +5,9 @@
 // between socket events, and every 100 ms at most checks the timeouts of its transfers.
 //
 // The multi handle holds the session's connection cache (keep-alive, HTTP/2 multiplexing) and
-// easy handles are reused from a pool, so DNS answers and TLS sessions carry over between
-// transfers, and a handle that served a plain request is ready for the next one as it is.
+// easy handles are reused from a pool, so DNS answers carry over between transfers, and a handle
+// that served a plain request is ready for the next one as it is. TLS sessions are not resumed: every
+// new connection's chain goes through the session's challenge path (see ZRBTransfer).
 #pragma once
 
 #include <chrono>
