@@ -180,7 +180,8 @@ TEST(URLConnectionTest, ServerTrustChallengesAreAnsweredInTheHandshake) {
   std::vector<Case> cases = {
       {"trust", "", "", 0, {"challenge trust"}},
       {"cancel", "", "", cancelled, {"challenge trust", "fail"}},
-      {"none", "", "", cancelled, {"challenge trust", "fail"}},  // dropped unanswered
+      {"none", "", "", cancelled, {"challenge trust", "fail"}},   // dropped unanswered
+      {"later", "", "", cancelled, {"challenge trust", "fail"}},  // answered after the handshake moved on
       {"default", "", "", untrusted, {"challenge trust", "fail"}},
       {"reject", "", "", untrusted, {"challenge trust", "fail"}},
       {"without", "", "", untrusted, {"challenge trust", "fail"}},

@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 
 #include "platform/net/http_cookie_storage.h"
 #include "platform/net/http_header_fields.h"
@@ -658,15 +659,20 @@ bool ZRBURLSessionTaskDriver::transferEvaluateServerTrust(ZRBTransfer&, x509_sto
     return false;
   }
 
+  // A handler may keep the challenge and answer from another thread after it has returned; such an
+  // answer comes too late for the handshake and is dropped without touching what is read below.
   struct Answer {
+    std::mutex mutex;
     bool given = false;
+    bool closed = false;
     ZRBURLSessionAuthChallengeDisposition disposition = ZRBURLSessionAuthChallengePerformDefaultHandling;
     ZRBURLCredentialPtr credential;
   };
   auto answer = std::make_shared<Answer>();
   ZRBURLSessionChallengeCompletion completion = [answer](ZRBURLSessionAuthChallengeDisposition disposition,
                                                          ZRBURLCredentialPtr credential) {
-    if (answer->given) return;
+    std::lock_guard lock(answer->mutex);
+    if (answer->given || answer->closed) return;
     answer->given = true;
     answer->disposition = disposition;
     answer->credential = std::move(credential);
@@ -689,9 +695,15 @@ bool ZRBURLSessionTaskDriver::transferEvaluateServerTrust(ZRBTransfer&, x509_sto
   } catch (const std::exception& exception) {
     std::fprintf(stderr, "ORVELKIT: server-trust challenge threw: %s\n", exception.what());
   }
-  if (!answer->given) {
-    // Late answers cannot be waited for inside the handshake.
-    completion(ZRBURLSessionAuthChallengeCancelAuthenticationChallenge, nullptr);
+  {
+    std::lock_guard lock(answer->mutex);
+    answer->closed = true;
+    if (!answer->given) {
+      // Late answers cannot be waited for inside the handshake.
+      answer->given = true;
+      answer->disposition = ZRBURLSessionAuthChallengeCancelAuthenticationChallenge;
+      answer->credential = nullptr;
+    }
   }
 
   switch (answer->disposition) {
