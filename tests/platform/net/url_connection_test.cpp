@@ -4,128 +4,27 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <future>
 #include <thread>
 
 #include "platform/foundation/assert.h"
+#include "support/recording_connection_delegate.h"
 #include "support/recording_delegate.h"
 #include "support/test_server.h"
 
-inline std::string text(const ZRBValue& data) {
-  auto bytes = data.bytes();
-  return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-}
-
-// Records callbacks in order and whether each ran where it should. At namespace scope, so that its
-// class name is its plain name.
-class PGDRecordingConnectionDelegate : public ZRBURLConnectionDelegate {
- public:
-  // The challenge operations are implemented when set.
-  std::function<void(const ZRBURLAuthenticationChallengePtr&)> onWillSend, onDidReceive;
-  std::function<bool()> onCanAuthenticate;
-  std::string queue;  // label of the delegate queue; empty: the main queue
-
-  bool respondsToOperation(ZRBURLConnectionDelegateOperation operation) const override {
-    using Op = ZRBURLConnectionDelegateOperation;
-    if (operation == Op::ConnectionWillSendRequestForAuthenticationChallenge) return bool(onWillSend);
-    if (operation == Op::ConnectionDidReceiveAuthenticationChallenge) return bool(onDidReceive);
-    if (operation == Op::ConnectionCanAuthenticateAgainstProtectionSpace) return bool(onCanAuthenticate);
-    return true;
-  }
-  void connectionWillSendRequestForAuthenticationChallenge(
-      const ZRBURLConnectionPtr&, const ZRBURLAuthenticationChallengePtr& c) override {
-    challenge("challenge", c, onWillSend);
-  }
-  bool connectionCanAuthenticateAgainstProtectionSpace(const ZRBURLConnectionPtr&,
-                                                       const ZRBURLProtectionSpacePtr&) override {
-    record("can authenticate", false);
-    return onCanAuthenticate();
-  }
-  void connectionDidReceiveAuthenticationChallenge(const ZRBURLConnectionPtr&,
-                                                   const ZRBURLAuthenticationChallengePtr& c) override {
-    challenge("older challenge", c, onDidReceive);
-  }
-  void connectionDidReceiveResponse(const ZRBURLConnectionPtr&, const ZRBURLResponsePtr& response) override {
-    status = std::static_pointer_cast<const ZRBHTTPURLResponse>(response)->statusCode();
-    record("response");
-  }
-  void connectionDidReceiveData(const ZRBURLConnectionPtr&, const ZRBValue& data) override {
-    body += text(data);
-    record("data");
-  }
-  void connectionDidFinishLoading(const ZRBURLConnectionPtr&) override { record("finish"); }
-  void connectionDidFailWithError(const ZRBURLConnectionPtr&, const ZRBErrorPtr& e) override {
-    error = e;
-    record("fail");
-  }
-
-  bool waitForEnd() {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), [&] {
-      return !events_.empty() && (events_.back() == "finish" || events_.back() == "fail");
-    });
-  }
-  std::vector<std::string> events() {
-    std::lock_guard lock(mutex_);
-    return events_;
-  }
-
-  std::string body;
-  ZRBErrorPtr error;
-  long status = 0;
-  std::atomic<bool> misplaced{false};  // a callback ran off its queue, or server trust on it
-
- private:
-  void challenge(std::string name, const ZRBURLAuthenticationChallengePtr& c,
-                 const std::function<void(const ZRBURLAuthenticationChallengePtr&)>& handler) {
-    bool trust = c->protectionSpace()->authenticationMethod() == ZRBURLAuthenticationMethodServerTrust;
-    // Server trust is decided in the handshake, on the transport thread.
-    if (trust && onQueue()) misplaced = true;
-    record(name + (trust ? " trust" : " http"), !trust);
-    handler(c);
-  }
-  bool onQueue() const {
-    return queue.empty() ? ZRBDispatch::isMainQueue() : ZRBDispatch::currentQueueLabel() == queue;
-  }
-  void record(const std::string& event, bool checkQueue = true) {
-    if (checkQueue && !onQueue()) misplaced = true;
-    {
-      std::lock_guard lock(mutex_);
-      if (event != "data" || events_.empty() || events_.back() != "data") events_.push_back(event);
-    }
-    changed_.notify_all();
-  }
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> events_;
-};
+// At namespace scope, so that its class name is its plain name.
+class PGDNamedConnectionDelegate : public ZRBURLConnectionDelegate {};
 
 namespace {
 
-using Recorder = PGDRecordingConnectionDelegate;
+using Recorder = RecordingConnectionDelegate;
+constexpr auto answer = &ZRBTestAnswerChallenge;
 
 // Waits (generously) for what follows once a connection's session has wound down.
 template <typename Condition>
 bool eventually(Condition condition) {
   for (int i = 0; i < 2000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   return condition();
-}
-
-// Answers through the challenge's sender.
-void answer(const ZRBURLAuthenticationChallengePtr& c, const std::string& how) {
-  auto& sender = *c->sender();
-  if (how == "trust")
-    sender.useCredential(ZRBURLCredential::credentialForTrust(c->protectionSpace()->serverTrust()), c);
-  if (how == "user")
-    sender.useCredential(
-        ZRBURLCredential::credentialWithUser("user", "pass", ZRBURLCredentialPersistenceNone), c);
-  if (how == "without") sender.continueWithoutCredentialForAuthenticationChallenge(c);
-  if (how == "cancel") sender.cancelAuthenticationChallenge(c);
-  if (how == "default") sender.performDefaultHandlingForAuthenticationChallenge(c);
-  if (how == "reject") sender.rejectProtectionSpaceAndContinueWithChallenge(c);
-  if (how == "later") std::thread([c] { answer(c, "user"); }).detach();
 }
 
 const std::vector<std::string> kLoaded{"response", "data", "finish"};
@@ -306,7 +205,7 @@ TEST(URLConnectionTest, ClassOperationsLoadWithoutADelegate) {
   auto outcome = [](const ZRBURLResponsePtr& r, const ZRBValue& data, const ZRBErrorPtr& e) {
     auto http = std::dynamic_pointer_cast<const ZRBHTTPURLResponse>(r);
     return std::to_string(http ? http->statusCode() : 0) + " " + std::to_string(e ? e->code() : 0) + " " +
-           (data.isAbsent() ? "absent" : text(data));
+           (data.isAbsent() ? "absent" : ZRBTestText(data));
   };
   for (const auto& c : cases) {
     std::string expected =
@@ -381,7 +280,8 @@ TEST(URLConnectionTest, ReplacedSlotsCallTheImplementationsTheyReplaced) {
 }
 
 TEST(URLConnectionTest, DelegatesAnswerTheirClassNames) {
-  EXPECT_EQ(std::make_shared<Recorder>()->className(), "PGDRecordingConnectionDelegate");
+  EXPECT_EQ(std::make_shared<Recorder>()->className(), "RecordingConnectionDelegate");
+  EXPECT_EQ(std::make_shared<PGDNamedConnectionDelegate>()->className(), "PGDNamedConnectionDelegate");
   EXPECT_EQ(std::make_shared<ZRBURLConnectionDelegate>()->className(), "ZRBURLConnectionDelegate");
 }
 
