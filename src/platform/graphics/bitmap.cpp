@@ -1,8 +1,7 @@
 #include "platform/graphics/bitmap.h"
 
+#include <cstdio>
 #include <limits>
-
-#include "platform/foundation/string_format.h"
 
 std::size_t ZRBBitmapLayout::componentsPerPixel() const {
   std::size_t colour = 0;
@@ -41,9 +40,9 @@ std::shared_ptr<ZRBBitmap> ZRBBitmap::copy() const {
 }
 
 std::string ZRBBitmap::description() const {
-  return ZRBObject::description() +
-         ZRBStringWithFormat(" (%zu x %zu, %zu bpc, %zu bpp, %zu bytes per row, model %d, info 0x%x)",
-                             layout_.width, layout_.height, layout_.bitsPerComponent, layout_.bitsPerPixel,
-                             layout_.bytesPerRow, static_cast<int>(layout_.colorSpaceModel),
-                             layout_.bitmapInfo);
+  char facts[160];
+  std::snprintf(facts, sizeof facts, " (%zu x %zu, %zu bpc, %zu bpp, %zu bytes per row, model %d, info 0x%x)",
+                layout_.width, layout_.height, layout_.bitsPerComponent, layout_.bitsPerPixel,
+                layout_.bytesPerRow, static_cast<int>(layout_.colorSpaceModel), layout_.bitmapInfo);
+  return ZRBObject::description() + facts;
 }

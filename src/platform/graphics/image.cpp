@@ -1,6 +1,7 @@
 #include "platform/graphics/image.h"
 
-#include "platform/foundation/string_format.h"
+#include <cstdio>
+
 #include "platform/graphics/image_decoder.h"
 
 ZRBImagePtr ZRBImage::imageWithData(std::span<const std::uint8_t> data, double scale) {
@@ -33,6 +34,8 @@ ZRBImagePtr ZRBImage::animatedImageWithImages(std::vector<ZRBImagePtr> images, d
 }
 
 std::string ZRBImage::description() const {
-  return ZRBObject::description() + ZRBStringWithFormat(", {%g, %g}", static_cast<double>(width()) / scale_,
-                                                        static_cast<double>(height()) / scale_);
+  char size[64];
+  std::snprintf(size, sizeof size, ", {%g, %g}", static_cast<double>(width()) / scale_,
+                static_cast<double>(height()) / scale_);
+  return ZRBObject::description() + size;
 }
