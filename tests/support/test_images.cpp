@@ -5,7 +5,6 @@
 #include <tiffio.h>
 #include <unistd.h>
 #include <webp/encode.h>
-#include <webp/mux.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -312,36 +311,6 @@ Bytes webp(int width, int height, bool alpha, const Bytes& rgba) {
   }
   Bytes out(output, output + size);
   WebPFree(output);
-  return out;
-}
-
-Bytes animatedWebP(int width, int height, const std::vector<std::uint32_t>& colours, int delayMilliseconds) {
-  WebPAnimEncoderOptions options;
-  WebPAnimEncoderOptionsInit(&options);
-  WebPAnimEncoder* encoder = WebPAnimEncoderNew(width, height, &options);
-  WebPConfig config;
-  WebPConfigInit(&config);
-  config.lossless = 1;
-  int timestamp = 0;
-  for (std::uint32_t colour : colours) {
-    WebPPicture picture;
-    WebPPictureInit(&picture);
-    picture.use_argb = 1;
-    picture.width = width;
-    picture.height = height;
-    const Bytes pixels = solid(width, height, colour);
-    WebPPictureImportRGBA(&picture, pixels.data(), width * 4);
-    WebPAnimEncoderAdd(encoder, &picture, timestamp, &config);
-    WebPPictureFree(&picture);
-    timestamp += delayMilliseconds;
-  }
-  WebPAnimEncoderAdd(encoder, nullptr, timestamp, nullptr);
-  WebPData data;
-  WebPDataInit(&data);
-  WebPAnimEncoderAssemble(encoder, &data);
-  Bytes out(data.bytes, data.bytes + data.size);
-  WebPDataClear(&data);
-  WebPAnimEncoderDelete(encoder);
   return out;
 }
 

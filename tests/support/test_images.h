@@ -46,7 +46,5 @@ Bytes ico(const Bytes& picture, int width, int height);
 Bytes tiff(int width, int height, int channels, const Bytes& rgba = {});
 
 Bytes webp(int width, int height, bool alpha, const Bytes& rgba = {});
-// frames solid colours, each shown for delayMilliseconds.
-Bytes animatedWebP(int width, int height, const std::vector<std::uint32_t>& colours, int delayMilliseconds);
 
 }  // namespace test_images

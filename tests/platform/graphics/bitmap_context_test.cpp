@@ -71,38 +71,26 @@ TEST(BitmapContextTest, SourcesOfEveryLayoutDrawIntoTheCanvasOrder) {
   auto layout = [](std::size_t bpc, std::size_t bpp, ZRBColorSpaceModel model, std::uint32_t info) {
     return ZRBBitmapLayout{1, 1, bpc, bpp, bpp / 8, model, info};
   };
+  const auto RGB = ZRBColorSpaceModelRGB;
+  // clang-format off
   const Case cases[] = {
-      {"straight rgba",
-       layout(8, 32, ZRBColorSpaceModelRGB, ZRBImageAlphaLast),
-       {255, 128, 0, 128},
+      {"straight rgba", layout(8, 32, RGB, ZRBImageAlphaLast), {255, 128, 0, 128}, {128, 128, 64, 0}},
+      {"premultiplied argb", layout(8, 32, RGB, ZRBImageAlphaPremultipliedFirst), {128, 128, 64, 0},
        {128, 128, 64, 0}},
-      {"premultiplied argb",
-       layout(8, 32, ZRBColorSpaceModelRGB, ZRBImageAlphaPremultipliedFirst),
-       {128, 128, 64, 0},
-       {128, 128, 64, 0}},
-      {"bgra little",
-       layout(8, 32, ZRBColorSpaceModelRGB, ZRBImageAlphaPremultipliedFirst | ZRBBitmapByteOrder32Little),
-       {0, 64, 128, 128},
-       {128, 128, 64, 0}},
-      {"rgb", layout(8, 24, ZRBColorSpaceModelRGB, ZRBImageAlphaNone), {255, 128, 0}, {255, 255, 128, 0}},
-      {"rgbx",
-       layout(8, 32, ZRBColorSpaceModelRGB, ZRBImageAlphaNoneSkipLast),
-       {255, 128, 0, 7},
-       {255, 255, 128, 0}},
+      {"bgra little", layout(8, 32, RGB, ZRBImageAlphaPremultipliedFirst | ZRBBitmapByteOrder32Little),
+       {0, 64, 128, 128}, {128, 128, 64, 0}},
+      {"rgb", layout(8, 24, RGB, ZRBImageAlphaNone), {255, 128, 0}, {255, 255, 128, 0}},
+      {"rgbx", layout(8, 32, RGB, ZRBImageAlphaNoneSkipLast), {255, 128, 0, 7}, {255, 255, 128, 0}},
       {"grey", layout(8, 8, ZRBColorSpaceModelMonochrome, ZRBImageAlphaNone), {90}, {255, 90, 90, 90}},
-      {"cmyk",
-       layout(8, 32, ZRBColorSpaceModelCMYK, ZRBImageAlphaNone),
-       {0, 127, 255, 0},
+      {"cmyk", layout(8, 32, ZRBColorSpaceModelCMYK, ZRBImageAlphaNone), {0, 127, 255, 0},
        {255, 255, 128, 0}},
-      {"rgba 16 big",
-       layout(16, 64, ZRBColorSpaceModelRGB, ZRBImageAlphaLast),
-       {255, 255, 128, 0, 0, 0, 128, 0},
+      {"rgba 16 big", layout(16, 64, RGB, ZRBImageAlphaLast), {255, 255, 128, 0, 0, 0, 128, 0},
        {128, 128, 64, 0}},
-      {"rgba 16 little",
-       layout(16, 64, ZRBColorSpaceModelRGB, ZRBImageAlphaLast | ZRBBitmapByteOrder16Little),
-       {255, 255, 0, 128, 0, 0, 0, 128},
-       {128, 128, 64, 0}},
+      {"rgba 16 little", layout(16, 64, RGB, ZRBImageAlphaLast | ZRBBitmapByteOrder16Little),
+       {255, 255, 0, 128, 0, 0, 0, 128}, {128, 128, 64, 0}},
   };
+  // clang-format on
+
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const auto source = bitmapOf(c.layout, c.bytes);

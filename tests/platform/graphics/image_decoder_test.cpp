@@ -29,27 +29,18 @@ struct PixelLimit {
   std::uint64_t saved;
 };
 
-TEST(ImageDecoderTest, TypeComesFromTheBytes) {
-  struct Case {
-    Bytes bytes;
-    ZRBImageType type;
+// Decoding below finds each format by its bytes; these look like one and are not.
+TEST(ImageDecoderTest, NearMissesAreNoImageType) {
+  const Bytes nearMisses[] = {
+      {'B', 'M'},                                            // too short for a bitmap header
+      {0, 0, 1, 0, 0, 0},                                    // an icon directory with no entries
+      {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E'},  // RIFF, but sound
+      {'G', 'I', 'F', '8', '8', 'a'},
+      {},
   };
-  const Case cases[] = {
-      {test_images::png(2, 2, 3), ZRBImageTypePNG},
-      {test_images::jpeg(2, 2), ZRBImageTypeJPEG},
-      {test_images::gif(2, 2, {{0, 0, 2, 2, 1}}), ZRBImageTypeGIF},
-      {test_images::bmp(2, 2, 24), ZRBImageTypeBMP},
-      {test_images::ico(test_images::png(2, 2, 4), 2, 2), ZRBImageTypeICO},
-      {test_images::tiff(2, 2, 3), ZRBImageTypeTIFF},
-      {test_images::webp(2, 2, false), ZRBImageTypeWebP},
-      {Bytes{'B', 'M'}, ZRBImageTypeUnknown},
-      {Bytes{0, 0, 1, 0, 0, 0}, ZRBImageTypeUnknown},  // an icon directory with no entries
-      {Bytes{'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E'}, ZRBImageTypeUnknown},
-      {Bytes{'{', '}'}, ZRBImageTypeUnknown},
-      {Bytes{}, ZRBImageTypeUnknown},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(ZRBImageTypeForData(c.bytes), c.type) << ZRBMIMETypeForImageType(c.type);
+  for (const Bytes& bytes : nearMisses) {
+    EXPECT_EQ(ZRBImageTypeForData(bytes), ZRBImageTypeUnknown);
+    EXPECT_FALSE(ZRBImage::imageWithData(bytes));
   }
 }
 
@@ -64,149 +55,42 @@ TEST(ImageDecoderTest, EachFormatDecodesIntoItsLayout) {
     std::uint32_t info;
     std::array<int, 4> first;
   };
-  const Bytes halfAlpha = test_images::gradient(5, 3, 0x80);
+  const Bytes half = test_images::gradient(5, 3, 0x80);
+  const auto Grey = ZRBColorSpaceModelMonochrome, RGB = ZRBColorSpaceModelRGB, CMYK = ZRBColorSpaceModelCMYK;
+  const std::uint32_t order16 = little ? ZRBBitmapByteOrder16Little : ZRBBitmapByteOrder16Big;
+  using namespace test_images;
+  const std::uint32_t None = ZRBImageAlphaNone, Last = ZRBImageAlphaLast,
+                      SkipLast = ZRBImageAlphaNoneSkipLast;
+  const std::uint32_t PremultipliedLast = ZRBImageAlphaPremultipliedLast;
+  // clang-format off
   const Case cases[] = {
-      {"png grey",
-       test_images::png(5, 3, 1),
-       8,
-       8,
-       ZRBColorSpaceModelMonochrome,
-       ZRBImageAlphaNone,
-       {0, -1, -1, -1}},
-      {"png grey 16",
-       test_images::png(5, 3, 1, 16),
-       16,
-       16,
-       ZRBColorSpaceModelMonochrome,
-       ZRBImageAlphaNone,
-       {0, 0, -1, -1}},
-      {"png grey alpha",
-       test_images::png(5, 3, 2, 8, halfAlpha),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaLast,
-       {0, 0, 0, 0x80}},
-      {"png rgb",
-       test_images::png(5, 3, 3),
-       8,
-       24,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaNone,
-       {0, 0, 0x40, -1}},
-      {"png rgba",
-       test_images::png(5, 3, 4, 8, halfAlpha),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaLast,
-       {0, 0, 0x40, 0x80}},
-      {"png rgba 16",
-       test_images::png(5, 3, 4, 16, halfAlpha),
-       16,
-       64,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaLast | (little ? ZRBBitmapByteOrder16Little : ZRBBitmapByteOrder16Big),
-       {0, 0, 0, 0}},
-      {"jpeg grey",
-       test_images::jpeg(5, 3, test_images::JPEGColour::Grey),
-       8,
-       8,
-       ZRBColorSpaceModelMonochrome,
-       ZRBImageAlphaNone,
-       {-1, -1, -1, -1}},
-      {"jpeg rgb",
-       test_images::jpeg(5, 3),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaNoneSkipLast,
-       {-1, -1, -1, -1}},
-      {"jpeg cmyk",
-       test_images::jpeg(5, 3, test_images::JPEGColour::CMYK),
-       8,
-       32,
-       ZRBColorSpaceModelCMYK,
-       ZRBImageAlphaNone,
-       {-1, -1, -1, -1}},
-      {"jpeg ycck",
-       test_images::jpeg(5, 3, test_images::JPEGColour::YCCK),
-       8,
-       32,
-       ZRBColorSpaceModelCMYK,
-       ZRBImageAlphaNone,
-       {-1, -1, -1, -1}},
-      {"bmp 8",
-       test_images::bmp(5, 3, 8),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaNoneSkipLast,
-       {0, 0, 0, 255}},
-      {"bmp 24",
-       test_images::bmp(5, 3, 24),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaNoneSkipLast,
-       {0, 0, 0x40, 255}},
-      {"bmp 24 top-down",
-       test_images::bmp(5, 3, 24, true),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaNoneSkipLast,
-       {0, 0, 0x40, 255}},
-      {"bmp 32 masks",
-       test_images::bmp(5, 3, 32, false, halfAlpha),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaLast,
-       {0, 0, 0x40, 0x80}},
-      {"ico bmp",
-       test_images::ico(test_images::bmp(5, 3, 24), 5, 3),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaLast,
-       {0, 0, 0x40, 0}},
-      {"ico png",
-       test_images::ico(test_images::png(5, 3, 4), 5, 3),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaLast,
-       {0, 0, 0x40, 255}},
-      {"tiff rgb",
-       test_images::tiff(5, 3, 3),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaNoneSkipLast,
-       {0, 0, 0x40, 255}},
-      {"tiff rgba",
-       test_images::tiff(5, 3, 4, test_images::solid(5, 3, 0xFF000080)),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaPremultipliedLast,
-       {0x80, 0, 0, 0x80}},
-      {"webp rgb",
-       test_images::webp(5, 3, false),
-       8,
-       24,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaNone,
-       {0, 0, 0x40, -1}},
-      {"webp rgba",
-       test_images::webp(5, 3, true, halfAlpha),
-       8,
-       32,
-       ZRBColorSpaceModelRGB,
-       ZRBImageAlphaLast,
-       {0, 0, 0x40, 0x80}},
+      {"png grey", png(5, 3, 1), 8, 8, Grey, None, {0, -1, -1, -1}},
+      {"png grey 16", png(5, 3, 1, 16), 16, 16, Grey, None, {0, 0, -1, -1}},
+      {"png grey alpha", png(5, 3, 2, 8, half), 8, 32, RGB, Last, {0, 0, 0, 0x80}},
+      {"png rgb", png(5, 3, 3), 8, 24, RGB, None, {0, 0, 0x40, -1}},
+      {"png rgba", png(5, 3, 4, 8, half), 8, 32, RGB, Last, {0, 0, 0x40, 0x80}},
+      {"png rgba 16", png(5, 3, 4, 16, half), 16, 64, RGB, Last | order16, {0, 0, 0, 0}},
+      {"jpeg grey", jpeg(5, 3, JPEGColour::Grey), 8, 8, Grey, None, {-1, -1, -1, -1}},
+      {"jpeg rgb", jpeg(5, 3), 8, 32, RGB, SkipLast, {-1, -1, -1, -1}},
+      // Written in Adobe's inverted form (255 = no ink) as (0, 255, 255, 255): full cyan alone.
+      {"jpeg cmyk", jpeg(5, 3, JPEGColour::CMYK, 0, solid(5, 3, 0x00FFFFFF)),
+       8, 32, CMYK, None, {255, 0, 0, 0}},
+      {"jpeg ycck", jpeg(5, 3, JPEGColour::YCCK), 8, 32, CMYK, None, {-1, -1, -1, -1}},
+      {"bmp 8", bmp(5, 3, 8), 8, 32, RGB, SkipLast, {0, 0, 0, 255}},
+      {"bmp 24", bmp(5, 3, 24), 8, 32, RGB, SkipLast, {0, 0, 0x40, 255}},
+      {"bmp 24 top-down", bmp(5, 3, 24, true), 8, 32, RGB, SkipLast, {0, 0, 0x40, 255}},
+      {"bmp 32 masks", bmp(5, 3, 32, false, half), 8, 32, RGB, Last, {0, 0, 0x40, 0x80}},
+      // The icon's mask makes the left half transparent.
+      {"ico bmp", ico(bmp(5, 3, 24), 5, 3), 8, 32, RGB, Last, {0, 0, 0x40, 0}},
+      {"ico png", ico(png(5, 3, 4), 5, 3), 8, 32, RGB, Last, {0, 0, 0x40, 255}},
+      {"tiff rgb", tiff(5, 3, 3), 8, 32, RGB, SkipLast, {0, 0, 0x40, 255}},
+      {"tiff rgba", tiff(5, 3, 4, solid(5, 3, 0xFF000080)),
+       8, 32, RGB, PremultipliedLast, {0x80, 0, 0, 0x80}},
+      {"webp rgb", webp(5, 3, false), 8, 24, RGB, None, {0, 0, 0x40, -1}},
+      {"webp rgba", webp(5, 3, true, half), 8, 32, RGB, Last, {0, 0, 0x40, 0x80}},
   };
+  // clang-format on
+
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const ZRBImagePtr image = ZRBImage::imageWithData(c.bytes, 2);
@@ -228,18 +112,6 @@ TEST(ImageDecoderTest, EachFormatDecodesIntoItsLayout) {
       }
     }
   }
-}
-
-TEST(ImageDecoderTest, CMYKJPEGKeepsInkNotInvertedValues) {
-  // Stored in Adobe's inverted form as (0, 255, 255, 255): full cyan ink and nothing else.
-  const ZRBImagePtr image = ZRBImage::imageWithData(
-      test_images::jpeg(8, 8, test_images::JPEGColour::CMYK, 0, test_images::solid(8, 8, 0x00FFFFFF)));
-  ASSERT_TRUE(image);
-  const auto pixel = firstPixel(*image->bitmap());
-  EXPECT_NEAR(pixel[0], 255, 3);
-  EXPECT_NEAR(pixel[1], 0, 3);
-  EXPECT_NEAR(pixel[2], 0, 3);
-  EXPECT_NEAR(pixel[3], 0, 3);
 }
 
 TEST(ImageDecoderTest, JPEGOrientationComesFromEXIF) {
@@ -291,15 +163,6 @@ TEST(ImageDecoderTest, AnimatedGIFFramesAreComposedWithTheirDisposal) {
   ASSERT_TRUE(still);
   EXPECT_FALSE(still->isAnimated());
   EXPECT_EQ(still->duration(), 0);
-}
-
-TEST(ImageDecoderTest, AnimatedWebPHasItsFrames) {
-  const ZRBImagePtr image =
-      ZRBImage::imageWithData(test_images::animatedWebP(6, 4, {0xFF0000FF, 0x00FF00FF, 0x0000FFFF}, 120));
-  ASSERT_TRUE(image);
-  ASSERT_EQ(image->frameCount(), 3u);
-  EXPECT_NEAR(image->duration(), 0.36, 1e-9);
-  EXPECT_EQ(firstPixel(*image->images()[1]->bitmap()), (std::array<int, 4>{0, 255, 0, 255}));
 }
 
 // Every format cut short or damaged gives no image (or, for damage the format cannot see, some
