@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "http/compound_response_serializer.h"
+#include "http/json_response_serializer.h"
 #include "platform/foundation/index_set.h"
 #include "platform/foundation/keyed_archiver.h"
 #include "platform/foundation/url.h"
@@ -149,6 +151,17 @@ TEST(ImageResponseSerializer, GuardsDecodingAndReportsValidation) {
       serializer->responseObjectForResponse(response("image/png"), body(png), nullptr).objectAs<ZRBImage>();
   ASSERT_TRUE(image);
   EXPECT_EQ(image->bitmap()->bitmapInfo(), ZRBImageAlphaNone) << "as decoded";
+}
+
+// The JSON serializer refuses the image's content type; its error does not travel with the image.
+TEST(ImageResponseSerializer, WinsInACompoundAfterJSON) {
+  auto compound = ZRBHS_CompoundResponseSerializer::compoundSerializerWithResponseSerializers(
+      {ZRBHS_JSONResponseSerializer::serializer(), ZRBHS_ImageResponseSerializer::serializer()});
+  ZRBErrorPtr error;
+  ZRBValue object = compound->responseObjectForResponse(
+      response("image/gif"), body(test_images::gif(2, 2, {{0, 0, 2, 2, 1}})), &error);
+  EXPECT_TRUE(object.objectAs<ZRBImage>());
+  EXPECT_FALSE(error);
 }
 
 TEST(ImageResponseSerializer, CopiesAndArchivesKeepScaleAndInflation) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/foundation/property_list_serialization.h"
+#include "support/test_images.h"
 
 namespace {
 
@@ -66,8 +67,13 @@ TEST(OrvelGetDecode, PrintsEachKindOfBodyOrRefusesIt) {
       {"one space", 200, "application/json", ZRBValue::data(" "), 0, "", ""},
       {"another type", 200, "text/plain", ZRBValue::data("hello"), 22, "",
        "orvel: Request failed: unacceptable content-type: text/plain\n"},
-      {"an image is not decoded here", 200, "image/png", ZRBValue::data("\x89PNG"), 22, "",
-       "orvel: Request failed: unacceptable content-type: image/png\n"},
+      {"image", 200, "image/png", ZRBValue::data(test_images::png(3, 2, 4)), 0,
+       "image 3 x 2, 8 bits per component, colour-space model 1, 1 frame\n", ""},
+      {"animated image", 200, "image/gif",
+       ZRBValue::data(test_images::gif(2, 2, {{0, 0, 2, 2, 1, 10}, {0, 0, 1, 1, 2, 10}})), 0,
+       "image 2 x 2, 8 bits per component, colour-space model 1, 2 frames\n", ""},
+      {"an image that does not decode", 200, "image/png", ZRBValue::data("\x89PNG"), 22, "",
+       "orvel: the image could not be decoded\n"},
       {"bad status", 404, "application/json", ZRBValue::data("[1]"), 22, "",
        "orvel: Request failed: not found (404)\n"},
       {"bad JSON", 200, "application/json", ZRBValue::data("[1,"), 22, "", ""},

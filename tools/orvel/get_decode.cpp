@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "http/image_response_serializer.h"
 #include "http/json_response_serializer.h"
 #include "http/property_list_response_serializer.h"
 #include "http/xml_parser_response_serializer.h"
@@ -100,7 +101,7 @@ int refuse(const ZRBErrorPtr& error, std::FILE* err) {
 ZRBHS_CompoundResponseSerializerPtr orvelDecodingSerializer() {
   ZRBHS_CompoundResponseSerializer::Serializers serializers = {
       ZRBHS_JSONResponseSerializer::serializer(), ZRBHS_XMLParserResponseSerializer::serializer(),
-      ZRBHS_PropertyListResponseSerializer::serializer()};
+      ZRBHS_PropertyListResponseSerializer::serializer(), ZRBHS_ImageResponseSerializer::serializer()};
   ZRBHS_HTTPResponseSerializer::ContentTypes types;
   for (const auto& serializer : serializers) types.merge(*serializer->acceptableContentTypes());
   auto compound =
@@ -128,6 +129,13 @@ int orvelPrintDecodedBody(const ZRBURLResponsePtr& response, const ZRBValue& bod
                  parser->lineNumber(), parser->columnNumber());
     return 22;
   }
+  if (auto image = object.objectAs<ZRBImage>()) {
+    std::fprintf(out, "image %zu x %zu, %zu bits per component, colour-space model %d, %zu frame%s\n",
+                 image->width(), image->height(), image->bitsPerComponent(),
+                 static_cast<int>(image->colorSpaceModel()), image->frameCount(),
+                 image->frameCount() == 1 ? "" : "s");
+    return 0;
+  }
   if (object.isData() && object.storageIdentity() == body.storageIdentity()) {
     // The body came back as it is: no decoder took it although its type is one of theirs. The one
     // whose type it is says why (the compound keeps only a winner's error); an empty JSON body has
@@ -140,6 +148,13 @@ int orvelPrintDecodedBody(const ZRBURLResponsePtr& response, const ZRBValue& bod
                                                      ZRBHS_ResponseSerializationErrorDomain)) {
         return refuse(serializerError, err);
       }
+    }
+    // An image that does not decode has no error of its own.
+    const auto mimeType = response ? response->MIMEType() : std::nullopt;
+    if (!body.bytes().empty() && mimeType &&
+        ZRBHS_ImageResponseSerializer::serializer()->acceptableContentTypes()->contains(*mimeType)) {
+      std::fprintf(err, "orvel: the image could not be decoded\n");
+      return 22;
     }
     return 0;
   }
