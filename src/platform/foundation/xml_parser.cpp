@@ -24,10 +24,6 @@ constexpr unsigned long long kAmplificationThreshold = 8ull << 20;
 constexpr int kReadSize = 64 << 10;
 constexpr std::size_t kDataChunk = std::size_t{1} << 30;
 
-struct ParserDeleter {
-  void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
-};
-
 // A name as expat reports it with namespace processing: "uri\1local\1prefix", "uri\1local" or
 // "local".
 struct SplitName {
@@ -89,6 +85,8 @@ struct ZRBXMLParser::Run {
   std::string cdata;
   std::vector<ZRBXMLAttributes::Attribute> attributes;  // reused from element to element
   std::vector<std::string> qualifiedNames;              // namespaced attribute names, rebuilt
+  // The lengths of the open elements' names: an end tag names the same string as its start tag.
+  std::vector<std::size_t> nameLengths;
 
   static Run& of(void* userData) { return *static_cast<Run*>(userData); }
 
@@ -96,7 +94,9 @@ struct ZRBXMLParser::Run {
     Run& run = of(userData);
     if (run.aborted) return;
     if (!run.owner.processNamespaces_) {
-      run.delegate->parserDidStartElement(run.owner, name, std::nullopt, std::nullopt,
+      std::string_view elementName(name);
+      run.nameLengths.push_back(elementName.size());
+      run.delegate->parserDidStartElement(run.owner, elementName, std::nullopt, std::nullopt,
                                           ZRBXMLAttributes(atts));
       return;
     }
@@ -126,7 +126,10 @@ struct ZRBXMLParser::Run {
     Run& run = of(userData);
     if (run.aborted) return;
     if (!run.owner.processNamespaces_) {
-      run.delegate->parserDidEndElement(run.owner, name, std::nullopt, std::nullopt);
+      std::size_t length = run.nameLengths.back();
+      run.nameLengths.pop_back();
+      run.delegate->parserDidEndElement(run.owner, std::string_view(name, length), std::nullopt,
+                                        std::nullopt);
       return;
     }
     SplitName split = splitName(name);
@@ -202,15 +205,15 @@ bool ZRBXMLParser::parse() {
   std::shared_ptr<ZRBXMLParserDelegate> delegate = delegate_.lock();
   ZRBXMLParserDelegate ignoring;
 
-  std::unique_ptr<XML_ParserStruct, ParserDeleter> parser(
-      processNamespaces_ ? XML_ParserCreateNS(nullptr, kNamespaceSeparator) : XML_ParserCreate(nullptr));
+  ExpatParser parser(processNamespaces_ ? XML_ParserCreateNS(nullptr, kNamespaceSeparator)
+                                        : XML_ParserCreate(nullptr));
   if (!parser) {
     error_ = ZRBError::withDescription(ZRBXMLParserErrorDomain, XML_ERROR_NO_MEMORY,
                                        XML_ErrorString(XML_ERROR_NO_MEMORY));
     return false;
   }
   XML_Parser p = parser.get();
-  Run run{*this, delegate ? delegate.get() : &ignoring, p, false, false, {}, {}, {}};
+  Run run{*this, delegate ? delegate.get() : &ignoring, p, false, false, {}, {}, {}, {}};
   XML_SetUserData(p, &run);
   // Nothing outside the document is read: no parameter entities, no external subset, no external
   // entity handler (expat then skips references to external entities).
@@ -263,12 +266,13 @@ bool ZRBXMLParser::parse() {
     } while (status == XML_STATUS_OK && !bytes.empty());
   }
 
-  line_ = static_cast<long>(XML_GetCurrentLineNumber(p));
-  column_ = static_cast<long>(XML_GetCurrentColumnNumber(p)) + 1;
   if (status == XML_STATUS_OK && !readFailed) {
+    finished_ = std::move(parser);
     run.delegate->parserDidEndDocument(*this);
     return true;
   }
+  line_ = static_cast<long>(XML_GetCurrentLineNumber(p));
+  column_ = static_cast<long>(XML_GetCurrentColumnNumber(p)) + 1;
 
   long code = run.aborted  ? ZRBXMLParserDelegateAbortedParseError
               : readFailed ? ZRBXMLParserReadError
@@ -290,10 +294,23 @@ void ZRBXMLParser::abortParsing() {
   XML_StopParser(run_->parser, XML_FALSE);
 }
 
+void ZRBXMLParser::ExpatParserFree::operator()(XML_ParserStruct* parser) const { XML_ParserFree(parser); }
+
+void ZRBXMLParser::settlePosition() const {
+  if (!finished_) return;
+  line_ = static_cast<long>(XML_GetCurrentLineNumber(finished_.get()));
+  column_ = static_cast<long>(XML_GetCurrentColumnNumber(finished_.get())) + 1;
+  finished_.reset();
+}
+
 long ZRBXMLParser::lineNumber() const {
-  return run_ ? static_cast<long>(XML_GetCurrentLineNumber(run_->parser)) : line_;
+  if (run_) return static_cast<long>(XML_GetCurrentLineNumber(run_->parser));
+  settlePosition();
+  return line_;
 }
 
 long ZRBXMLParser::columnNumber() const {
-  return run_ ? static_cast<long>(XML_GetCurrentColumnNumber(run_->parser)) + 1 : column_;
+  if (run_) return static_cast<long>(XML_GetCurrentColumnNumber(run_->parser)) + 1;
+  settlePosition();
+  return column_;
 }

@@ -15,11 +15,11 @@
 // by expat's amplification limits, so an entity bomb ends with an error instead of gigabytes.
 // Nesting depth is limited only by memory (expat keeps its element stack on the heap).
 //
-// Failures end the parse: parse() returns false, the delegate hears parseErrorOccurred once and
-// parserError() holds a record in ZRBXMLParserErrorDomain whose code is expat's error code (or
-// ZRBXMLParserDelegateAbortedParseError after abortParsing(), ZRBXMLParserReadError when the reader
-// failed), with the line and column under
-// ZRBXMLParserErrorLineKey and ZRBXMLParserErrorColumnKey. Lines and columns count from 1.
+// A parser is used by one thread at a time. Failures end the parse: parse() returns false, the delegate hears
+// parseErrorOccurred once and parserError() holds a record in ZRBXMLParserErrorDomain whose code is expat's
+// error code (or ZRBXMLParserDelegateAbortedParseError after abortParsing(), ZRBXMLParserReadError when the
+// reader failed), with the line and column under ZRBXMLParserErrorLineKey and ZRBXMLParserErrorColumnKey.
+// Lines and columns count from 1.
 #pragma once
 
 #include <cstddef>
@@ -43,6 +43,7 @@ inline constexpr long ZRBXMLParserDelegateAbortedParseError = 512;
 // The code of a parse whose reader failed (expat's own codes are all below it).
 inline constexpr long ZRBXMLParserReadError = 513;
 
+struct XML_ParserStruct;
 class ZRBXMLParser;
 using ZRBXMLParserPtr = std::shared_ptr<ZRBXMLParser>;
 
@@ -151,6 +152,8 @@ class ZRBXMLParser final : public ZRBObject {
   ZRBErrorPtr parserError() const { return error_; }
 
   // Where the parse is (inside a delegate operation) or where it stopped; 0 before parse().
+  // Expat finds a position by scanning what it has read, so after a successful parse it is worked
+  // out only when first asked for.
   long lineNumber() const;
   long columnNumber() const;
 
@@ -159,6 +162,12 @@ class ZRBXMLParser final : public ZRBObject {
  private:
   struct Run;
   friend struct Run;
+  struct ExpatParserFree {
+    void operator()(XML_ParserStruct* parser) const;
+  };
+  using ExpatParser = std::unique_ptr<XML_ParserStruct, ExpatParserFree>;
+  // Reads the finished parser's position into line_ and column_ and lets the parser go.
+  void settlePosition() const;
 
   ZRBValue data_;
   Reader reader_;
@@ -166,8 +175,9 @@ class ZRBXMLParser final : public ZRBObject {
   bool processNamespaces_ = false;
   bool reportPrefixes_ = false;
   bool started_ = false;
-  Run* run_ = nullptr;  // the parse in progress
-  long line_ = 0;
-  long column_ = 0;
+  Run* run_ = nullptr;            // the parse in progress
+  mutable ExpatParser finished_;  // after a successful parse, until its position is read
+  mutable long line_ = 0;
+  mutable long column_ = 0;
   ZRBErrorPtr error_;
 };

@@ -208,6 +208,11 @@ TEST(XMLParser, AbortingRunningTwiceAndReaders) {
   EXPECT_EQ(parser->parserError()->code(), ZRBXMLParserDelegateAbortedParseError);
   EXPECT_EQ(parser->lineNumber(), 1);
   EXPECT_FALSE(parser->parse()) << "a parser runs once";
+  auto finished = ZRBXMLParser::parserWithData(ZRBValue::data("<a>\n<b/>\n  </a>"));
+  EXPECT_EQ(finished->lineNumber(), 0);
+  EXPECT_TRUE(finished->parse());
+  EXPECT_EQ(finished->lineNumber(), 3) << "where the document ended";
+  EXPECT_EQ(finished->columnNumber(), 7);
   parser->abortParsing();  // outside a parse: nothing
 
   // A reader handing over one byte at a time gives the same events as the bytes at once.
