@@ -256,6 +256,10 @@ TEST(NetworkReachabilityManagerNamespaceTest, NamesAndAddresses) {
   sockaddr_in loopback{};
   loopback.sin_family = AF_INET;
   loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in6 mapped{};  // ::ffff:127.0.0.1
+  mapped.sin6_family = AF_INET6;
+  mapped.sin6_addr.s6_addr[10] = mapped.sin6_addr.s6_addr[11] = 0xff;
+  std::memcpy(&mapped.sin6_addr.s6_addr[12], &loopback.sin_addr, 4);
   sockaddr_in elsewhere = loopback;
   elsewhere.sin_addr.s_addr = htonl(0x0a090005);  // no route leads there
   constexpr ZRBNetworkReachabilityFlags local = ZRBNetworkReachabilityFlagsReachable |
@@ -266,6 +270,7 @@ TEST(NetworkReachabilityManagerNamespaceTest, NamesAndAddresses) {
       {Manager::managerForDomain("no-such-host.invalid"), ZRBHS_NetworkReachabilityStatusNotReachable, 0},
       {Manager::managerForDomain("localhost"), ZRBHS_NetworkReachabilityStatusReachableViaWiFi, local},
       {Manager::managerForAddress(&loopback), ZRBHS_NetworkReachabilityStatusReachableViaWiFi, local},
+      {Manager::managerForAddress(&mapped), ZRBHS_NetworkReachabilityStatusReachableViaWiFi, local},
       {Manager::managerForAddress(&elsewhere), ZRBHS_NetworkReachabilityStatusNotReachable, 0},
   };
   std::vector<std::shared_ptr<Reports>> reports;

@@ -62,10 +62,23 @@ bool isWWAN(const ZRBLinkState& link, std::uint32_t index) {
   return false;
 }
 
+// An IPv4-mapped IPv6 address (::ffff:a.b.c.d) is reached as the IPv4 address it carries.
+const sockaddr* unmapped(const sockaddr* address, sockaddr_in& storage) {
+  if (address->sa_family != AF_INET6) return address;
+  const auto& bytes = reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr.s6_addr;
+  static constexpr std::uint8_t kPrefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+  if (std::memcmp(bytes, kPrefix, sizeof kPrefix) != 0) return address;
+  storage = sockaddr_in{};
+  storage.sin_family = AF_INET;
+  std::memcpy(&storage.sin_addr, bytes + 12, 4);
+  return reinterpret_cast<const sockaddr*>(&storage);
+}
+
 // Flags of one address; false when the kernel could not be asked.
 bool flagsForAddress(const sockaddr* address, ZRBNetworkReachabilityFlags& flags) {
   flags = 0;
-  ZRBRouteLookup route = ZRBNetlinkLookupRoute(address);
+  sockaddr_in v4;
+  ZRBRouteLookup route = ZRBNetlinkLookupRoute(unmapped(address, v4));
   if (route.outcome == ZRBRouteLookup::Failed) return false;
   if (route.outcome == ZRBRouteLookup::NoRoute) return true;
   bool local = route.type == RTN_LOCAL;

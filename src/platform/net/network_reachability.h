@@ -92,7 +92,7 @@ class ZRBNetworkReachability final : public ZRBObject {
   // A target for a host name (UTF-8); null for an empty name.
   static ZRBNetworkReachabilityPtr createWithName(std::string_view name);
   // A target for an IPv4 (sockaddr_in) or IPv6 (sockaddr_in6) socket address, copied; null for a
-  // null pointer or another family.
+  // null pointer or another family. An IPv4-mapped IPv6 address is judged as the IPv4 address.
   static ZRBNetworkReachabilityPtr createWithAddress(const sockaddr* address);
 
   ~ZRBNetworkReachability() override;
