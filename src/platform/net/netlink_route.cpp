@@ -10,24 +10,31 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 #include <mutex>
 
 namespace {
 
 // Walks the whole messages of a datagram. `visit` returns false to stop early. Returns false when
-// bytes are left over that do not make a whole message (a truncated or garbled datagram).
+// bytes are left over that do not make a whole message (a truncated or garbled datagram). The
+// lengths are checked here rather than with mnl_nlmsg_ok, whose signed comparison takes a length
+// above 2 GiB for a valid one; a message must fit with its padding, as the kernel sends them, so
+// that attribute walks up to its padded end stay inside the bytes.
 template <typename Visit>
 bool forEachMessage(const void* data, std::size_t length, Visit&& visit) {
-  if (data == nullptr || length == 0) return true;
-  if (length > INT_MAX) return false;
-  int remaining = static_cast<int>(length);
-  const auto* message = static_cast<const nlmsghdr*>(data);
-  while (mnl_nlmsg_ok(message, remaining)) {
+  if (data == nullptr) return true;
+  const auto* bytes = static_cast<const char*>(data);
+  std::size_t offset = 0;
+  while (length - offset >= sizeof(nlmsghdr)) {
+    const auto* message = reinterpret_cast<const nlmsghdr*>(bytes + offset);
+    std::size_t padded =
+        (std::size_t{message->nlmsg_len} + NLMSG_ALIGNTO - 1) & ~std::size_t{NLMSG_ALIGNTO - 1};
+    if (message->nlmsg_len < sizeof(nlmsghdr) || padded > length - offset) return false;
     if (!visit(message)) return true;
-    message = mnl_nlmsg_next(message, &remaining);
+    offset += padded;
   }
-  return remaining == 0;
+  return offset == length;
 }
 
 // The fixed header after the netlink header, when the message is long enough to hold it.

@@ -198,6 +198,19 @@ TEST(NetlinkRouteTest, WhichNotificationsAreChanges) {
          d.close();
        },
        0, 1, true},
+      {"length above 2 GiB",
+       [](Datagram& d) {
+         d.add(RTM_NEWLINK)->nlmsg_len += 4;
+         d.close();
+         d.last()->nlmsg_len = 0xffff0000u;
+       },
+       0, 0, true},
+      {"unpadded last message",
+       [](Datagram& d) {
+         addLink(d, RTM_NEWLINK, "v0");
+         d.last()->nlmsg_len -= 1;  // and one byte cut: a whole message whose padding is missing
+       },
+       1, 0, true},
       {"nothing", [](Datagram&) {}, 0, 0, false},
   };
   for (const auto& c : cases) {
