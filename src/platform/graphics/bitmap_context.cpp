@@ -84,6 +84,22 @@ std::vector<std::uint32_t> convert(const ZRBBitmap& bitmap) {
   } catch (const std::bad_alloc&) {
     return {};
   }
+  // The decoders' own RGBA (or ARGB) with straight alpha, which most images with alpha are, in a
+  // loop of its own: opaque pixels need no arithmetic.
+  if (componentBytes == 1 && pixelBytes == 4 && layout.colorSpaceModel == ZRBColorSpaceModelRGB && straight &&
+      !reversed) {
+    for (std::size_t y = 0; y < layout.height; ++y) {
+      const std::uint8_t* p = bitmap.row(y);
+      std::uint32_t* o = out.data() + y * layout.width;
+      for (std::size_t x = 0; x < layout.width; ++x, p += 4) {
+        const unsigned a = p[alphaAt];
+        unsigned r = p[colourAt], g = p[colourAt + 1], b = p[colourAt + 2];
+        if (a != 255) r = (r * a + 127) / 255, g = (g * a + 127) / 255, b = (b * a + 127) / 255;
+        o[x] = a << 24 | r << 16 | g << 8 | b;
+      }
+    }
+    return out;
+  }
   for (std::size_t y = 0; y < layout.height; ++y) {
     const std::uint8_t* p = bitmap.row(y);
     std::uint32_t* o = out.data() + y * layout.width;
@@ -152,6 +168,15 @@ bool ZRBBitmapContext::drawBitmap(const ZRBBitmap& bitmap, ZRBRect rect) {
   const long top = static_cast<long>(layout_.height) - std::lround(rect.y + rect.height);
   if (width <= 0 || height <= 0) return false;
 
+  // An image taken earlier shares the canvas; it keeps the pixels it was taken with.
+  if (pixels_.use_count() > 1) {
+    zrb_graphics::PixelBuffer copy =
+        zrb_graphics::allocatePixels(layout_.width, layout_.height, layout_.bytesPerRow);
+    if (!copy.pixels) return false;
+    std::memcpy(copy.pixels.get(), pixels_.get(), length_);
+    pixels_ = std::move(copy.pixels);
+  }
+
   const ZRBBitmapLayout& source = bitmap.layout();
   MemoryOrder order = memoryOrder(source);
   std::vector<std::uint32_t> converted;
@@ -198,9 +223,5 @@ bool ZRBBitmapContext::drawBitmap(const ZRBBitmap& bitmap, ZRBRect rect) {
 }
 
 std::shared_ptr<ZRBBitmap> ZRBBitmapContext::makeImage() const {
-  zrb_graphics::PixelBuffer buffer =
-      zrb_graphics::allocatePixels(layout_.width, layout_.height, layout_.bytesPerRow);
-  if (!buffer.pixels) return nullptr;
-  std::memcpy(buffer.pixels.get(), pixels_.get(), length_);
-  return zrb_graphics::makeBitmap(layout_, std::move(buffer));
+  return ZRBBitmap::create(layout_, pixels_, length_);
 }

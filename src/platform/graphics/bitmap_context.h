@@ -37,8 +37,8 @@ class ZRBBitmapContext final : public ZRBObject {
   // drawn) for other bitmaps or an empty rectangle.
   bool drawBitmap(const ZRBBitmap& bitmap, ZRBRect rect);
 
-  // What the canvas holds now, as a bitmap of the context's layout (a copy: drawing on goes on
-  // without changing it).
+  // What the canvas holds now, as a bitmap of the context's layout. The pixels are shared until the
+  // next drawing, which copies them first: the bitmap never changes.
   std::shared_ptr<ZRBBitmap> makeImage() const;
 
   const ZRBBitmapLayout& layout() const { return layout_; }

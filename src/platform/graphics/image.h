@@ -59,6 +59,9 @@ class ZRBImage final : public ZRBObject {
   std::size_t width() const { return bitmap_ ? bitmap_->width() : 0; }
   std::size_t height() const { return bitmap_ ? bitmap_->height() : 0; }
   std::size_t bitsPerComponent() const { return bitmap_ ? bitmap_->bitsPerComponent() : 0; }
+  std::size_t bitsPerPixel() const { return bitmap_ ? bitmap_->bitsPerPixel() : 0; }
+  std::size_t bytesPerRow() const { return bitmap_ ? bitmap_->bytesPerRow() : 0; }
+  std::uint32_t bitmapInfo() const { return bitmap_ ? bitmap_->bitmapInfo() : 0; }
   ZRBColorSpaceModel colorSpaceModel() const {
     return bitmap_ ? bitmap_->colorSpaceModel() : ZRBColorSpaceModelUnknown;
   }
