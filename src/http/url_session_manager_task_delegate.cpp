@@ -1,0 +1,243 @@
+#include "http/url_session_manager_task_delegate.h"
+
+#include <cstdio>
+#include <exception>
+
+#include "http/response_serializer.h"
+#include "http/url_session_manager.h"
+#include "platform/runtime/notification_center.h"
+#include "platform/system/file_manager.h"
+
+namespace {
+
+// A serializer must not throw, but one that does still owes the caller its completion.
+ZRBErrorPtr decodingFailure(const char* what) {
+  return ZRBError::withDescription("com.brontide.error.serialization.response", -1016, what);
+}
+
+void postMoveFailure(const ZRBURLSessionDownloadTaskPtr& task, const ZRBErrorPtr& error) {
+  ZRBNotificationCenter::defaultCenter()->post(ZRBHS_URLSessionDownloadTaskDidFailToMoveFileNotification,
+                                               ZRBValue(task), error ? error->userInfo() : ZRBValue());
+}
+
+}  // namespace
+
+ZRBHS_URLSessionManagerTaskDelegate::ZRBHS_URLSessionManagerTaskDelegate() = default;
+
+ZRBHS_URLSessionManagerTaskDelegate::~ZRBHS_URLSessionManagerTaskDelegate() = default;
+
+ZRBValue ZRBHS_URLSessionManagerTaskDelegate::mutableData() const {
+  if (taken_) return ZRBValue();
+  if (!buffer_.empty()) return ZRBValue::data(buffer_.data(), buffer_.size());
+  return firstChunk_ ? firstChunk_ : ZRBValue::data(nullptr, 0);
+}
+
+// ---- progress ----
+
+ZRBProgressPtr ZRBHS_URLSessionManagerTaskDelegate::uploadProgress() {
+  startProgress();
+  return uploadProgress_;
+}
+
+ZRBProgressPtr ZRBHS_URLSessionManagerTaskDelegate::downloadProgress() {
+  startProgress();
+  return downloadProgress_;
+}
+
+void ZRBHS_URLSessionManagerTaskDelegate::setUploadProgressBlock(ZRBHS_ProgressBlock block) {
+  if (!block) return;
+  {
+    std::lock_guard lock(progressMutex_);
+    uploadProgressBlock_ = std::make_shared<const ZRBHS_ProgressBlock>(std::move(block));
+  }
+  startProgress();
+}
+
+void ZRBHS_URLSessionManagerTaskDelegate::setDownloadProgressBlock(ZRBHS_ProgressBlock block) {
+  if (!block) return;
+  {
+    std::lock_guard lock(progressMutex_);
+    downloadProgressBlock_ = std::make_shared<const ZRBHS_ProgressBlock>(std::move(block));
+  }
+  startProgress();
+}
+
+void ZRBHS_URLSessionManagerTaskDelegate::setupProgressForTask(const ZRBURLSessionTaskPtr& task) {
+  std::lock_guard lock(progressMutex_);
+  task_ = task;
+}
+
+void ZRBHS_URLSessionManagerTaskDelegate::cleanUpProgressForTask(const ZRBURLSessionTaskPtr& task) {
+  std::lock_guard lock(progressMutex_);
+  cleanedUp_ = true;
+  if (counterToken_ && task) task->removeCounterObserver(counterToken_);
+  counterToken_ = 0;
+}
+
+void ZRBHS_URLSessionManagerTaskDelegate::startProgress() {
+  if (progressStarted_.load(std::memory_order_acquire)) return;
+  std::unique_lock lock(progressMutex_);
+  if (progressStarted_.load(std::memory_order_relaxed)) return;
+  auto task = task_.lock();
+  std::weak_ptr<ZRBURLSessionTask> weakTask = task_;
+  auto make = [&weakTask](std::int64_t total, std::int64_t completed) {
+    auto progress = ZRBProgress::progressWithTotalUnitCount(ZRBURLSessionTransferSizeUnknown);
+    progress->setCancellable(true);
+    progress->setCancellationHandler([weakTask] {
+      if (auto owner = weakTask.lock()) owner->cancel();
+    });
+    progress->setPausable(true);
+    progress->setPausingHandler([weakTask] {
+      if (auto owner = weakTask.lock()) owner->suspend();
+    });
+    progress->setResumingHandler([weakTask] {
+      if (auto owner = weakTask.lock()) owner->resume();
+    });
+    progress->setTotalUnitCount(total);
+    progress->setCompletedUnitCount(completed);
+    return progress;
+  };
+  uploadProgress_ = make(task ? task->countOfBytesExpectedToSend() : ZRBURLSessionTransferSizeUnknown,
+                         task ? task->countOfBytesSent() : 0);
+  downloadProgress_ = make(task ? task->countOfBytesExpectedToReceive() : ZRBURLSessionTransferSizeUnknown,
+                           task ? task->countOfBytesReceived() : 0);
+  // The callbacks hear of changes from here on; the progress objects keep this delegate weakly.
+  std::weak_ptr<ZRBHS_URLSessionManagerTaskDelegate> weakSelf =
+      std::static_pointer_cast<ZRBHS_URLSessionManagerTaskDelegate>(shared_from_this());
+  auto observe = [&weakSelf](const ZRBProgressPtr& progress, bool upload) {
+    progress->addObserver([weakSelf, upload](ZRBProgress& changed, ZRBProgressChange change) {
+      if (change != ZRBProgressChange::CompletedUnitCount && change != ZRBProgressChange::TotalUnitCount)
+        return;
+      auto self = weakSelf.lock();
+      if (!self) return;
+      std::shared_ptr<const ZRBHS_ProgressBlock> block;
+      {
+        std::lock_guard blockLock(self->progressMutex_);
+        block = upload ? self->uploadProgressBlock_ : self->downloadProgressBlock_;
+      }
+      if (block) (*block)(upload ? self->uploadProgress_ : self->downloadProgress_);
+      (void)changed;
+    });
+  };
+  observe(uploadProgress_, true);
+  observe(downloadProgress_, false);
+  if (task && !cleanedUp_) {
+    counterToken_ =
+        task->addCounterObserver([weakSelf](ZRBURLSessionTaskCounter counter, std::int64_t value) {
+          if (auto self = weakSelf.lock()) self->counterChanged(counter, value);
+        });
+  }
+  progressStarted_.store(true, std::memory_order_release);
+}
+
+void ZRBHS_URLSessionManagerTaskDelegate::counterChanged(ZRBURLSessionTaskCounter counter,
+                                                         std::int64_t value) {
+  // The progress objects are set before the observer exists and never change afterwards.
+  switch (counter) {
+    case ZRBURLSessionTaskCounter::BytesReceived: downloadProgress_->setCompletedUnitCount(value); break;
+    case ZRBURLSessionTaskCounter::BytesExpectedToReceive: downloadProgress_->setTotalUnitCount(value); break;
+    case ZRBURLSessionTaskCounter::BytesSent: uploadProgress_->setCompletedUnitCount(value); break;
+    case ZRBURLSessionTaskCounter::BytesExpectedToSend: uploadProgress_->setTotalUnitCount(value); break;
+  }
+}
+
+// ---- body ----
+
+void ZRBHS_URLSessionManagerTaskDelegate::URLSessionDataTaskDidReceiveData(const ZRBURLSessionPtr&,
+                                                                           const ZRBURLSessionDataTaskPtr&,
+                                                                           const ZRBValue& data) {
+  if (taken_) return;
+  // Most bodies come in one chunk: that value is the body, shared rather than copied.
+  if (!firstChunk_ && buffer_.empty()) {
+    firstChunk_ = data;
+    return;
+  }
+  if (firstChunk_) {
+    auto first = firstChunk_.bytes();
+    buffer_.reserve(first.size() + data.bytes().size());
+    buffer_.assign(first.begin(), first.end());
+    firstChunk_ = ZRBValue();
+  }
+  auto bytes = data.bytes();
+  buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
+}
+
+void ZRBHS_URLSessionManagerTaskDelegate::URLSessionDownloadTaskDidFinishDownloadingToURL(
+    const ZRBURLSessionPtr& session, const ZRBURLSessionDownloadTaskPtr& task, const ZRBURLPtr& location) {
+  downloadFileURL_ = nullptr;
+  if (!downloadTaskDidFinishDownloading) return;
+  downloadFileURL_ = downloadTaskDidFinishDownloading(session, task, location);
+  if (!downloadFileURL_) return;
+  ZRBErrorPtr error;
+  if (!ZRBFileManager::defaultManager()->moveItemAtPath(location->path(), downloadFileURL_->path(), &error))
+    postMoveFailure(task, error);
+}
+
+// ---- completion ----
+
+void ZRBHS_URLSessionManagerTaskDelegate::URLSessionTaskDidCompleteWithError(const ZRBURLSessionPtr&,
+                                                                             const ZRBURLSessionTaskPtr& task,
+                                                                             ZRBErrorPtr error) {
+  auto manager = manager_.lock();
+  ZRBHS_ResponseSerializerPtr serializer = manager ? manager->responseSerializer() : nullptr;
+  ZRBDispatchQueuePtr queue = manager ? manager->completionQueue() : nullptr;
+  if (!queue) queue = ZRBDispatch::mainQueue();
+  ZRBDispatchGroupPtr group = manager ? manager->completionGroup() : nullptr;
+  if (!group) group = ZRBHS_URLSessionManager::defaultCompletionGroup();
+
+  // The body leaves the delegate here, whole: no copy is made of it.
+  ZRBValue data;
+  if (!taken_) {
+    data = !buffer_.empty() ? ZRBValue::data(std::move(buffer_)) : firstChunk_;
+    buffer_ = {};
+    firstChunk_ = ZRBValue();
+    taken_ = true;
+  }
+
+  ZRBDictionaryBuilder userInfo;
+  userInfo.reserve(4);
+  if (serializer)
+    userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteResponseSerializerKey), ZRBValue(serializer));
+  if (downloadFileURL_) {
+    userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteAssetPathKey), ZRBValue(downloadFileURL_));
+  } else if (data) {
+    userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteResponseDataKey), data);
+  }
+
+  ZRBURLResponsePtr response = task->response();
+  // Shared by the decoding step and the completion; the handler runs once and goes with them.
+  auto finish = [group, queue, task, response, handler = std::move(completionHandler)](
+                    ZRBValue object, ZRBErrorPtr failure, ZRBValue info) mutable {
+    group->async(queue, [task, response, handler = std::move(handler), object = std::move(object),
+                         failure = std::move(failure), info = std::move(info)] {
+      if (handler) handler(response, object, failure);
+      ZRBDispatch::mainQueue()->async([task, info] {
+        ZRBNotificationCenter::defaultCenter()->post(ZRBHS_NetworkingTaskDidCompleteNotification,
+                                                     ZRBValue(task), info);
+      });
+    });
+  };
+  completionHandler = nullptr;
+
+  if (error) {
+    userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteErrorKey), ZRBValue(error));
+    finish(ZRBValue(), std::move(error), userInfo.build());
+    return;
+  }
+  ZRBHS_URLSessionManager::processingQueue()->async([finish = std::move(finish), serializer, response,
+                                                     data = std::move(data), userInfo = std::move(userInfo),
+                                                     fileURL = downloadFileURL_]() mutable {
+    ZRBErrorPtr failure;
+    ZRBValue object;
+    try {
+      if (serializer) object = serializer->responseObjectForResponse(response, data, &failure);
+    } catch (const std::exception& exception) {
+      std::fprintf(stderr, "ORVELKIT: a response serializer threw: %s\n", exception.what());
+      failure = decodingFailure(exception.what());
+    }
+    if (fileURL) object = ZRBValue(fileURL);
+    if (object) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteSerializedResponseKey), object);
+    if (failure) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteErrorKey), ZRBValue(failure));
+    finish(std::move(object), std::move(failure), userInfo.build());
+  });
+}

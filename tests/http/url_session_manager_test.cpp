@@ -1,0 +1,623 @@
+// Session managers against the loopback test server: where completions and decoding run, what the
+// completion notification carries, hooks against built-in behaviour, downloads, the resume and
+// suspend observation, invalidation, and resources given back.
+#include "http/url_session_manager.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "http/http_session_manager.h"
+#include "http/json_response_serializer.h"
+#include "http/response_serializer.h"
+#include "platform/foundation/assert.h"
+#include "platform/foundation/exception.h"
+#include "platform/runtime/notification_center.h"
+#include "support/recording_delegate.h"
+#include "support/test_pki.h"
+#include "support/test_server.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Collects what arrives on other threads; waits without a fixed sleep.
+template <typename T>
+class Inbox {
+ public:
+  void put(T item) {
+    std::lock_guard lock(mutex_);
+    items_.push_back(std::move(item));
+    changed_.notify_all();
+  }
+  // Waits for `count` items; returns what is there then.
+  std::vector<T> wait(std::size_t count, std::chrono::milliseconds timeout = 20s) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, timeout, [&] { return items_.size() >= count; });
+    return items_;
+  }
+  std::vector<T> now() {
+    std::lock_guard lock(mutex_);
+    return items_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<T> items_;
+};
+
+struct Outcome {
+  ZRBURLResponsePtr response;
+  ZRBValue object;
+  ZRBErrorPtr error;
+  std::string queue;  // where the completion ran
+};
+
+// Records the queue it decodes on and how often it is asked.
+class RecordingSerializer final : public ZRBHS_JSONResponseSerializer {
+ public:
+  ZRBValue responseObjectForResponse(const ZRBURLResponsePtr& response, const ZRBValue& data,
+                                     ZRBErrorPtr* error) override {
+    calls.fetch_add(1);
+    {
+      std::lock_guard lock(mutex);
+      queues.push_back(ZRBDispatch::currentQueueLabel());
+    }
+    return ZRBHS_JSONResponseSerializer::responseObjectForResponse(response, data, error);
+  }
+  std::atomic<int> calls{0};
+  std::mutex mutex;
+  std::vector<std::string> queues;
+};
+
+// Observes one notification name for the life of the object.
+class NotificationInbox : public Inbox<ZRBNotificationPtr> {
+ public:
+  explicit NotificationInbox(std::string_view name) {
+    observer_ = ZRBNotificationCenter::defaultCenter()->addObserver(
+        name, ZRBValue(), nullptr, [this](const ZRBNotificationPtr& notification) { put(notification); });
+  }
+  ~NotificationInbox() { ZRBNotificationCenter::defaultCenter()->removeObserver(observer_); }
+
+ private:
+  ZRBNotificationObserverPtr observer_;
+};
+
+std::set<std::string> keysOf(const ZRBValue& dictionary) {
+  std::set<std::string> keys;
+  for (const auto& entry : dictionary.entries()) keys.insert(entry.first.string());
+  return keys;
+}
+
+class URLSessionManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    server_.start();
+    server_.respond("GET", "/json", ZRBTestResponse::json(200, R"({"answer":42})"));
+    manager_ = ZRBHS_URLSessionManager::initWithSessionConfiguration(
+        ZRBURLSessionConfiguration::ephemeralSessionConfiguration());
+    serializer_ = std::make_shared<RecordingSerializer>();
+    manager_->setResponseSerializer(serializer_);
+    completionQueue_ = ZRBDispatchQueue::serial("test.completion");
+    manager_->setCompletionQueue(completionQueue_);
+  }
+  void TearDown() override {
+    NotificationInbox invalidated(ZRBHS_URLSessionDidInvalidateNotification);
+    manager_->invalidateSessionCancelingTasks(true);
+    EXPECT_EQ(invalidated.wait(1).size(), 1u);
+  }
+
+  ZRBHS_TaskCompletionHandler record(Inbox<Outcome>& inbox) {
+    return [&inbox](ZRBURLResponsePtr response, ZRBValue object, ZRBErrorPtr error) {
+      inbox.put({std::move(response), std::move(object), std::move(error), ZRBDispatch::currentQueueLabel()});
+    };
+  }
+
+  ZRBTestServer server_;
+  ZRBHS_URLSessionManagerPtr manager_;
+  std::shared_ptr<RecordingSerializer> serializer_;
+  ZRBDispatchQueuePtr completionQueue_;
+};
+
+TEST_F(URLSessionManagerTest, DecodesOffTheDelegateQueueAndCompletesOnceOnTheCompletionQueue) {
+  NotificationInbox completed(ZRBHS_NetworkingTaskDidCompleteNotification);
+  Inbox<Outcome> outcomes;
+  auto task = manager_->dataTaskWithRequest(requestFor(server_.url("/json")), record(outcomes));
+  ASSERT_TRUE(task);
+  EXPECT_EQ(task->taskDescription(), manager_->taskDescriptionForSessionTasks());
+  task->resume();
+  auto results = outcomes.wait(1);
+  ASSERT_EQ(results.size(), 1u);
+  EXPECT_EQ(results[0].error, nullptr);
+  EXPECT_EQ(results[0].object["answer"].intValue(), 42);
+  EXPECT_EQ(results[0].queue, "test.completion");
+  {
+    std::lock_guard lock(serializer_->mutex);
+    EXPECT_EQ(serializer_->queues,
+              (std::vector<std::string>{"com.brontide.zrb_networking.session.manager.processing"}));
+  }
+  auto notifications = completed.wait(1);
+  ASSERT_EQ(notifications.size(), 1u);
+  EXPECT_EQ(notifications[0]->objectAs<ZRBURLSessionTask>(), task);
+  const ZRBValue& info = notifications[0]->userInfo();
+  EXPECT_EQ(keysOf(info), (std::set<std::string>{ZRBHS_NetworkingTaskDidCompleteResponseSerializerKey,
+                                                 ZRBHS_NetworkingTaskDidCompleteResponseDataKey,
+                                                 ZRBHS_NetworkingTaskDidCompleteSerializedResponseKey}));
+  EXPECT_EQ(info[ZRBHS_NetworkingTaskDidCompleteResponseDataKey], ZRBValue::data(R"({"answer":42})"));
+  EXPECT_EQ(info[ZRBHS_NetworkingTaskDidCompleteResponseSerializerKey].object(), serializer_);
+  // The delegate went with the task: nothing is left to report progress for.
+  EXPECT_EQ(manager_->uploadProgressForTask(task), nullptr);
+  ZRBDispatch::mainQueue()->sync([] {});
+  EXPECT_EQ(outcomes.now().size(), 1u);
+}
+
+TEST_F(URLSessionManagerTest, TransportErrorsNeverReachTheSerializer) {
+  NotificationInbox completed(ZRBHS_NetworkingTaskDidCompleteNotification);
+  ZRBTestResponse cut = ZRBTestResponse::generated(100000);
+  cut.closeAfterBodyBytes = 5000;
+  server_.respond("GET", "/cut", cut);
+  Inbox<Outcome> outcomes;
+  manager_->dataTaskWithRequest(requestFor(server_.url("/cut")), record(outcomes))->resume();
+  auto results = outcomes.wait(1);
+  ASSERT_EQ(results.size(), 1u);
+  ASSERT_NE(results[0].error, nullptr);
+  EXPECT_TRUE(results[0].object.isAbsent());
+  EXPECT_EQ(serializer_->calls.load(), 0);
+  auto notifications = completed.wait(1);
+  ASSERT_EQ(notifications.size(), 1u);
+  const ZRBValue& info = notifications[0]->userInfo();
+  // The bytes that did come are in the notification, and only there.
+  EXPECT_TRUE(keysOf(info).count(ZRBHS_NetworkingTaskDidCompleteErrorKey));
+  EXPECT_FALSE(keysOf(info).count(ZRBHS_NetworkingTaskDidCompleteSerializedResponseKey));
+  EXPECT_EQ(info[ZRBHS_NetworkingTaskDidCompleteErrorKey].object().get(), results[0].error.get());
+}
+
+TEST_F(URLSessionManagerTest, DecodingErrorsReachTheCompletionAndTheNotification) {
+  server_.respond("GET", "/broken", ZRBTestResponse::json(200, "{not json"));
+  NotificationInbox completed(ZRBHS_NetworkingTaskDidCompleteNotification);
+  Inbox<Outcome> outcomes;
+  manager_->dataTaskWithRequest(requestFor(server_.url("/broken")), record(outcomes))->resume();
+  auto results = outcomes.wait(1);
+  ASSERT_EQ(results.size(), 1u);
+  EXPECT_NE(results[0].error, nullptr);
+  auto notifications = completed.wait(1);
+  ASSERT_EQ(notifications.size(), 1u);
+  EXPECT_TRUE(keysOf(notifications[0]->userInfo()).count(ZRBHS_NetworkingTaskDidCompleteErrorKey));
+  EXPECT_TRUE(keysOf(notifications[0]->userInfo()).count(ZRBHS_NetworkingTaskDidCompleteResponseDataKey));
+}
+
+TEST_F(URLSessionManagerTest, DownloadsCompleteWithTheirDestination) {
+  server_.respond("GET", "/file", ZRBTestResponse::text(200, "file body"));
+  auto directory = ZRBTestPKI::makeTemporaryDirectory();
+  struct Case {
+    const char* name;
+    std::filesystem::path destination;  // empty: the destination callback answers null
+    bool moves;
+  };
+  const Case cases[] = {
+      {"with destination", directory / "kept.txt", true},
+      {"without destination", {}, false},
+      {"destination that cannot be written", directory / "missing" / "kept.txt", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    NotificationInbox completed(ZRBHS_NetworkingTaskDidCompleteNotification);
+    NotificationInbox moveFailed(ZRBHS_URLSessionDownloadTaskDidFailToMoveFileNotification);
+    Inbox<Outcome> outcomes;
+    ZRBURLPtr destination = c.destination.empty() ? nullptr : ZRBURL::fileURLWithPath(c.destination.string());
+    auto task = manager_->downloadTaskWithRequest(
+        requestFor(server_.url("/file")), nullptr,
+        [destination](const ZRBURLPtr&, const ZRBURLResponsePtr&) { return destination; }, record(outcomes));
+    task->resume();
+    auto results = outcomes.wait(1);
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_EQ(results[0].error, nullptr);
+    auto notifications = completed.wait(1);
+    ASSERT_EQ(notifications.size(), 1u);
+    std::set<std::string> keys = keysOf(notifications[0]->userInfo());
+    if (destination) {
+      // A failed move still completes with the destination.
+      EXPECT_EQ(results[0].object.objectAs<ZRBURL>(), destination);
+      EXPECT_TRUE(keys.count(ZRBHS_NetworkingTaskDidCompleteAssetPathKey));
+    } else {
+      EXPECT_FALSE(results[0].object.objectAs<ZRBURL>());
+      EXPECT_FALSE(keys.count(ZRBHS_NetworkingTaskDidCompleteAssetPathKey));
+    }
+    EXPECT_EQ(std::filesystem::exists(c.destination), c.moves);
+    EXPECT_EQ(moveFailed.now().size(), destination && !c.moves ? 1u : 0u);
+    if (!moveFailed.now().empty()) {
+      EXPECT_EQ(moveFailed.now()[0]->objectAs<ZRBURLSessionTask>(), task);
+    }
+  }
+}
+
+TEST_F(URLSessionManagerTest, TheManagerWideDownloadHookWinsOverTheTaskDestination) {
+  server_.respond("GET", "/file", ZRBTestResponse::text(200, "file body"));
+  auto directory = ZRBTestPKI::makeTemporaryDirectory();
+  auto hookTarget = ZRBURL::fileURLWithPath((directory / "hook.txt").string());
+  auto taskTarget = ZRBURL::fileURLWithPath((directory / "task.txt").string());
+  manager_->setDownloadTaskDidFinishDownloadingBlock([&](const ZRBURLSessionPtr&,
+                                                         const ZRBURLSessionDownloadTaskPtr&,
+                                                         const ZRBURLPtr&) { return hookTarget; });
+  std::atomic<bool> destinationAsked{false};
+  Inbox<Outcome> outcomes;
+  manager_
+      ->downloadTaskWithRequest(
+          requestFor(server_.url("/file")), nullptr,
+          [&](const ZRBURLPtr&, const ZRBURLResponsePtr&) {
+            destinationAsked = true;
+            return taskTarget;
+          },
+          record(outcomes))
+      ->resume();
+  auto results = outcomes.wait(1);
+  ASSERT_EQ(results.size(), 1u);
+  EXPECT_EQ(results[0].object.objectAs<ZRBURL>(), hookTarget);
+  EXPECT_FALSE(destinationAsked.load());
+  std::ifstream file(directory / "hook.txt");
+  std::string body((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  EXPECT_EQ(body, "file body");
+}
+
+TEST_F(URLSessionManagerTest, OptionalCallbacksAreAnsweredOnlyWithTheirHooks) {
+  using Op = ZRBURLSessionDelegateOperation;
+  const Op optional[] = {Op::TaskWillPerformHTTPRedirection, Op::DataTaskDidReceiveResponse,
+                         Op::DataTaskWillCacheResponse, Op::SessionDidFinishEventsForBackgroundURLSession};
+  for (Op op : optional) EXPECT_FALSE(manager_->respondsToOperation(op)) << int(op);
+  EXPECT_TRUE(manager_->respondsToOperation(Op::TaskNeedNewBodyStream));
+  EXPECT_TRUE(manager_->respondsToOperation(Op::SessionDidReceiveChallenge));
+  manager_->setTaskWillPerformHTTPRedirectionBlock(
+      [](auto&, auto&, auto&, const ZRBURLRequestPtr& request) { return request; });
+  manager_->setDataTaskDidReceiveResponseBlock(
+      [](auto&, auto&, auto&) { return ZRBURLSessionResponseAllow; });
+  manager_->setDataTaskWillCacheResponseBlock(
+      [](auto&, auto&, const ZRBCachedURLResponsePtr& r) { return r; });
+  manager_->setDidFinishEventsForBackgroundURLSessionBlock([](auto&) {});
+  for (Op op : optional) EXPECT_TRUE(manager_->respondsToOperation(op)) << int(op);
+}
+
+TEST_F(URLSessionManagerTest, HooksReplaceBuiltInBehaviour) {
+  server_.redirect("/moved", "/json");
+  // Without the hook the redirect is followed; the hook's null answer stops at the 302.
+  Inbox<Outcome> followed;
+  manager_->dataTaskWithRequest(requestFor(server_.url("/moved")), record(followed))->resume();
+  ASSERT_EQ(followed.wait(1).size(), 1u);
+  EXPECT_EQ(followed.now()[0].object["answer"].intValue(), 42);
+
+  std::atomic<int> asked{0};
+  manager_->setTaskWillPerformHTTPRedirectionBlock([&](auto&, auto&, auto&, auto&) -> ZRBURLRequestPtr {
+    ++asked;
+    return nullptr;
+  });
+  Inbox<Outcome> stopped;
+  manager_->dataTaskWithRequest(requestFor(server_.url("/moved")), record(stopped))->resume();
+  ASSERT_EQ(stopped.wait(1).size(), 1u);
+  auto response = std::dynamic_pointer_cast<const ZRBHTTPURLResponse>(stopped.now()[0].response);
+  ASSERT_TRUE(response);
+  EXPECT_EQ(response->statusCode(), 302);
+  EXPECT_EQ(asked.load(), 1);
+
+  // A response hook that cancels ends the task with the cancellation error, undecoded.
+  manager_->setDataTaskDidReceiveResponseBlock(
+      [](auto&, auto&, auto&) { return ZRBURLSessionResponseCancel; });
+  Inbox<Outcome> cancelled;
+  manager_->dataTaskWithRequest(requestFor(server_.url("/json")), record(cancelled))->resume();
+  ASSERT_EQ(cancelled.wait(1).size(), 1u);
+  ASSERT_TRUE(cancelled.now()[0].error);
+  EXPECT_EQ(cancelled.now()[0].error->code(), -999);
+}
+
+TEST_F(URLSessionManagerTest, AHookThatThrowsDoesNotTakeTheTransportDown) {
+  manager_->setDataTaskDidReceiveDataBlock(
+      [](auto&, auto&, auto&) { throw std::runtime_error("hook failed"); });
+  manager_->setDataTaskDidReceiveResponseBlock([](auto&, auto&, auto&) -> ZRBURLSessionResponseDisposition {
+    throw std::runtime_error("hook failed");
+  });
+  Inbox<Outcome> first;
+  manager_->dataTaskWithRequest(requestFor(server_.url("/json")), record(first))->resume();
+  ASSERT_EQ(first.wait(1).size(), 1u);
+  // The response hook failed: the task was cancelled rather than left waiting.
+  ASSERT_TRUE(first.now()[0].error);
+  manager_->setDataTaskDidReceiveResponseBlock(nullptr);
+  Inbox<Outcome> second;
+  manager_->dataTaskWithRequest(requestFor(server_.url("/json")), record(second))->resume();
+  ASSERT_EQ(second.wait(1).size(), 1u);
+  EXPECT_EQ(second.now()[0].object["answer"].intValue(), 42);
+}
+
+TEST_F(URLSessionManagerTest, ResumeAndSuspendAreReportedForTheManagersOwnTasksOnly) {
+  NotificationInbox resumed(ZRBHS_NetworkingTaskDidResumeNotification);
+  NotificationInbox suspended(ZRBHS_NetworkingTaskDidSuspendNotification);
+  server_.respond("GET", "/slow", [] {
+    ZRBTestResponse r = ZRBTestResponse::text(200, "late");
+    r.delayBeforeHeaders = 300ms;
+    return r;
+  }());
+  // A task made directly on the manager's session carries no description of the manager's.
+  auto direct = manager_->session()->dataTaskWithRequest(requestFor(server_.url("/slow")));
+  Inbox<Outcome> outcomes;
+  auto own = manager_->dataTaskWithRequest(requestFor(server_.url("/slow")), record(outcomes));
+  for (const auto& task : {ZRBURLSessionTaskPtr(direct), ZRBURLSessionTaskPtr(own)}) {
+    task->resume();
+    task->suspend();
+    task->suspend();  // no change, no notification
+    task->resume();
+  }
+  ASSERT_EQ(outcomes.wait(1).size(), 1u);
+  ZRBDispatch::mainQueue()->sync([] {});
+  auto count = [](const std::vector<ZRBNotificationPtr>& list, const ZRBURLSessionTaskPtr& task) {
+    std::size_t found = 0;
+    for (const auto& n : list) found += n->objectAs<ZRBURLSessionTask>() == task;
+    return found;
+  };
+  EXPECT_EQ(count(resumed.now(), own), 2u);
+  EXPECT_EQ(count(suspended.now(), own), 1u);
+  EXPECT_EQ(count(resumed.now(), direct), 0u);
+  EXPECT_EQ(count(suspended.now(), direct), 0u);
+}
+
+TEST_F(URLSessionManagerTest, ProgressFollowsTheTaskAndItsHandlersControlIt) {
+  server_.respond("GET", "/big", ZRBTestResponse::generated(300000));
+  std::atomic<std::int64_t> lastSeen{0};
+  Inbox<Outcome> outcomes;
+  auto task = manager_->dataTaskWithRequest(
+      requestFor(server_.url("/big")), nullptr,
+      [&](const ZRBProgressPtr& progress) { lastSeen = progress->completedUnitCount(); }, record(outcomes));
+  auto download = manager_->downloadProgressForTask(task);
+  ASSERT_TRUE(download);
+  EXPECT_EQ(download, manager_->downloadProgressForTask(task));
+  task->resume();
+  ASSERT_EQ(outcomes.wait(1).size(), 1u);
+  EXPECT_EQ(download->completedUnitCount(), 300000);
+  EXPECT_EQ(download->totalUnitCount(), 300000);
+  EXPECT_EQ(lastSeen.load(), 300000);
+
+  // Cancelling the progress cancels the task.
+  ZRBTestResponse slow = ZRBTestResponse::text(200, "late");
+  slow.delayBeforeHeaders = 2s;
+  server_.respond("GET", "/slow", slow);
+  Inbox<Outcome> cancelled;
+  auto second = manager_->dataTaskWithRequest(requestFor(server_.url("/slow")), record(cancelled));
+  second->resume();
+  manager_->uploadProgressForTask(second)->cancel();
+  ASSERT_EQ(cancelled.wait(1).size(), 1u);
+  ASSERT_TRUE(cancelled.now()[0].error);
+  EXPECT_EQ(cancelled.now()[0].error->code(), -999);
+}
+
+TEST_F(URLSessionManagerTest, TaskListsAndInvalidationBothWays) {
+  ZRBTestResponse slow = ZRBTestResponse::json(200, "{}");
+  slow.delayBeforeHeaders = 300ms;
+  server_.respond("", "/slow", slow);
+  for (bool cancel : {false, true}) {
+    SCOPED_TRACE(cancel ? "canceling" : "finishing");
+    auto manager = ZRBHS_URLSessionManager::make();
+    NotificationInbox invalidated(ZRBHS_URLSessionDidInvalidateNotification);
+    Inbox<Outcome> outcomes;
+    auto data = manager->dataTaskWithRequest(requestFor(server_.url("/slow")), record(outcomes));
+    auto upload = manager->uploadTaskWithRequest(requestFor(server_.url("/slow"), "POST"),
+                                                 ZRBValue::data("x"), nullptr, record(outcomes));
+    auto download = manager->downloadTaskWithRequest(requestFor(server_.url("/slow")), nullptr, nullptr,
+                                                     record(outcomes));
+    EXPECT_EQ(manager->tasks(), (std::vector<ZRBURLSessionTaskPtr>{data, upload, download}));
+    EXPECT_EQ(manager->dataTasks(), (std::vector<ZRBURLSessionDataTaskPtr>{data}));
+    EXPECT_EQ(manager->uploadTasks(), (std::vector<ZRBURLSessionUploadTaskPtr>{upload}));
+    EXPECT_EQ(manager->downloadTasks(), (std::vector<ZRBURLSessionDownloadTaskPtr>{download}));
+    data->resume();
+    upload->resume();
+    download->resume();
+    manager->invalidateSessionCancelingTasks(cancel);
+    auto results = outcomes.wait(3);
+    ASSERT_EQ(results.size(), 3u);
+    for (const auto& result : results) {
+      if (cancel) {
+        ASSERT_TRUE(result.error);
+        EXPECT_EQ(result.error->code(), -999);
+      } else {
+        EXPECT_EQ(result.error, nullptr);
+      }
+    }
+    ASSERT_EQ(invalidated.wait(1).size(), 1u);
+    EXPECT_EQ(invalidated.now()[0]->objectAs<ZRBURLSession>(), manager->session());
+    EXPECT_TRUE(manager->session()->isInvalidated());
+  }
+}
+
+TEST_F(URLSessionManagerTest, TheCreationGuardSerializesOnOldPlatforms) {
+  ZRBHS_URLSessionManager::setFoundationVersionNumberForTesting(1140.0);
+  std::vector<std::thread> threads;
+  std::mutex mutex;
+  std::set<unsigned long> identifiers;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int j = 0; j < 25; ++j) {
+        auto task = manager_->dataTaskWithRequest(requestFor(server_.url("/json")), nullptr);
+        std::lock_guard lock(mutex);
+        identifiers.insert(task->taskIdentifier());
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  ZRBHS_URLSessionManager::setFoundationVersionNumberForTesting(0);
+  EXPECT_EQ(identifiers.size(), 100u);
+}
+
+TEST_F(URLSessionManagerTest, BadInputFailsAsDocumented) {
+  struct Case {
+    const char* name;
+    std::function<void()> call;
+    std::string message;
+  };
+  const Case cases[] = {
+      {"null response serializer", [&] { manager_->setResponseSerializer(nullptr); },
+       ZRBAssertionMessage("responseSerializer")},
+      {"null task",
+       [&] {
+         manager_->setDelegateForTask(std::make_shared<ZRBHS_URLSessionManagerTaskDelegate>(), nullptr);
+       },
+       ZRBAssertionMessage("task")},
+      {"null delegate",
+       [&] {
+         manager_->setDelegateForTask(
+             nullptr, manager_->session()->dataTaskWithURL(ZRBURL::URLWithString("http://127.0.0.1/")));
+       },
+       ZRBAssertionMessage("delegate")},
+      {"null request serializer", [] { ZRBHS_HTTPSessionManager::manager()->setRequestSerializer(nullptr); },
+       ZRBAssertionMessage("requestSerializer")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    try {
+      c.call();
+      ADD_FAILURE() << "no assertion";
+    } catch (const ZRBAssertionFailure& failure) {
+      EXPECT_EQ(failure.what(), c.message);
+    }
+  }
+  EXPECT_EQ(manager_->responseSerializer(), serializer_);
+  try {
+    manager_->downloadTaskWithResumeData(ZRBValue::data("not resume data"), nullptr, nullptr, nullptr);
+    ADD_FAILURE() << "resume data accepted";
+  } catch (const ZRBException& exception) {
+    EXPECT_EQ(exception.name(), "ZRBInvalidArgumentException");
+  }
+}
+
+// ---- the HTTP manager ----
+
+TEST(HTTPSessionManagerTest, BaseURLsEndInASlashWhenTheyHaveAPath) {
+  struct Case {
+    const char* given;
+    const char* stored;
+    const char* relative;
+    const char* resolved;
+  };
+  const Case cases[] = {
+      {"http://example.test/api", "http://example.test/api/", "users", "http://example.test/api/users"},
+      {"http://example.test/api/", "http://example.test/api/", "users", "http://example.test/api/users"},
+      {"http://example.test", "http://example.test", "users", "http://example.test/users"},
+      {"http://example.test/a/b", "http://example.test/a/b/", "/root", "http://example.test/root"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.given);
+    auto manager = ZRBHS_HTTPSessionManager::initWithBaseURL(ZRBURL::URLWithString(c.given));
+    EXPECT_EQ(manager->baseURL()->absoluteString(), c.stored);
+    auto task =
+        manager->dataTaskWithHTTPMethod("GET", c.relative, ZRBValue(), nullptr, nullptr, nullptr, nullptr);
+    ASSERT_TRUE(task);
+    EXPECT_EQ(task->originalRequest()->URL()->absoluteString(), c.resolved);
+    manager->invalidateSessionCancelingTasks(true);
+  }
+}
+
+TEST(HTTPSessionManagerTest, ConveniencesSortOutcomesAndFailedRequestsHaveNoTask) {
+  ZRBTestServer server;
+  server.start();
+  server.echo("/echo");
+  server.respond("GET", "/missing", ZRBTestResponse::json(404, "{}"));
+  auto manager = ZRBHS_HTTPSessionManager::initWithBaseURL(ZRBURL::URLWithString(server.url("/")));
+  auto queue = ZRBDispatchQueue::serial("test.http.completion");
+  manager->setCompletionQueue(queue);
+  Inbox<std::string> events;
+  auto success = [&](const char* name) {
+    return [&events, name](const ZRBURLSessionDataTaskPtr& task, const ZRBValue& object) {
+      events.put(std::string(name) + " ok " + (task ? object["method"].string() : "no task"));
+    };
+  };
+  auto failure = [&](const char* name) {
+    return [&events, name](const ZRBURLSessionDataTaskPtr& task, const ZRBErrorPtr& error) {
+      events.put(std::string(name) + " failed " + (task ? "task" : "no task") + (error ? "" : " no error"));
+    };
+  };
+  ASSERT_TRUE(
+      manager->GET("echo/a", ZRBValue::dictionary({{"q", ZRBValue(1)}}), success("GET"), failure("GET")));
+  ASSERT_TRUE(manager->POST("echo/b", ZRBValue(), success("POST"), failure("POST")));
+  ASSERT_TRUE(manager->PUT("echo/c", ZRBValue(), success("PUT"), failure("PUT")));
+  ASSERT_TRUE(manager->PATCH("echo/d", ZRBValue(), success("PATCH"), failure("PATCH")));
+  ASSERT_TRUE(manager->DELETE("echo/e", ZRBValue(), success("DELETE"), failure("DELETE")));
+  ASSERT_TRUE(manager->HEAD(
+      "echo/f", ZRBValue(),
+      [&](const ZRBURLSessionDataTaskPtr& task) { events.put(task ? "HEAD ok" : "HEAD no task"); },
+      failure("HEAD")));
+  ASSERT_TRUE(manager->GET("missing", ZRBValue(), success("404"), failure("404")));
+  ASSERT_TRUE(manager->POST(
+      "echo/g", ZRBValue::dictionary({{"field", ZRBValue("value")}}),
+      [](ZRBHS_StreamingMultipartFormData&) {}, success("multipart"), failure("multipart")));
+  // A request the serializer cannot build: no task, failure later on the completion queue.
+  auto refusing = ZRBHS_HTTPRequestSerializer::serializer();
+  refusing->setQueryStringSerializationWithBlock(
+      [](const ZRBURLRequestPtr&, const ZRBValue&, ZRBErrorPtr* error) {
+        *error = ZRBError::withDescription("test", 1, "refused");
+        return std::optional<std::string>();
+      });
+  manager->setRequestSerializer(refusing);
+  std::atomic<bool> ranOnQueue{false};
+  EXPECT_EQ(
+      manager->GET("echo/h", ZRBValue::dictionary({{"q", ZRBValue(1)}}), success("bad"),
+                   [&](const ZRBURLSessionDataTaskPtr& task, const ZRBErrorPtr& error) {
+                     ranOnQueue = ZRBDispatch::currentQueueLabel() == "test.http.completion";
+                     events.put(std::string(task ? "bad task" : "bad no task") + (error ? "" : " no error"));
+                   }),
+      nullptr);
+  auto all = events.wait(9);
+  std::multiset<std::string> got(all.begin(), all.end());
+  EXPECT_EQ(got, (std::multiset<std::string>{"GET ok GET", "POST ok POST", "PUT ok PUT", "PATCH ok PATCH",
+                                             "DELETE ok DELETE", "HEAD ok", "404 failed task",
+                                             "multipart ok POST", "bad no task"}));
+  EXPECT_TRUE(ranOnQueue.load());
+  manager->invalidateSessionCancelingTasks(true);
+}
+
+// ---- resources ----
+
+std::size_t countEntries(const char* directory) {
+  std::size_t count = 0;
+  if (DIR* dir = ::opendir(directory)) {
+    while (dirent* entry = ::readdir(dir)) count += entry->d_name[0] != '.';
+    ::closedir(dir);
+  }
+  return count;
+}
+
+TEST(URLSessionManagerResourcesTest, ManyManagersUsedOnceGiveTheirThreadsAndFilesBack) {
+  ZRBTestServer server;
+  server.start();
+  server.respond("GET", "/json", ZRBTestResponse::json(200, R"({"n":1})"));
+  // Warm up what lives for the process (pool, main thread, shared queues).
+  auto warm = ZRBHS_URLSessionManager::make();
+  warm->invalidateSessionCancelingTasks(true);
+  warm.reset();
+  auto settled = [](std::size_t threads, std::size_t files) {
+    for (int i = 0; i < 400; ++i) {
+      if (countEntries("/proc/self/task") <= threads && countEntries("/proc/self/fd") <= files) return true;
+      std::this_thread::sleep_for(25ms);
+    }
+    return false;
+  };
+  settled(0, 0);  // let the warm-up's thread go (bounded wait)
+  const std::size_t threads = countEntries("/proc/self/task");
+  const std::size_t files = countEntries("/proc/self/fd");
+  for (int i = 0; i < 1000; ++i) {
+    auto manager = ZRBHS_URLSessionManager::make();
+    manager->setCompletionQueue(ZRBDispatchQueue::serial("test.resources"));
+    NotificationInbox invalidated(ZRBHS_URLSessionDidInvalidateNotification);
+    Inbox<int> done;
+    manager->dataTaskWithRequest(requestFor(server.url("/json")), [&](auto&&...) { done.put(1); })->resume();
+    ASSERT_EQ(done.wait(1).size(), 1u);
+    manager->invalidateSessionCancelingTasks(i % 2 == 0);
+    ASSERT_EQ(invalidated.wait(1).size(), 1u);
+  }
+  EXPECT_TRUE(settled(threads, files))
+      << "threads " << countEntries("/proc/self/task") << " (from " << threads << "), files "
+      << countEntries("/proc/self/fd") << " (from " << files << ")";
+}
+
+}  // namespace
