@@ -413,14 +413,20 @@ void ZRBHS_URLSessionManager::removeDelegateForTask(const ZRBURLSessionTaskPtr& 
 }
 
 void ZRBHS_URLSessionManager::taskDidResume(const ZRBURLSessionTaskPtr& task) {
+  static const std::string kName(ZRBHS_NetworkingTaskDidResumeNotification);
   if (!task || task->taskDescription() != taskDescription_) return;
+  // Nobody listens: no hop to the main queue for every task.
+  if (!ZRBNotificationCenter::defaultCenter()->hasObservers(kName)) return;
   ZRBDispatch::mainQueue()->async([task] {
     ZRBNotificationCenter::defaultCenter()->post(ZRBHS_NetworkingTaskDidResumeNotification, ZRBValue(task));
   });
 }
 
 void ZRBHS_URLSessionManager::taskDidSuspend(const ZRBURLSessionTaskPtr& task) {
+  static const std::string kName(ZRBHS_NetworkingTaskDidSuspendNotification);
   if (!task || task->taskDescription() != taskDescription_) return;
+  // Nobody listens: no hop to the main queue for every task.
+  if (!ZRBNotificationCenter::defaultCenter()->hasObservers(kName)) return;
   ZRBDispatch::mainQueue()->async([task] {
     ZRBNotificationCenter::defaultCenter()->post(ZRBHS_NetworkingTaskDidSuspendNotification, ZRBValue(task));
   });

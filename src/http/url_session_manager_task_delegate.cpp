@@ -1,5 +1,6 @@
 #include "http/url_session_manager_task_delegate.h"
 
+#include <chrono>
 #include <cstdio>
 #include <exception>
 
@@ -13,6 +14,31 @@ namespace {
 // A serializer must not throw, but one that does still owes the caller its completion.
 ZRBErrorPtr decodingFailure(const char* what) {
   return ZRBError::withDescription("com.brontide.error.serialization.response", -1016, what);
+}
+
+constexpr std::size_t kDecodeHereLimit = 16 * 1024;
+
+// Completions run on the thread that finished the task (the transport's, or the processing
+// queue's) when their queue is idle: the hop to another thread costs more than a quick completion.
+// A completion that took long sends the next ones through their queue for a while, so a slow
+// caller cannot hold up the transport for long.
+std::atomic<std::int64_t> runHereAfter{0};
+constexpr auto kSlowCompletion = std::chrono::milliseconds(2);
+constexpr auto kBackOff = std::chrono::seconds(1);
+
+std::int64_t nowTicks() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+
+void runCompletion(const ZRBDispatchQueue& queue, ZRBDispatchBlock complete) {
+  const std::int64_t start = nowTicks();
+  if (start >= runHereAfter.load(std::memory_order_relaxed) && queue.runNowIfIdle(complete)) {
+    const std::int64_t end = nowTicks();
+    if (std::chrono::steady_clock::duration(end - start) > kSlowCompletion) {
+      runHereAfter.store(end + std::chrono::steady_clock::duration(kBackOff).count(),
+                         std::memory_order_relaxed);
+    }
+    return;
+  }
+  queue.async(std::move(complete));
 }
 
 void postMoveFailure(const ZRBURLSessionDownloadTaskPtr& task, const ZRBErrorPtr& error) {
@@ -194,39 +220,53 @@ void ZRBHS_URLSessionManagerTaskDelegate::URLSessionTaskDidCompleteWithError(con
     taken_ = true;
   }
 
+  // The notification's user info is made only when somebody listens for it.
+  static const std::string kCompleted(ZRBHS_NetworkingTaskDidCompleteNotification);
+  const bool notify = ZRBNotificationCenter::defaultCenter()->hasObservers(kCompleted);
   ZRBDictionaryBuilder userInfo;
-  userInfo.reserve(4);
-  if (serializer)
-    userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteResponseSerializerKey), ZRBValue(serializer));
-  if (downloadFileURL_) {
-    userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteAssetPathKey), ZRBValue(downloadFileURL_));
-  } else if (data) {
-    userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteResponseDataKey), data);
+  if (notify) {
+    userInfo.reserve(4);
+    if (serializer)
+      userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteResponseSerializerKey), ZRBValue(serializer));
+    if (downloadFileURL_) {
+      userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteAssetPathKey), ZRBValue(downloadFileURL_));
+    } else if (data) {
+      userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteResponseDataKey), data);
+    }
   }
 
+  const std::size_t size = data.bytes().size();
   ZRBURLResponsePtr response = task->response();
   // Shared by the decoding step and the completion; the handler runs once and goes with them.
-  auto finish = [group, queue, task, response, handler = std::move(completionHandler)](
+  auto finish = [group, queue, task, response, notify, handler = std::move(completionHandler)](
                     ZRBValue object, ZRBErrorPtr failure, ZRBValue info) mutable {
-    group->async(queue, [task, response, handler = std::move(handler), object = std::move(object),
-                         failure = std::move(failure), info = std::move(info)] {
+    group->enter();
+    auto complete = [group, task, response, notify, handler = std::move(handler), object = std::move(object),
+                     failure = std::move(failure), info = std::move(info)] {
+      struct Leave {
+        ZRBDispatchGroup& group;
+        ~Leave() { group.leave(); }
+      } leave{*group};
       if (handler) handler(response, object, failure);
+      if (!notify) return;
       ZRBDispatch::mainQueue()->async([task, info] {
         ZRBNotificationCenter::defaultCenter()->post(ZRBHS_NetworkingTaskDidCompleteNotification,
                                                      ZRBValue(task), info);
       });
-    });
+    };
+    // When the completion queue is idle, the thread that decoded runs the completion as the
+    // queue's block instead of handing it to another thread (see runCompletion).
+    runCompletion(*queue, std::move(complete));
   };
   completionHandler = nullptr;
 
   if (error) {
-    userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteErrorKey), ZRBValue(error));
-    finish(ZRBValue(), std::move(error), userInfo.build());
+    if (notify) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteErrorKey), ZRBValue(error));
+    finish(ZRBValue(), std::move(error), notify ? userInfo.build() : ZRBValue());
     return;
   }
-  ZRBHS_URLSessionManager::processingQueue()->async([finish = std::move(finish), serializer, response,
-                                                     data = std::move(data), userInfo = std::move(userInfo),
-                                                     fileURL = downloadFileURL_]() mutable {
+  auto decode = [finish = std::move(finish), serializer, response, data = std::move(data),
+                 userInfo = std::move(userInfo), fileURL = downloadFileURL_, notify]() mutable {
     ZRBErrorPtr failure;
     ZRBValue object;
     try {
@@ -236,8 +276,20 @@ void ZRBHS_URLSessionManagerTaskDelegate::URLSessionTaskDidCompleteWithError(con
       failure = decodingFailure(exception.what());
     }
     if (fileURL) object = ZRBValue(fileURL);
+    if (!notify) {
+      finish(std::move(object), std::move(failure), ZRBValue());
+      return;
+    }
     if (object) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteSerializedResponseKey), object);
     if (failure) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteErrorKey), ZRBValue(failure));
     finish(std::move(object), std::move(failure), userInfo.build());
-  });
+  };
+  // A small body decodes in less time than handing it to another thread takes: it is decoded as a
+  // block of the processing queue on this thread. Larger ones go to the queue's threads, so that
+  // decoding them never holds up the delegate queue.
+  if (size <= kDecodeHereLimit) {
+    ZRBHS_URLSessionManager::processingQueue()->sync(decode);
+  } else {
+    ZRBHS_URLSessionManager::processingQueue()->async(std::move(decode));
+  }
 }

@@ -102,6 +102,11 @@ void ZRBNotificationCenter::removeObserver(const ZRBNotificationObserverPtr& obs
   // `released` goes here (outside every lock), unless a delivery still holds the block.
 }
 
+bool ZRBNotificationCenter::hasObservers(const std::string& name) const {
+  std::lock_guard lock(mutex_);
+  return !anyName_.empty() || byName_.count(name) != 0;
+}
+
 void ZRBNotificationCenter::post(std::string name, ZRBValue object, ZRBValue userInfo) {
   post(std::make_shared<const ZRBNotification>(std::move(name), std::move(object), std::move(userInfo)));
 }

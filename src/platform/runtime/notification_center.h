@@ -91,6 +91,10 @@ class ZRBNotificationCenter final : public ZRBObject {
   // Removing a token twice, or a token of another center, does nothing.
   void removeObserver(const ZRBNotificationObserverPtr& observer);
 
+  // Whether any observer would see a notification of that name (a catch-all observer counts). What
+  // costs something to post (a queue hop, a user-info map) can be skipped when nobody listens.
+  bool hasObservers(const std::string& name) const;
+
   void post(const ZRBNotificationPtr& notification);
   void post(std::string name, ZRBValue object = {}, ZRBValue userInfo = {});
 
@@ -98,7 +102,7 @@ class ZRBNotificationCenter final : public ZRBObject {
 
  private:
   using RecordPtr = std::shared_ptr<ZRBNotificationObserver::Record>;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::unordered_map<std::string, std::vector<RecordPtr>> byName_;
   std::vector<RecordPtr> anyName_;
   std::uint64_t nextOrder_ = 0;
