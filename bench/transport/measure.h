@@ -14,7 +14,7 @@
 namespace transport_bench {
 
 struct Options {
-  enum class Mode { Requests, Download, Upload } mode = Mode::Requests;
+  enum class Mode { Requests, JSONRequests, Download, Upload } mode = Mode::Requests;
   std::string url;
   long count = 0;        // requests: how many
   long concurrency = 1;  // requests: how many in flight
@@ -25,9 +25,10 @@ struct Options {
 inline void usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s requests URL COUNT CONCURRENCY [CA_PEM]\n"
+               "       %s json-requests URL COUNT CONCURRENCY [CA_PEM]\n"
                "       %s download URL OUTPUT_FILE [CA_PEM]\n"
                "       %s upload URL INPUT_FILE [CA_PEM]\n",
-               program, program, program);
+               program, program, program, program);
   std::exit(2);
 }
 
@@ -37,9 +38,10 @@ inline Options parseOptions(int argc, char** argv) {
   const std::string mode = argv[1];
   options.url = argv[2];
   int next = 3;
-  if (mode == "requests") {
+  if (mode == "requests" || mode == "json-requests") {
     if (argc < 5) usage(argv[0]);
-    options.mode = Options::Mode::Requests;
+    // json-requests: each body is decoded as JSON once it is in, as an application would.
+    options.mode = mode == "requests" ? Options::Mode::Requests : Options::Mode::JSONRequests;
     options.count = std::strtol(argv[3], nullptr, 10);
     options.concurrency = std::strtol(argv[4], nullptr, 10);
     if (options.count <= 0 || options.concurrency <= 0) usage(argv[0]);

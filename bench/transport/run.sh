@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Transport benchmark: ZRBURLSession against plain libcurl, side by side in the same run, both
 # talking to one nginx on loopback. Prints one table of baseline, ours and their ratio per case.
+# The "json" cases are the third side: GETs of a 200-byte JSON body through ZRBHS_HTTPSessionManager
+# (JSON response serializer, completion queue) against libcurl parsing each body with the same JSON
+# library; in those rows "ours" is the session manager.
 #
 #   bench/transport/run.sh [BUILD_DIR]
 #
@@ -27,6 +30,7 @@ run_timeout="${BENCH_RUN_TIMEOUT:-300}"
 
 baseline_program="$build/bench/transport/transport_curl"
 our_program="$build/bench/transport/transport_session"
+manager_program="$build/bench/transport/transport_manager"
 nginx_program="$(command -v nginx || true)"
 [ -n "$nginx_program" ] || nginx_program=/usr/sbin/nginx
 if [ ! -x "$nginx_program" ]; then
@@ -36,6 +40,10 @@ fi
 if [ ! -x "$baseline_program" ]; then
   echo "transport bench: $baseline_program is missing; build the transport_curl target" >&2
   exit 1
+fi
+if [ ! -x "$manager_program" ]; then
+  echo "transport bench: $manager_program is not built; the json cases measure the baseline only" >&2
+  manager_program=""
 fi
 if [ ! -x "$our_program" ]; then
   echo "transport bench: $our_program is not built; only the baseline is measured" >&2
@@ -72,6 +80,10 @@ openssl x509 -req -in "$pki/server.csr" -CA "$pki/ca.pem" -CAkey "$pki/ca.key" -
 mkdir -p "$work/www" "$work/logs" "$work/out"
 truncate -s "$big_bytes" "$work/www/big.bin"
 small_body="$(head -c 200 /dev/zero | tr '\0' 'x')"
+# A JSON object of exactly 200 bytes: a few fields of each kind, padded with a string.
+json_head='{"id":1234567,"name":"transport bench","active":true,"ratio":0.75,"tags":["a","b","c"],"owner":null,"pad":"'
+json_pad="$(head -c $((200 - ${#json_head} - 2)) /dev/zero | tr '\0' 'x')"
+json_body="$json_head$json_pad\"}"
 
 write_config() {
   local http_port="$1" https_port="$2" user_line=""
@@ -109,6 +121,15 @@ http {
     location = /small {
       default_type application/octet-stream;
       return 200 "$small_body";
+    }
+    location = /small.json {
+      default_type application/json;
+      return 200 '$json_body';
+    }
+    location = /probe.json {
+      access_log $work/logs/probe.log probe;
+      default_type application/json;
+      return 200 '$json_body';
     }
     location = /probe {
       access_log $work/logs/probe.log probe;
@@ -220,6 +241,20 @@ check_download() {
   fi
 }
 
+# measure_json ROUNDS ARGS...: as measure, for the json cases: the baseline against the manager.
+measure_json() {
+  local rounds="$1" side
+  shift
+  baseline_lines=()
+  our_lines=()
+  for _ in $(seq "$rounds"); do
+    for side in curl manager; do
+      if [ "$side" = curl ]; then baseline_lines+=("$(run "$baseline_program" "$@")"); else
+        our_lines+=("$(run "$manager_program" "$@")"); fi
+    done
+  done
+}
+
 # measure ROUNDS CHECK ARGS...: runs the baseline and ours ROUNDS times each, alternating so that
 # both see the same machine, and leaves the report lines in baseline_lines and our_lines.
 measure() {
@@ -266,12 +301,13 @@ same_protocol() {
 # same_request CASE BASE CA...: one request of each side to /probe, whose length nginx logs; notes
 # a case where the two sides sent requests of different lengths.
 same_request() {
-  local name="$1" base="$2" lengths
+  local name="$1" base="$2" lengths program="$our_program" mode=requests path=probe
   shift 2
-  [ -n "$our_program" ] || return 0
+  if [ "${name% json}" != "$name" ]; then program="$manager_program" mode=json-requests path=probe.json; fi
+  [ -n "$program" ] || return 0
   : >"$work/logs/probe.log"
-  run "$baseline_program" requests "$base/probe" 1 1 "$@" >/dev/null
-  run "$our_program" requests "$base/probe" 1 1 "$@" >/dev/null
+  run "$baseline_program" "$mode" "$base/$path" 1 1 "$@" >/dev/null
+  run "$program" "$mode" "$base/$path" 1 1 "$@" >/dev/null
   lengths="$(tr '\n' ' ' <"$work/logs/probe.log")"
   # shellcheck disable=SC2086 # two numbers
   set -- $lengths
@@ -297,6 +333,15 @@ for scheme in http https; do
     row "$scheme c=$c" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
       "$(best requests_per_s max "${our_lines[@]}")" higher 0.9
     row "$scheme c=$c" "CPU us/request" "$(best cpu_us_per_request min "${baseline_lines[@]}")" \
+      "$(best cpu_us_per_request min "${our_lines[@]}")" lower 1.2
+  done
+  same_request "$scheme json" "$base" "${ca[@]}"
+  for c in $concurrency; do
+    measure_json "$request_rounds" json-requests "$base/small.json" "$requests" "$c" "${ca[@]}"
+    same_protocol "$scheme c=$c json"
+    row "$scheme c=$c json" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
+      "$(best requests_per_s max "${our_lines[@]}")" higher 0.9
+    row "$scheme c=$c json" "CPU us/request" "$(best cpu_us_per_request min "${baseline_lines[@]}")" \
       "$(best cpu_us_per_request min "${our_lines[@]}")" lower 1.2
   done
 done
@@ -326,7 +371,7 @@ printf '%s\n' "${rows[@]}" | awk -F'|' '
     return sprintf("%.1f", v);
   }
   BEGIN {
-    printf "%-12s %-15s %12s %12s %8s  %-18s %s\n", "case", "metric", "curl", "ours", "ratio", "target", "met"
+    printf "%-17s %-15s %12s %12s %8s  %-18s %s\n", "case", "metric", "curl", "ours", "ratio", "target", "met"
   }
   {
     kind = $5; target = $6; ratio = "-"; met = "-"; goal = "-";
@@ -338,7 +383,7 @@ printf '%s\n' "${rows[@]}" | awk -F'|' '
       if (target != "") met = (kind == "higher" ? (r >= target) : (r <= target)) ? "yes" : "NO";
     }
     if (kind == "limit" && $4 != "") met = ($4 / 1024 < target) ? "yes" : "NO";
-    printf "%-12s %-15s %12s %12s %8s  %-18s %s\n", $1, $2, shown($3, kind), shown($4, kind), ratio, goal, met
+    printf "%-17s %-15s %12s %12s %8s  %-18s %s\n", $1, $2, shown($3, kind), shown($4, kind), ratio, goal, met
   }'
 
 for note in "${notes[@]}"; do echo "note: $note"; done
@@ -346,6 +391,6 @@ for note in "${notes[@]}"; do echo "note: $note"; done
 for r in "${rows[@]}"; do
   IFS='|' read -r _ _ baseline_value our_value _ _ <<<"$r"
   [ -n "$baseline_value" ] || status=1
-  [ -z "$our_program" ] || [ -n "$our_value" ] || status=1
+  [ -z "$our_program" ] || [ -z "$manager_program" ] || [ -n "$our_value" ] || status=1
 done
 exit $status

@@ -10,6 +10,7 @@
 // See run.sh for the server and the cases; measure.h for the command line and the report.
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <simdjson.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -41,7 +42,8 @@ curl_slist* sessionHeaderLines() {
 struct Transfer {
   CURL* easy = nullptr;
   long long received = 0;
-  int fd = -1;  // download target or upload source
+  std::string body;  // json-requests: the body so far
+  int fd = -1;       // download target or upload source
 };
 
 // The HTTP version the last transfer of `easy` used.
@@ -59,6 +61,13 @@ std::string protocolOf(CURL* easy) {
 
 size_t countBody(char*, size_t size, size_t count, void* context) {
   static_cast<Transfer*>(context)->received += static_cast<long long>(size * count);
+  return size * count;
+}
+
+size_t collectBody(char* data, size_t size, size_t count, void* context) {
+  auto* transfer = static_cast<Transfer*>(context);
+  transfer->body.append(data, size * count);
+  transfer->received += static_cast<long long>(size * count);
   return size * count;
 }
 
@@ -135,14 +144,17 @@ void drive(CURLM* multi, OnDone&& done) {
 }
 
 void runRequests(const Options& options) {
+  const bool json = options.mode == Options::Mode::JSONRequests;
   CURLM* multi = curl_multi_init();
   curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, options.concurrency);
   std::vector<Transfer> transfers(static_cast<size_t>(options.concurrency));
   for (Transfer& transfer : transfers) {
     CURL* easy = makeEasy(options, transfer);
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, countBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, json ? collectBody : countBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
   }
+  // The same JSON library as the library's JSON serializer, one parser reused for every body.
+  simdjson::dom::parser parser;
 
   long started = 0;
   long completed = 0;
@@ -157,6 +169,12 @@ void runRequests(const Options& options) {
     ++completed;
     bodyBytes += transfer.received;
     transfer.received = 0;
+    if (json) {
+      simdjson::dom::element document;
+      if (parser.parse(transfer.body).get(document) != simdjson::SUCCESS || !document.is_object())
+        transport_bench::fail("the body is not a JSON object");
+      transfer.body.clear();
+    }
     if (started < options.count) {
       curl_multi_add_handle(multi, transfer.easy);
       ++started;
@@ -229,7 +247,8 @@ int main(int argc, char** argv) {
   const Options options = transport_bench::parseOptions(argc, argv);
   curl_global_init(CURL_GLOBAL_DEFAULT);
   switch (options.mode) {
-    case Options::Mode::Requests: runRequests(options); break;
+    case Options::Mode::Requests:
+    case Options::Mode::JSONRequests: runRequests(options); break;
     case Options::Mode::Download: runDownload(options); break;
     case Options::Mode::Upload: runUpload(options); break;
   }

@@ -197,6 +197,7 @@ int main(int argc, char** argv) {
                    delegate->bodyBytes());
       break;
     }
+    case Options::Mode::JSONRequests: transport_bench::fail("json-requests is transport_manager's case");
     case Options::Mode::Download: {
       const Stopwatch watch;
       session->downloadTaskWithURL(url)->resume();
