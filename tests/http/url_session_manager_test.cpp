@@ -605,8 +605,11 @@ TEST(URLSessionManagerResourcesTest, ManyManagersUsedOnceGiveTheirThreadsAndFile
   settled(0, 0);  // let the warm-up's thread go (bounded wait)
   const std::size_t threads = countEntries("/proc/self/task");
   const std::size_t files = countEntries("/proc/self/fd");
+  // Invalidated sessions end their threads even while their managers are still held.
+  std::vector<ZRBHS_URLSessionManagerPtr> kept;
   for (int i = 0; i < 1000; ++i) {
     auto manager = ZRBHS_URLSessionManager::make();
+    if (i % 10 == 0) kept.push_back(manager);
     manager->setCompletionQueue(ZRBDispatchQueue::serial("test.resources"));
     NotificationInbox invalidated(ZRBHS_URLSessionDidInvalidateNotification);
     Inbox<int> done;
@@ -615,6 +618,9 @@ TEST(URLSessionManagerResourcesTest, ManyManagersUsedOnceGiveTheirThreadsAndFile
     manager->invalidateSessionCancelingTasks(i % 2 == 0);
     ASSERT_EQ(invalidated.wait(1).size(), 1u);
   }
+  EXPECT_TRUE(settled(threads, ~std::size_t{0}))
+      << "threads " << countEntries("/proc/self/task") << " (from " << threads << ")";
+  kept.clear();
   EXPECT_TRUE(settled(threads, files))
       << "threads " << countEntries("/proc/self/task") << " (from " << threads << "), files "
       << countEntries("/proc/self/fd") << " (from " << files << ")";

@@ -244,8 +244,13 @@ void ZRBURLSession::becomeInvalidIfDone() {
   delegateQueue_->async([self] {
     if (auto delegate = self->delegate()) delegate->sessionDidBecomeInvalid(self, nullptr);
     ZRBURLSessionDelegatePtr released;
-    std::lock_guard lock(self->mutex_);
-    released = std::move(self->delegate_);
+    {
+      std::lock_guard lock(self->mutex_);
+      released = std::move(self->delegate_);
+    }
+    // No task can come any more: the transport thread ends now rather than with the session, which
+    // its owner may keep for a long time. (Its handles go with the session.)
+    if (self->transportStarted_.load(std::memory_order_acquire)) self->transport_->shutdown();
   });
 }
 

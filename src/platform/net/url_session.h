@@ -11,7 +11,8 @@
 // milliseconds gets them on the pool again for a while, so a slow delegate cannot stall transfers.
 //
 // Lifetime: the session keeps its delegate until it is invalidated, and stays alive while it has
-// tasks that have not completed (a task holds its session). Invalidate a session when done with it.
+// tasks that have not completed (a task holds its session). Invalidate a session when done with it:
+// once invalid, its transport thread ends; its connections and handles go with the session.
 //
 // Errors: every failure reaches the task as a ZRBURLErrorDomain record whose user info holds the
 // failing URL (ZRBURLErrorFailingURLErrorKey, ZRBURLErrorFailingURLStringErrorKey) and a localized
