@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
-#include <signal.h>
 #include <time.h>
 
 #include <algorithm>
@@ -21,6 +20,7 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -394,15 +394,14 @@ void Watcher::reevaluate() {
 
 // ---- name resolution ----
 
-// One getaddrinfo_a request; owned by the request while it runs, freed by its notification.
+// One lookup. It runs on a thread of its own: a slow name server must hold up neither the caller
+// nor a queue. (getaddrinfo_a would do the same on threads that glibc starts internally, which the
+// thread sanitizer cannot follow.)
 struct Resolution {
   std::weak_ptr<ZRBObject> target;
   std::string name;
   std::uint64_t generation = 0;
-  addrinfo hints{};
-  gaicb request{};
 };
-
 std::vector<sockaddr_storage> addressesOf(const addrinfo* list) {
   std::vector<sockaddr_storage> addresses;
   for (const addrinfo* entry = list; entry != nullptr && addresses.size() < kMaxAddresses;
@@ -420,16 +419,21 @@ std::vector<sockaddr_storage> addressesOf(const addrinfo* list) {
   return addresses;
 }
 
-void finishResolution(Resolution* resolution) {
-  std::unique_ptr<Resolution> owned(resolution);
-  std::vector<sockaddr_storage> addresses;
-  if (gai_error(&owned->request) == 0) addresses = addressesOf(owned->request.ar_result);
-  if (owned->request.ar_result != nullptr) freeaddrinfo(owned->request.ar_result);
-  if (auto target = std::static_pointer_cast<ZRBNetworkReachability>(owned->target.lock()))
-    ZRBNetworkReachability::Private::resolved(*target, std::move(addresses), owned->generation);
+void finishResolution(const Resolution& resolution, std::vector<sockaddr_storage> addresses) {
+  if (auto target = std::static_pointer_cast<ZRBNetworkReachability>(resolution.target.lock()))
+    ZRBNetworkReachability::Private::resolved(*target, std::move(addresses), resolution.generation);
 }
 
-void resolutionNotified(sigval value) { finishResolution(static_cast<Resolution*>(value.sival_ptr)); }
+void runResolution(const Resolution& resolution) {
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* list = nullptr;
+  std::vector<sockaddr_storage> addresses;
+  if (getaddrinfo(resolution.name.c_str(), nullptr, &hints, &list) == 0) addresses = addressesOf(list);
+  if (list != nullptr) freeaddrinfo(list);
+  finishResolution(resolution, std::move(addresses));
+}
 
 }  // namespace
 
@@ -502,24 +506,13 @@ void ZRBNetworkReachability::resolve(std::unique_lock<std::mutex>& lock, bool fo
     return;
   }
   resolving_ = true;
-  auto* resolution = new Resolution;
-  resolution->target = weak_from_this();
-  resolution->name = name_;
-  resolution->generation = Watcher::shared().generation();
-  resolution->hints.ai_family = AF_UNSPEC;
-  resolution->hints.ai_socktype = SOCK_STREAM;
-  resolution->request.ar_name = resolution->name.c_str();
-  resolution->request.ar_request = &resolution->hints;
-  sigevent notification{};
-  notification.sigev_notify = SIGEV_THREAD;
-  notification.sigev_notify_function = resolutionNotified;
-  notification.sigev_value.sival_ptr = resolution;
-  gaicb* requests[] = {&resolution->request};
-  if (getaddrinfo_a(GAI_NOWAIT, requests, 1, &notification) != 0) {
-    // Could not even be started (no memory, no threads): the name does not resolve now.
-    resolution->request.ar_result = nullptr;
+  Resolution resolution{weak_from_this(), name_, Watcher::shared().generation()};
+  try {
+    std::thread([resolution] { runResolution(resolution); }).detach();
+  } catch (const std::system_error&) {
+    // No thread to be had: the name does not resolve now.
     lock.unlock();
-    finishResolution(resolution);
+    finishResolution(resolution, {});
     lock.lock();
   }
 }

@@ -12,7 +12,7 @@
 //
 // The all-zero address (IPv6 or IPv4) stands for the internet in general: reachable when a route
 // to a global address exists in either family, which is what a default route gives. A host name
-// is resolved (getaddrinfo_a, off the calling thread) and its addresses judged as above; the best
+// is resolved (getaddrinfo, on a thread of its own) and its addresses judged as above; the best
 // answer counts (an interface that is not a modem's before one that is). A name that does not
 // resolve is not reachable (0), and so is one that cannot be a host name (longer than 253
 // characters, an empty or over-long label, a NUL byte): it is never looked up.
