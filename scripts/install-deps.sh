@@ -20,7 +20,7 @@ packages=(
   publicsuffix
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  # libpng: the baseline of the image benchmark
+  # libpng: the PNG writer of the image tests and the baseline of the image benchmark
   libpng-dev
   # libpsl: the independent reference of the domain registry's tests and its benchmark baseline
   libpsl-dev

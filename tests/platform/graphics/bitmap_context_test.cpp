@@ -34,15 +34,12 @@ TEST(BitmapContextTest, OnlyDrawableLayoutsMakeAContext) {
       {8, 0, ZRBColorSpaceModelRGB, ZRBImageAlphaPremultipliedFirst, true},
       {8, 0, ZRBColorSpaceModelRGB, ZRBImageAlphaPremultipliedLast | ZRBBitmapByteOrder32Little, true},
       {8, 0, ZRBColorSpaceModelRGB, ZRBImageAlphaNoneSkipFirst | ZRBBitmapByteOrder32Big, true},
-      {8, 0, ZRBColorSpaceModelRGB, ZRBImageAlphaNoneSkipLast, true},
       {8, 400, ZRBColorSpaceModelRGB, ZRBImageAlphaNoneSkipLast, true},
       {8, 0, ZRBColorSpaceModelRGB, ZRBImageAlphaNone, false},
       {8, 0, ZRBColorSpaceModelRGB, ZRBImageAlphaLast, false},
-      {8, 0, ZRBColorSpaceModelRGB, ZRBImageAlphaFirst, false},
       {8, 0, ZRBColorSpaceModelRGB, ZRBImageAlphaPremultipliedLast | ZRBBitmapByteOrder16Little, false},
       {16, 0, ZRBColorSpaceModelRGB, ZRBImageAlphaPremultipliedLast, false},
       {8, 0, ZRBColorSpaceModelCMYK, ZRBImageAlphaNone, false},
-      {8, 0, ZRBColorSpaceModelMonochrome, ZRBImageAlphaNone, false},
       {8, 39 * 4, ZRBColorSpaceModelRGB, ZRBImageAlphaNoneSkipLast, false},  // rows too short
   };
   for (const Case& c : cases) {

@@ -217,13 +217,4 @@ TEST(ImageDecoderTest, AnimationFramesShareOnePixelBudget) {
   EXPECT_FALSE(ZRBImage::imageWithData(frames));
 }
 
-TEST(ImageDecoderTest, PNGAndJPEGBitmapConstructorsTakeOnlyTheirFormat) {
-  const Bytes png = test_images::png(3, 3, 3), jpeg = test_images::jpeg(3, 3, test_images::JPEGColour::CMYK);
-  EXPECT_TRUE(ZRBBitmapCreateWithPNGData(png));
-  EXPECT_FALSE(ZRBBitmapCreateWithPNGData(jpeg));
-  ASSERT_TRUE(ZRBBitmapCreateWithJPEGData(jpeg));
-  EXPECT_EQ(ZRBBitmapCreateWithJPEGData(jpeg)->colorSpaceModel(), ZRBColorSpaceModelCMYK);
-  EXPECT_FALSE(ZRBBitmapCreateWithJPEGData(png));
-}
-
 }  // namespace
