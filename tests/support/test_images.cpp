@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <webp/encode.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -111,7 +112,8 @@ Bytes pngClaiming(std::uint32_t width, std::uint32_t height) {
   return out;
 }
 
-Bytes jpeg(int width, int height, JPEGColour colour, int exifOrientation, const Bytes& rgba) {
+Bytes jpeg(int width, int height, JPEGColour colour, int exifOrientation, const Bytes& rgba,
+           bool progressive) {
   const Bytes source = orGradient(rgba, width, height);
   jpeg_compress_struct info;
   jpeg_error_mgr errors;
@@ -128,6 +130,7 @@ Bytes jpeg(int width, int height, JPEGColour colour, int exifOrientation, const 
   jpeg_set_defaults(&info);
   if (colour == JPEGColour::YCCK) jpeg_set_colorspace(&info, JCS_YCCK);
   jpeg_set_quality(&info, 95, TRUE);
+  if (progressive) jpeg_simple_progression(&info);
   jpeg_start_compress(&info, TRUE);
   if (exifOrientation) {
     // "Exif\0\0", a big-endian TIFF header, one IFD with the orientation entry.
@@ -179,9 +182,20 @@ Bytes gif(int width, int height, const std::vector<GIFFrame>& frames) {
     GifByteType extension[4];
     const std::size_t length = EGifGCBToExtension(&control, extension);
     EGifPutExtension(file, GRAPHICS_EXT_FUNC_CODE, static_cast<int>(length), extension);
-    EGifPutImageDesc(file, frame.left, frame.top, frame.width, frame.height, false, nullptr);
+    EGifPutImageDesc(file, frame.left, frame.top, frame.width, frame.height, frame.interlacedStripes,
+                     nullptr);
     std::vector<GifPixelType> line(static_cast<std::size_t>(frame.width), frame.colourIndex);
-    for (int y = 0; y < frame.height; ++y) EGifPutLine(file, line.data(), frame.width);
+    if (!frame.interlacedStripes) {
+      for (int y = 0; y < frame.height; ++y) EGifPutLine(file, line.data(), frame.width);
+      continue;
+    }
+    // Every 8th row from 0, every 8th from 4, every 4th from 2, every 2nd from 1.
+    for (const auto& [start, step] : {std::pair{0, 8}, {4, 8}, {2, 4}, {1, 2}}) {
+      for (int y = start; y < frame.height; y += step) {
+        std::fill(line.begin(), line.end(), static_cast<GifPixelType>(y % 4));
+        EGifPutLine(file, line.data(), frame.width);
+      }
+    }
   }
   EGifCloseFile(file, &error);
   GifFreeMapObject(map);

@@ -24,7 +24,7 @@ Bytes pngClaiming(std::uint32_t width, std::uint32_t height);
 enum class JPEGColour { Grey, RGB, CMYK, YCCK };
 // exifOrientation 0 writes no EXIF block.
 Bytes jpeg(int width, int height, JPEGColour colour = JPEGColour::RGB, int exifOrientation = 0,
-           const Bytes& rgba = {});
+           const Bytes& rgba = {}, bool progressive = false);
 
 struct GIFFrame {
   int left = 0, top = 0, width = 0, height = 0;
@@ -32,6 +32,8 @@ struct GIFFrame {
   int delayCentiseconds = 0;
   int disposal = 0;      // 0 unspecified, 1 keep, 2 background, 3 previous
   int transparent = -1;  // colour index shown as transparent, -1 none
+  // Rows stored interlaced, row y coloured y % 4 (colourIndex is then unused).
+  bool interlacedStripes = false;
 };
 // Palette: 0 black, 1 red, 2 green, 3 blue.
 Bytes gif(int width, int height, const std::vector<GIFFrame>& frames);

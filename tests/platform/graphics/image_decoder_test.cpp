@@ -72,6 +72,7 @@ TEST(ImageDecoderTest, EachFormatDecodesIntoItsLayout) {
       {"png rgba 16", png(5, 3, 4, 16, half), 16, 64, RGB, Last | order16, {0, 0, 0, 0}},
       {"jpeg grey", jpeg(5, 3, JPEGColour::Grey), 8, 8, Grey, None, {-1, -1, -1, -1}},
       {"jpeg rgb", jpeg(5, 3), 8, 32, RGB, SkipLast, {-1, -1, -1, -1}},
+      {"jpeg progressive", jpeg(5, 3, JPEGColour::RGB, 0, {}, true), 8, 32, RGB, SkipLast, {-1, -1, -1, -1}},
       // Written in Adobe's inverted form (255 = no ink) as (0, 255, 255, 255): full cyan alone.
       {"jpeg cmyk", jpeg(5, 3, JPEGColour::CMYK, 0, solid(5, 3, 0x00FFFFFF)),
        8, 32, CMYK, None, {255, 0, 0, 0}},
@@ -158,6 +159,16 @@ TEST(ImageDecoderTest, AnimatedGIFFramesAreComposedWithTheirDisposal) {
   EXPECT_EQ(pixel(3, 0), (P{0, 0, 255, 255}));  // all transparent: frame 3 shows through
   EXPECT_EQ(image->bitmap(), image->images()[0]->bitmap());
   for (const ZRBImagePtr& frame : image->images()) EXPECT_EQ(frame->width(), 4u);
+
+  test_images::GIFFrame stripes{0, 0, 2, 11};
+  stripes.interlacedStripes = true;
+  const ZRBImagePtr interlaced = ZRBImage::imageWithData(test_images::gif(2, 11, {stripes}));
+  ASSERT_TRUE(interlaced);
+  const P palette[] = {{0, 0, 0, 255}, {255, 0, 0, 255}, {0, 255, 0, 255}, {0, 0, 255, 255}};
+  for (std::size_t y = 0; y < 11; ++y) {
+    const std::uint8_t* p = interlaced->bitmap()->row(y);
+    EXPECT_EQ((P{p[0], p[1], p[2], p[3]}), palette[y % 4]) << "row " << y;
+  }
 
   const ZRBImagePtr still = ZRBImage::imageWithData(test_images::gif(3, 3, {{0, 0, 3, 3, 2, 50}}));
   ASSERT_TRUE(still);
