@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <exception>
 #include <utility>
 #include <vector>
 
@@ -88,53 +89,71 @@ struct ZRBXMLParser::Run {
   // The lengths of the open elements' names: an end tag names the same string as its start tag.
   std::vector<std::size_t> nameLengths;
 
+  // What a delegate operation threw: the parse stops and parse() rethrows it.
+  std::exception_ptr thrown;
+
   static Run& of(void* userData) { return *static_cast<Run*>(userData); }
 
-  static void startElement(void* userData, const XML_Char* name, const XML_Char** atts) {
+  // Runs a handler's body unless the parse is stopping, and turns an exception from the delegate
+  // into a stop: it must not unwind through expat.
+  template <typename Body>
+  static void guarded(void* userData, Body&& body) {
     Run& run = of(userData);
     if (run.aborted) return;
-    if (!run.owner.processNamespaces_) {
-      std::string_view elementName(name);
-      run.nameLengths.push_back(elementName.size());
-      run.delegate->parserDidStartElement(run.owner, elementName, std::nullopt, std::nullopt,
-                                          ZRBXMLAttributes(atts));
-      return;
+    try {
+      body(run);
+    } catch (...) {
+      run.thrown = std::current_exception();
+      run.aborted = true;
+      XML_StopParser(run.parser, XML_FALSE);
     }
-    run.attributes.clear();
-    run.qualifiedNames.clear();
-    for (const XML_Char** a = atts; *a; a += 2) {
-      SplitName split = splitName(a[0]);
-      if (split.prefix.empty()) {
-        run.attributes.push_back({split.local, a[1]});
-      } else {
-        run.qualifiedNames.emplace_back(split.prefix).append(":").append(split.local);
-        run.attributes.push_back({{}, a[1]});
+  }
+
+  static void startElement(void* userData, const XML_Char* name, const XML_Char** atts) {
+    guarded(userData, [&](Run& run) {
+      if (!run.owner.processNamespaces_) {
+        std::string_view elementName(name);
+        run.nameLengths.push_back(elementName.size());
+        run.delegate->parserDidStartElement(run.owner, elementName, std::nullopt, std::nullopt,
+                                            ZRBXMLAttributes(atts));
+        return;
       }
-    }
-    // Names of prefixed attributes point into qualifiedNames only once it has stopped growing.
-    std::size_t nextQualified = 0;
-    for (std::size_t i = 0; i < run.attributes.size(); ++i) {
-      if (run.attributes[i].name.empty()) run.attributes[i].name = run.qualifiedNames[nextQualified++];
-    }
-    SplitName split = splitName(name);
-    std::string qualified = qualifiedName(split);
-    run.delegate->parserDidStartElement(run.owner, split.local, split.uri, qualified,
-                                        ZRBXMLAttributes(run.attributes));
+      run.attributes.clear();
+      run.qualifiedNames.clear();
+      for (const XML_Char** a = atts; *a; a += 2) {
+        SplitName split = splitName(a[0]);
+        if (split.prefix.empty()) {
+          run.attributes.push_back({split.local, a[1]});
+        } else {
+          run.qualifiedNames.emplace_back(split.prefix).append(":").append(split.local);
+          run.attributes.push_back({{}, a[1]});
+        }
+      }
+      // Names of prefixed attributes point into qualifiedNames only once it has stopped growing.
+      std::size_t nextQualified = 0;
+      for (std::size_t i = 0; i < run.attributes.size(); ++i) {
+        if (run.attributes[i].name.empty()) run.attributes[i].name = run.qualifiedNames[nextQualified++];
+      }
+      SplitName split = splitName(name);
+      std::string qualified = qualifiedName(split);
+      run.delegate->parserDidStartElement(run.owner, split.local, split.uri, qualified,
+                                          ZRBXMLAttributes(run.attributes));
+    });
   }
 
   static void endElement(void* userData, const XML_Char* name) {
-    Run& run = of(userData);
-    if (run.aborted) return;
-    if (!run.owner.processNamespaces_) {
-      std::size_t length = run.nameLengths.back();
-      run.nameLengths.pop_back();
-      run.delegate->parserDidEndElement(run.owner, std::string_view(name, length), std::nullopt,
-                                        std::nullopt);
-      return;
-    }
-    SplitName split = splitName(name);
-    std::string qualified = qualifiedName(split);
-    run.delegate->parserDidEndElement(run.owner, split.local, split.uri, qualified);
+    guarded(userData, [&](Run& run) {
+      if (!run.owner.processNamespaces_) {
+        std::size_t length = run.nameLengths.back();
+        run.nameLengths.pop_back();
+        run.delegate->parserDidEndElement(run.owner, std::string_view(name, length), std::nullopt,
+                                          std::nullopt);
+        return;
+      }
+      SplitName split = splitName(name);
+      std::string qualified = qualifiedName(split);
+      run.delegate->parserDidEndElement(run.owner, split.local, split.uri, qualified);
+    });
   }
 
   static std::string qualifiedName(const SplitName& split) {
@@ -145,53 +164,50 @@ struct ZRBXMLParser::Run {
   }
 
   static void characters(void* userData, const XML_Char* text, int length) {
-    Run& run = of(userData);
-    if (run.aborted) return;
-    if (run.inCDATA) {
-      run.cdata.append(text, static_cast<std::size_t>(length));
-    } else {
-      run.delegate->parserFoundCharacters(run.owner,
-                                          std::string_view(text, static_cast<std::size_t>(length)));
-    }
+    guarded(userData, [&](Run& run) {
+      if (run.inCDATA) {
+        run.cdata.append(text, static_cast<std::size_t>(length));
+      } else {
+        run.delegate->parserFoundCharacters(run.owner,
+                                            std::string_view(text, static_cast<std::size_t>(length)));
+      }
+    });
   }
 
   static void startCDATA(void* userData) {
-    Run& run = of(userData);
-    if (run.aborted) return;
-    run.inCDATA = true;
-    run.cdata.clear();
+    guarded(userData, [&](Run& run) {
+      run.inCDATA = true;
+      run.cdata.clear();
+    });
   }
 
   static void endCDATA(void* userData) {
-    Run& run = of(userData);
-    if (run.aborted) return;
-    run.inCDATA = false;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(run.cdata.data());
-    run.delegate->parserFoundCDATA(run.owner, std::span<const std::uint8_t>(bytes, run.cdata.size()));
+    guarded(userData, [&](Run& run) {
+      run.inCDATA = false;
+      const auto* bytes = reinterpret_cast<const std::uint8_t*>(run.cdata.data());
+      run.delegate->parserFoundCDATA(run.owner, std::span<const std::uint8_t>(bytes, run.cdata.size()));
+    });
   }
 
   static void comment(void* userData, const XML_Char* text) {
-    Run& run = of(userData);
-    if (run.aborted) return;
-    run.delegate->parserFoundComment(run.owner, text);
+    guarded(userData, [&](Run& run) { run.delegate->parserFoundComment(run.owner, text); });
   }
 
   static void processingInstruction(void* userData, const XML_Char* target, const XML_Char* data) {
-    Run& run = of(userData);
-    if (run.aborted) return;
-    run.delegate->parserFoundProcessingInstruction(run.owner, target, data ? data : "");
+    guarded(userData, [&](Run& run) {
+      run.delegate->parserFoundProcessingInstruction(run.owner, target, data ? data : "");
+    });
   }
 
   static void startNamespace(void* userData, const XML_Char* prefix, const XML_Char* uri) {
-    Run& run = of(userData);
-    if (run.aborted) return;
-    run.delegate->parserDidStartMappingPrefix(run.owner, prefix ? prefix : "", uri ? uri : "");
+    guarded(userData, [&](Run& run) {
+      run.delegate->parserDidStartMappingPrefix(run.owner, prefix ? prefix : "", uri ? uri : "");
+    });
   }
 
   static void endNamespace(void* userData, const XML_Char* prefix) {
-    Run& run = of(userData);
-    if (run.aborted) return;
-    run.delegate->parserDidEndMappingPrefix(run.owner, prefix ? prefix : "");
+    guarded(userData,
+            [&](Run& run) { run.delegate->parserDidEndMappingPrefix(run.owner, prefix ? prefix : ""); });
   }
 };
 
@@ -213,7 +229,7 @@ bool ZRBXMLParser::parse() {
     return false;
   }
   XML_Parser p = parser.get();
-  Run run{*this, delegate ? delegate.get() : &ignoring, p, false, false, {}, {}, {}, {}};
+  Run run{*this, delegate ? delegate.get() : &ignoring, p, false, false, {}, {}, {}, {}, {}};
   XML_SetUserData(p, &run);
   // Nothing outside the document is read: no parameter entities, no external subset, no external
   // entity handler (expat then skips references to external entities).
@@ -266,6 +282,7 @@ bool ZRBXMLParser::parse() {
     } while (status == XML_STATUS_OK && !bytes.empty());
   }
 
+  if (run.thrown) std::rethrow_exception(run.thrown);
   if (status == XML_STATUS_OK && !readFailed) {
     finished_ = std::move(parser);
     run.delegate->parserDidEndDocument(*this);

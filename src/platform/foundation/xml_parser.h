@@ -143,7 +143,8 @@ class ZRBXMLParser final : public ZRBObject {
   void setShouldResolveExternalEntities(bool) {}
 
   // Runs the document: true when it was well formed and nobody aborted. A parser runs once; later
-  // calls (and calls from inside a delegate operation) return false and report nothing.
+  // calls (and calls from inside a delegate operation) return false and report nothing. An
+  // exception thrown by a delegate operation stops the parse and leaves parse() as it is.
   bool parse();
   // From a delegate operation: stops the parse, which then fails with
   // ZRBXMLParserDelegateAbortedParseError. Outside a parse it does nothing.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -214,6 +215,14 @@ TEST(XMLParser, AbortingRunningTwiceAndReaders) {
   EXPECT_EQ(finished->lineNumber(), 3) << "where the document ended";
   EXPECT_EQ(finished->columnNumber(), 7);
   parser->abortParsing();  // outside a parse: nothing
+
+  // A delegate's exception stops the parse and comes out of parse() rather than through expat.
+  auto throwing = ZRBXMLParser::parserWithData(ZRBValue::data("<a><b/></a>"));
+  auto thrower = std::make_shared<Recorder>();
+  thrower->onStartElement = [](ZRBXMLParser&) { throw std::runtime_error("delegate"); };
+  throwing->setDelegate(thrower);
+  EXPECT_THROW(throwing->parse(), std::runtime_error);
+  EXPECT_EQ(thrower->events, (Events{"start", "<a"}));
 
   // A reader handing over one byte at a time gives the same events as the bytes at once.
   std::string document = "<r a=\"1\">t\xC3\xA9xt<![CDATA[x]]></r>";
