@@ -22,6 +22,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   # libpng: the PNG writer of the image tests and the baseline of the image benchmark
   libpng-dev
+  # Boost.JSON: a baseline of the model benchmark
+  libboost-json1.81-dev
   # libpsl: the independent reference of the domain registry's tests and its benchmark baseline
   libpsl-dev
   # libmnl: rtnetlink messages for reachability; iproute2: the reachability tests build their
