@@ -12,10 +12,11 @@
 //   }
 //
 // Options are read once per class, on first use. A key path's segments are separated by "."; a
-// property named in skip() or missing from onlyProperties() is left alone in both directions. willMap
-// (willMapJSON) reshapes the JSON object before it is mapped (answering absent refuses the model);
-// didMapModel sees the mapped model and may refuse it. Hooks run on the thread that maps, possibly on several
-// at once.
+// property named in skip() or missing from onlyProperties() is left alone in both directions; with
+// several candidate keys, a key whose value is null does not count as present, and JSON is written
+// under the first. willMapJSON reshapes the JSON object before it is mapped (answering anything but
+// a dictionary refuses the model); didMapModel sees the mapped model and may refuse it. Hooks run on
+// the thread that maps, possibly on several at once.
 #pragma once
 
 #include <functional>

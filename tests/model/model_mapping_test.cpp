@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <limits>
+#include <thread>
 
 #include "model/model.h"
 #include "platform/foundation/json_serialization.h"
@@ -173,6 +175,22 @@ TEST(ModelMapping, KeyPathsCandidatesAndSkippedProperties) {
   EXPECT_EQ(ZRBJSONSerialization::JSONObjectWithData(ZRBMDModel::JSONString(*device)), written);
 }
 
+struct Registered {
+  std::string serial = "factory";
+  std::string alias;
+  static void modelOptions(ZRBMDModelOptions<Registered>& options) { options.readonlyProperty("serial"); }
+};
+BOOST_DESCRIBE_STRUCT(Registered, (), (serial, alias))
+ZRBMD_MODEL(Registered);
+
+TEST(ModelMapping, ReadOnlyPropertiesAreWrittenButNeverSet) {
+  auto model = mapBothWays<Registered>(R"({"serial":"forged","alias":"a"})");
+  ASSERT_TRUE(model);
+  EXPECT_EQ(model->serial, "factory");
+  EXPECT_EQ(model->alias, "a");
+  EXPECT_EQ(ZRBMDModel::JSONString(*model), R"({"serial":"factory","alias":"a"})");
+}
+
 TEST(ModelMapping, ElementClassesOfContainers) {
   auto camera = mapBothWays<Camera>(R"({
     "storages": [{"kind":"sd","capacity":"64"}, "not a storage", null, {"kind":"cloud","capacity":1e3}],
@@ -321,6 +339,25 @@ TEST(ModelMapping, CopiesEqualityAndHashingAgree) {
   std::string description = ZRBMDModel::description(camera);
   EXPECT_EQ(description.rfind("<Camera: 0x", 0), 0u) << description;
   EXPECT_NE(description.find("nvme"), std::string::npos) << description;
+}
+
+TEST(ModelMapping, ManyThreadsMapAtOnce) {
+  Camera camera = sampleCamera();
+  std::string json = ZRBMDModel::JSONString(camera);
+  std::atomic<int> mismatches{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 50; ++i) {
+        auto back = ZRBMDModel::modelWithJSON<Camera>(json);
+        auto holder = ZRBMDModel::modelWithValue<Holder>(ZRBValue::dictionary({{"after", 1}}));
+        if (!back || !ZRBMDModel::isEqual(*back, camera) || !holder) ++mismatches;
+        if (ZRBMDModel::JSONString(camera) != json) ++mismatches;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches.load(), 0);
 }
 
 struct Node {
