@@ -252,8 +252,8 @@ const ZRBMDClass* registerModelClass() {
     if constexpr (ZRBMDModelType<B>)
       if (!superclass) superclass = ZRBMDClassFor<B>();
   });
-  ZRBMDClass* cls = ZRBMDClass::registerClass(zrbmd_class_name(static_cast<const T*>(nullptr)), superclass);
   const ZRBMDModelOptionsBase& options = ZRBMDModelOptionsFor<T>();
+  ZRBMDClassMembers members;
 
   boost::mp11::mp_for_each<bd::describe_members<T, bd::mod_any_access>>([&](auto member) {
     using D = decltype(member);
@@ -262,7 +262,7 @@ const ZRBMDClass* registerModelClass() {
     std::string name = D::name;
     std::string encoding = encodingOf<M>();
     // A data member pointer holds the member's offset on the platforms this library builds for.
-    cls->addIvar({name, std::bit_cast<std::ptrdiff_t>(D::pointer), encoding});
+    members.ivars.push_back({name, std::bit_cast<std::ptrdiff_t>(D::pointer), encoding});
     std::vector<ZRBMDPropertyAttribute> attributes{{'T', encoding}};
     if (options.readonly.count(name)) attributes.push_back({'R', ""});
     addTypeAttributes<M>(attributes);
@@ -272,14 +272,15 @@ const ZRBMDClass* registerModelClass() {
     if (auto s = options.setters.find(name); s != options.setters.end())
       attributes.push_back({'S', s->second});
     attributes.push_back({'V', name});
-    cls->addProperty(name, std::move(attributes));
+    members.properties.push_back({name, std::move(attributes)});
   });
   boost::mp11::mp_for_each<bd::describe_members<T, bd::mod_any_access | bd::mod_function>>(
-      [&](auto method) { cls->addMethod(methodOf<decltype(method)>()); });
-  auto* meta = const_cast<ZRBMDClass*>(cls->metaclass());
+      [&](auto method) { members.methods.push_back(methodOf<decltype(method)>()); });
   boost::mp11::mp_for_each<bd::describe_members<T, bd::mod_any_access | bd::mod_function | bd::mod_static>>(
-      [&](auto method) { meta->addMethod(methodOf<decltype(method)>()); });
-  return cls;
+      [&](auto method) { members.classMethods.push_back(methodOf<decltype(method)>()); });
+  // Entered whole, so that nobody sees the class before its members.
+  return ZRBMDClass::registerClass(zrbmd_class_name(static_cast<const T*>(nullptr)), superclass,
+                                   std::move(members));
 }
 
 }  // namespace zrbmd_detail

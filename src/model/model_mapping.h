@@ -85,6 +85,14 @@ struct Scalar {
   std::string_view text;
 };
 
+// Asks the type rather than is_null(), which the reader allows only below the root; an unread null
+// is skipped by the reader like any other unread value.
+inline bool isNullValue(od::value& v) {
+  od::json_type type;
+  return v.type().get(type) == simdjson::SUCCESS && type == od::json_type::null;
+}
+inline bool isNullValue(const ZRBValue& v) { return v.isNull(); }
+
 inline bool isLocalError(simdjson::error_code e) {
   return e == simdjson::INCORRECT_TYPE || e == simdjson::NUMBER_OUT_OF_RANGE;
 }
@@ -113,9 +121,7 @@ inline Scalar scalarOf(od::value& v, Context& c) {
   }
   simdjson::error_code e = simdjson::SUCCESS;
   switch (type) {
-    case od::json_type::null:
-      if (v.is_null()) s.kind = Scalar::Null;
-      break;
+    case od::json_type::null: s.kind = Scalar::Null; break;
     case od::json_type::boolean:
       if (!(e = v.get_bool().get(s.b))) s.kind = Scalar::Bool;
       break;
@@ -186,8 +192,7 @@ bool integerFromScalar(I& out, const Scalar& s) {
     case Scalar::Double: {
       // Fractions are dropped; values outside the type's range are refused.
       double t = std::trunc(s.d);
-      if (!std::isfinite(t) || t < static_cast<double>(L::min()) ||
-          t >= -2.0 * static_cast<double>(L::min() / 2) * 0 + static_cast<double>(L::max()) + 1.0)
+      if (!std::isfinite(t) || t < static_cast<double>(L::min()) || t >= std::ldexp(1.0, L::digits))
         return false;
       out = static_cast<I>(t);
       return true;
@@ -475,7 +480,7 @@ struct Codec<std::optional<V>> {
   static constexpr bool kMappable = true;
   template <typename Source>
   static bool read(std::optional<V>& out, Source& v, Context& c) {
-    if (isNull(v)) {
+    if (isNullValue(v)) {
       out.reset();
       return true;
     }
@@ -493,17 +498,12 @@ struct Codec<std::optional<V>> {
   static ZRBValue value(const std::optional<V>& in, bool archive, int d) {
     return in ? Codec<V>::value(*in, archive, d) : ZRBValue::null();
   }
-  static bool isNull(od::value& v) { return v.is_null(); }
-  static bool isNull(const ZRBValue& v) { return v.isNull(); }
 };
-
-inline bool isNullValue(od::value& v) { return v.is_null(); }
-inline bool isNullValue(const ZRBValue& v) { return v.isNull(); }
 
 // Containers: elements that do not convert are left out.
 template <typename Container, typename Add>
 bool readElements(Container& out, od::value& v, Context& c, Add add) {
-  if (v.is_null()) {
+  if (isNullValue(v)) {
     out = Container{};
     return true;
   }
@@ -588,7 +588,7 @@ struct Codec<C> {
   using V = typename C::mapped_type;
   static constexpr bool kMappable = true;
   static bool read(C& out, od::value& v, Context& c) {
-    if (v.is_null()) {
+    if (isNullValue(v)) {
       out = C{};
       return true;
     }
@@ -839,7 +839,7 @@ inline bool readNode(const PlanBase& plan, const KeyNode& node, od::object& obje
         }
       } else {
         const KeyTarget& t = entry->targets.front();
-        if (plan.properties[t.property].candidates && v.is_null()) continue;
+        if (plan.properties[t.property].candidates && isNullValue(v)) continue;
         if (claim(plan, t, model, ranks)) plan.properties[t.property].readDocument(model, v, c);
       }
     } else {

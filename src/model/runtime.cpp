@@ -59,13 +59,19 @@ std::vector<const T*> snapshot(const std::vector<std::unique_ptr<T>>& list) {
   return out;
 }
 
+// Caller holds the lock exclusively.
 template <typename T>
-bool addNamed(std::vector<std::unique_ptr<T>>& list, T item) {
-  std::unique_lock lock(ZRBMDRuntimeTables::shared().mutex);
+bool addNamedLocked(std::vector<std::unique_ptr<T>>& list, T item) {
   for (const auto& existing : list)
     if (existing->name == item.name) return false;
   list.push_back(std::make_unique<T>(std::move(item)));
   return true;
+}
+
+template <typename T>
+bool addNamed(std::vector<std::unique_ptr<T>>& list, T item) {
+  std::unique_lock lock(ZRBMDRuntimeTables::shared().mutex);
+  return addNamedLocked(list, std::move(item));
 }
 }  // namespace
 
@@ -90,6 +96,19 @@ ZRBMDClass* ZRBMDClass::registerClass(std::string_view name, const ZRBMDClass* s
   auto& tables = ZRBMDRuntimeTables::shared();
   std::unique_lock lock(tables.mutex);
   return tables.add(name, superclass ? superclass : tables.root);
+}
+
+ZRBMDClass* ZRBMDClass::registerClass(std::string_view name, const ZRBMDClass* superclass,
+                                      ZRBMDClassMembers members) {
+  auto& tables = ZRBMDRuntimeTables::shared();
+  std::unique_lock lock(tables.mutex);
+  ZRBMDClass* cls = tables.add(name, superclass ? superclass : tables.root);
+  for (auto& ivar : members.ivars) addNamedLocked(cls->ivars_, std::move(ivar));
+  for (auto& method : members.methods) addNamedLocked(cls->methods_, std::move(method));
+  for (auto& property : members.properties) addNamedLocked(cls->properties_, std::move(property));
+  auto* meta = const_cast<ZRBMDClass*>(cls->metaclass_);
+  for (auto& method : members.classMethods) addNamedLocked(meta->methods_, std::move(method));
+  return cls;
 }
 
 const ZRBMDClass* ZRBMDClass::rootClass() { return ZRBMDRuntimeTables::shared().root; }

@@ -50,6 +50,14 @@ struct ZRBMDProperty {
   std::vector<ZRBMDPropertyAttribute> attributes;
 };
 
+// Everything a class declares, for registering it in one step.
+struct ZRBMDClassMembers {
+  std::vector<ZRBMDIvar> ivars;
+  std::vector<ZRBMDMethod> methods;
+  std::vector<ZRBMDProperty> properties;
+  std::vector<ZRBMDMethod> classMethods;  // the metaclass's
+};
+
 class ZRBMDClass {
  public:
   ZRBMDClass(const ZRBMDClass&) = delete;
@@ -77,6 +85,10 @@ class ZRBMDClass {
   // Registers a class under `name` below `superclass` (null means the root class), or answers the
   // class already registered under that name.
   static ZRBMDClass* registerClass(std::string_view name, const ZRBMDClass* superclass);
+  // The same, with the class's members entered before anyone can look the class up. A class
+  // already registered under `name` gains the members it does not have yet.
+  static ZRBMDClass* registerClass(std::string_view name, const ZRBMDClass* superclass,
+                                   ZRBMDClassMembers members);
   // The root class "ZRBObject", and the classes that JSON values and other platform objects
   // belong to: "ZRBString", "ZRBNumber", "ZRBArray", "ZRBDictionary", "ZRBSet", "ZRBDate",
   // "ZRBData", "ZRBURL" (registered before any lookup).
