@@ -232,9 +232,20 @@ TEST(URLSessionFaultTest, SuspendReallyPausesAndResumeCarriesOnUnderLoad) {
   }
   for (int round = 0; round < 3; ++round) {
     for (auto& task : tasks) task->suspend();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // let bytes in flight land
-    std::vector<std::int64_t> before;
-    for (auto& task : tasks) before.push_back(task->countOfBytesReceived());
+    // Bytes already in flight still land; on a busy machine that can take a while, so wait until
+    // the counters stand still before judging that nothing more arrives.
+    auto counters = [&] {
+      std::vector<std::int64_t> counts;
+      for (auto& task : tasks) counts.push_back(task->countOfBytesReceived());
+      return counts;
+    };
+    std::vector<std::int64_t> before = counters();
+    for (int settle = 0; settle < 50; ++settle) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      auto now = counters();
+      if (now == before) break;
+      before = std::move(now);
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(1300));
     for (std::size_t i = 0; i < tasks.size(); ++i) {
       if (tasks[i]->state() == ZRBURLSessionTaskStateSuspended) {
