@@ -88,6 +88,12 @@ void addEthernetWithDefaultRoute() {
   ZRBTestShell(
       "ip link add v0 type veth peer name v1 && ip link set v1 up && ip addr add 10.9.0.2/24 dev v0 && "
       "ip link set v0 up && ip route add default via 10.9.0.1");
+  // The kernel announces a veth's carrier from deferred work, up to a second later on a busy
+  // machine; wait for it so that its messages do not land in the middle of a test's reports.
+  ZRBTestShell(
+      "for i in $(seq 100); do ip -o link show v0 | grep -q 'state UP' && exit 0; sleep 0.05; done; "
+      "exit 1");
+  settle();
 }
 
 std::shared_ptr<Reports> startWithReports(const ZRBHS_NetworkReachabilityManagerPtr& manager) {
