@@ -39,6 +39,8 @@ void ZRBHS_HTTPSessionManager::setRequestSerializer(ZRBHS_HTTPRequestSerializerP
 }
 
 std::string ZRBHS_HTTPSessionManager::resolve(std::string_view URLString) const {
+  // Without a base the string resolves to itself; the serializer parses it once, not twice.
+  if (!baseURL_) return std::string(URLString);
   ZRBURLPtr url = ZRBURL::URLWithString(URLString, baseURL_);
   // An unparsable string goes to the serializer as it is, which reports it.
   return url ? url->absoluteString() : std::string(URLString);
