@@ -1,5 +1,6 @@
 #include "http/url_session_manager.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <exception>
@@ -79,6 +80,8 @@ void reportHookFailure(const char* hook) {
 }
 
 }  // namespace
+
+thread_local const ZRBDispatchQueue* ZRBHS_URLSessionManager::heldDelegateQueue = nullptr;
 
 // ---- shared work objects ----
 
@@ -209,52 +212,49 @@ void ZRBHS_URLSessionManager::setCompletionGroup(ZRBDispatchGroupPtr group) {
 // ---- task lists ----
 
 std::vector<ZRBURLSessionTaskPtr> ZRBHS_URLSessionManager::tasks() const {
-  std::vector<ZRBURLSessionTaskPtr> tasks;
-  ZRBDispatchSemaphore answered(0);
-  session_->getTasksWithCompletionHandler([&](std::vector<ZRBURLSessionDataTaskPtr> data,
-                                              std::vector<ZRBURLSessionUploadTaskPtr> uploads,
-                                              std::vector<ZRBURLSessionDownloadTaskPtr> downloads) {
-    tasks.insert(tasks.end(), data.begin(), data.end());
-    tasks.insert(tasks.end(), uploads.begin(), uploads.end());
-    tasks.insert(tasks.end(), downloads.begin(), downloads.end());
-    answered.signal();
-  });
-  answered.wait();
+  std::vector<ZRBURLSessionTaskPtr> all;
+  if (heldDelegateQueue == operationQueue_.get()) {
+    all = session_->tasksNow();
+  } else {
+    ZRBDispatchSemaphore answered(0);
+    session_->getAllTasksWithCompletionHandler([&](std::vector<ZRBURLSessionTaskPtr> tasks) {
+      all = std::move(tasks);
+      answered.signal();
+    });
+    answered.wait();
+  }
+  // Data, then upload, then download tasks.
+  std::stable_partition(all.begin(), all.end(),
+                        [](const auto& task) { return task->kind() == ZRBURLSessionTask::Kind::Data; });
+  std::stable_partition(all.begin(), all.end(),
+                        [](const auto& task) { return task->kind() != ZRBURLSessionTask::Kind::Download; });
+  return all;
+}
+
+namespace {
+
+template <typename Task>
+std::vector<std::shared_ptr<Task>> tasksOfKind(const std::vector<ZRBURLSessionTaskPtr>& all,
+                                               ZRBURLSessionTask::Kind kind) {
+  std::vector<std::shared_ptr<Task>> tasks;
+  for (const auto& task : all) {
+    if (task->kind() == kind) tasks.push_back(std::static_pointer_cast<Task>(task));
+  }
   return tasks;
 }
 
+}  // namespace
+
 std::vector<ZRBURLSessionDataTaskPtr> ZRBHS_URLSessionManager::dataTasks() const {
-  std::vector<ZRBURLSessionDataTaskPtr> tasks;
-  ZRBDispatchSemaphore answered(0);
-  session_->getTasksWithCompletionHandler([&](std::vector<ZRBURLSessionDataTaskPtr> data, auto, auto) {
-    tasks = std::move(data);
-    answered.signal();
-  });
-  answered.wait();
-  return tasks;
+  return tasksOfKind<ZRBURLSessionDataTask>(tasks(), ZRBURLSessionTask::Kind::Data);
 }
 
 std::vector<ZRBURLSessionUploadTaskPtr> ZRBHS_URLSessionManager::uploadTasks() const {
-  std::vector<ZRBURLSessionUploadTaskPtr> tasks;
-  ZRBDispatchSemaphore answered(0);
-  session_->getTasksWithCompletionHandler([&](auto, std::vector<ZRBURLSessionUploadTaskPtr> uploads, auto) {
-    tasks = std::move(uploads);
-    answered.signal();
-  });
-  answered.wait();
-  return tasks;
+  return tasksOfKind<ZRBURLSessionUploadTask>(tasks(), ZRBURLSessionTask::Kind::Upload);
 }
 
 std::vector<ZRBURLSessionDownloadTaskPtr> ZRBHS_URLSessionManager::downloadTasks() const {
-  std::vector<ZRBURLSessionDownloadTaskPtr> tasks;
-  ZRBDispatchSemaphore answered(0);
-  session_->getTasksWithCompletionHandler(
-      [&](auto, auto, std::vector<ZRBURLSessionDownloadTaskPtr> downloads) {
-        tasks = std::move(downloads);
-        answered.signal();
-      });
-  answered.wait();
-  return tasks;
+  return tasksOfKind<ZRBURLSessionDownloadTask>(tasks(), ZRBURLSessionTask::Kind::Download);
 }
 
 void ZRBHS_URLSessionManager::invalidateSessionCancelingTasks(bool cancelPendingTasks) {

@@ -285,6 +285,10 @@ class ZRBHS_URLSessionManager : public ZRBURLSessionDelegate, public ZRBCoding {
   // created one at a time on a serial queue. Tests lower it; 0 restores the platform's.
   static void setFoundationVersionNumberForTesting(double version);
 
+  // The delegate queue the calling thread holds while it runs a completion in place (null
+  // otherwise): the task lists answer from the session at once there instead of waiting for it.
+  static thread_local const ZRBDispatchQueue* heldDelegateQueue;
+
   // Shared by every manager, made once: the decoding queue, the task-creation queue and the
   // default completion group.
   static const ZRBDispatchQueuePtr& processingQueue();

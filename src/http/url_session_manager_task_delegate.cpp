@@ -28,9 +28,20 @@ constexpr auto kBackOff = std::chrono::seconds(1);
 
 std::int64_t nowTicks() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
 
-void runCompletion(const ZRBDispatchQueue& queue, ZRBDispatchBlock complete) {
+void runCompletion(const ZRBDispatchQueue& queue, const ZRBDispatchQueuePtr& delegateQueue,
+                   ZRBDispatchBlock complete) {
   const std::int64_t start = nowTicks();
-  if (start >= runHereAfter.load(std::memory_order_relaxed) && queue.runNowIfIdle(complete)) {
+  if (start >= runHereAfter.load(std::memory_order_relaxed) &&
+      queue.runNowIfIdle([&complete, &delegateQueue] {
+        // The task lists must not wait for the delegate queue that this thread may be holding.
+        const ZRBDispatchQueue* outer = ZRBHS_URLSessionManager::heldDelegateQueue;
+        ZRBHS_URLSessionManager::heldDelegateQueue = delegateQueue.get();
+        struct Restore {
+          const ZRBDispatchQueue* outer;
+          ~Restore() { ZRBHS_URLSessionManager::heldDelegateQueue = outer; }
+        } restore{outer};
+        complete();
+      })) {
     const std::int64_t end = nowTicks();
     if (std::chrono::steady_clock::duration(end - start) > kSlowCompletion) {
       runHereAfter.store(end + std::chrono::steady_clock::duration(kBackOff).count(),
@@ -238,7 +249,10 @@ void ZRBHS_URLSessionManagerTaskDelegate::URLSessionTaskDidCompleteWithError(con
   const std::size_t size = data.bytes().size();
   ZRBURLResponsePtr response = task->response();
   // Shared by the decoding step and the completion; the handler runs once and goes with them.
-  auto finish = [group, queue, task, response, notify, handler = std::move(completionHandler)](
+  // Set when decoding runs here, on the delegate queue; a completion run from there holds it.
+  ZRBDispatchQueuePtr delegateQueue =
+      size <= kDecodeHereLimit && manager ? manager->operationQueue() : nullptr;
+  auto finish = [group, queue, task, response, notify, delegateQueue, handler = std::move(completionHandler)](
                     ZRBValue object, ZRBErrorPtr failure, ZRBValue info) mutable {
     group->enter();
     auto complete = [group, task, response, notify, handler = std::move(handler), object = std::move(object),
@@ -256,7 +270,7 @@ void ZRBHS_URLSessionManagerTaskDelegate::URLSessionTaskDidCompleteWithError(con
     };
     // When the completion queue is idle, the thread that decoded runs the completion as the
     // queue's block instead of handing it to another thread (see runCompletion).
-    runCompletion(*queue, std::move(complete));
+    runCompletion(*queue, delegateQueue, std::move(complete));
   };
   completionHandler = nullptr;
 

@@ -431,6 +431,20 @@ TEST_F(URLSessionManagerTest, TaskListsAndInvalidationBothWays) {
   }
 }
 
+TEST_F(URLSessionManagerTest, TaskListsAnswerFromACompletion) {
+  // A completion may run on the thread that holds the delegate queue; the lists must not wait for it.
+  Inbox<std::size_t> listed;
+  auto waiting = manager_->dataTaskWithRequest(requestFor(server_.url("/json")), nullptr);
+  manager_
+      ->dataTaskWithRequest(requestFor(server_.url("/json")),
+                            [&](auto&&...) { listed.put(manager_->tasks().size()); })
+      ->resume();
+  auto sizes = listed.wait(1);
+  ASSERT_EQ(sizes.size(), 1u);
+  EXPECT_EQ(sizes[0], 1u);  // the task never resumed
+  waiting->cancel();
+}
+
 TEST_F(URLSessionManagerTest, TheCreationGuardSerializesOnOldPlatforms) {
   ZRBHS_URLSessionManager::setFoundationVersionNumberForTesting(1140.0);
   std::vector<std::thread> threads;

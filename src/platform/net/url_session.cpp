@@ -276,15 +276,18 @@ bool ZRBURLSession::isInvalidated() const {
   return invalidated_;
 }
 
+std::vector<ZRBURLSessionTaskPtr> ZRBURLSession::tasksNow() const {
+  std::vector<ZRBURLSessionTaskPtr> tasks;  // in identifier order, as the list keeps them
+  std::lock_guard lock(mutex_);
+  tasks_.forEach([&tasks](const ZRBURLSessionTaskPtr& task) {
+    if (task->state() != ZRBURLSessionTaskStateCompleted) tasks.push_back(task);
+  });
+  return tasks;
+}
+
 void ZRBURLSession::getAllTasksWithCompletionHandler(
     std::function<void(std::vector<ZRBURLSessionTaskPtr>)> completion) {
-  std::vector<ZRBURLSessionTaskPtr> tasks;  // in identifier order, as the list keeps them
-  {
-    std::lock_guard lock(mutex_);
-    tasks_.forEach([&tasks](const ZRBURLSessionTaskPtr& task) {
-      if (task->state() != ZRBURLSessionTaskStateCompleted) tasks.push_back(task);
-    });
-  }
+  std::vector<ZRBURLSessionTaskPtr> tasks = tasksNow();
   delegateQueue_->async(
       [tasks = std::move(tasks), completion = std::move(completion)] { completion(tasks); });
 }

@@ -110,6 +110,8 @@ class ZRBURLSession final : public ZRBObject {
   // The tasks that have not completed, on the delegate queue.
   void getTasksWithCompletionHandler(ZRBURLSessionTasksCompletion completion);
   void getAllTasksWithCompletionHandler(std::function<void(std::vector<ZRBURLSessionTaskPtr>)> completion);
+  // The same list at once, for a caller that holds the delegate queue and so cannot wait for it.
+  std::vector<ZRBURLSessionTaskPtr> tasksNow() const;
 
   std::string className() const override { return "ZRBURLSession"; }
   // "<ZRBURLSession: 0x...>".
