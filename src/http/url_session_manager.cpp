@@ -58,11 +58,17 @@ void observeTaskStateOnce() {
     auto center = ZRBNotificationCenter::defaultCenter();
     center->addObserver("com.brontide.zrb_networking.nsurlsessiontask.resume", ZRBValue(), nullptr,
                         [](const ZRBNotificationPtr& notification) {
+                          // Nobody listens: no manager to look for.
+                          static const std::string kPublic(ZRBHS_NetworkingTaskDidResumeNotification);
+                          if (!ZRBNotificationCenter::defaultCenter()->hasObservers(kPublic)) return;
                           auto task = notification->objectAs<ZRBURLSessionTask>();
                           if (auto manager = managerOfTask(task)) manager->taskDidResume(task);
                         });
     center->addObserver("com.brontide.zrb_networking.nsurlsessiontask.suspend", ZRBValue(), nullptr,
                         [](const ZRBNotificationPtr& notification) {
+                          // Nobody listens: no manager to look for.
+                          static const std::string kPublic(ZRBHS_NetworkingTaskDidSuspendNotification);
+                          if (!ZRBNotificationCenter::defaultCenter()->hasObservers(kPublic)) return;
                           auto task = notification->objectAs<ZRBURLSessionTask>();
                           if (auto manager = managerOfTask(task)) manager->taskDidSuspend(task);
                         });
