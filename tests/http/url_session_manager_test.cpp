@@ -19,6 +19,7 @@
 #include "http/response_serializer.h"
 #include "platform/foundation/assert.h"
 #include "platform/foundation/exception.h"
+#include "platform/foundation/string_format.h"
 #include "platform/runtime/notification_center.h"
 #include "support/recording_delegate.h"
 #include "support/test_pki.h"
@@ -588,6 +589,35 @@ TEST(HTTPSessionManagerTest, ConveniencesSortOutcomesAndFailedRequestsHaveNoTask
                                              "multipart ok POST", "bad no task"}));
   EXPECT_TRUE(ranOnQueue.load());
   manager->invalidateSessionCancelingTasks(true);
+}
+
+TEST(HTTPSessionManagerTest, ArchivesAndCopiesCarryTheConfigurationAndSerializers) {
+  auto original = ZRBHS_HTTPSessionManager::initWithBaseURL(
+      ZRBURL::URLWithString("http://example.test/api"),
+      ZRBURLSessionConfiguration::backgroundSessionConfigurationWithIdentifier("com.example.bg"));
+  original->setResponseSerializer(ZRBHS_HTTPResponseSerializer::serializer());
+  auto data = ZRBKeyedArchiver::archivedDataWithRootObject(*original, true);
+  ASSERT_TRUE(data);
+  auto decoded = ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBHS_HTTPSessionManager>(*data);
+  auto copied = std::dynamic_pointer_cast<ZRBHS_HTTPSessionManager>(original->copy());
+  for (const auto& manager : {decoded, copied}) {
+    ASSERT_TRUE(manager);
+    EXPECT_NE(manager, original);
+    EXPECT_EQ(manager->baseURL()->absoluteString(), "http://example.test/api/");
+    EXPECT_EQ(manager->session()->configuration()->identifier(), "com.example.bg");
+    EXPECT_EQ(manager->responseSerializer()->className(), "ZRBHS_HTTPResponseSerializer");
+    EXPECT_NE(manager->responseSerializer(), original->responseSerializer());
+    EXPECT_NE(manager->requestSerializer(), original->requestSerializer());
+    manager->invalidateSessionCancelingTasks(true);
+  }
+  EXPECT_EQ(
+      original->description().rfind(
+          ZRBStringWithFormat(
+              "<ZRBHS_HTTPSessionManager: %p, baseURL: http://example.test/api/, session: <ZRBURLSession: ",
+              static_cast<const void*>(original.get())),
+          0),
+      0u);
+  original->invalidateSessionCancelingTasks(true);
 }
 
 // ---- resources ----
