@@ -331,7 +331,7 @@ void ZRBTestServer::echo(std::string pathPrefix) {
     std::vector<std::pair<std::string, std::string>> joined;
     for (const auto& [name, value] : request.headers.fields()) {
       auto it = std::ranges::find_if(
-          joined, [&](const auto& field) { return equalsIgnoringCase(field.first, name); });
+          joined, [&name = name](const auto& field) { return equalsIgnoringCase(field.first, name); });
       if (it == joined.end()) {
         joined.emplace_back(name, value);
       } else {

@@ -165,7 +165,7 @@ class SerialCore final : public DispatchQueueCore {
   void runSync(const ZRBDispatchBlock& block, bool, const Frame* frames) override {
     std::uint64_t idle = 0;
     if (!state_.compare_exchange_strong(idle, kOwned)) waitInLine();
-    Ownership owned(*this);
+    Ownership owned{*this};
     FrameScope scope(this, frames);
     block();
   }
