@@ -31,7 +31,7 @@
 #include "platform/net/url_session_configuration.h"
 
 // The request that the filters are told about; only passed through here, so declared, not included.
-class ZRBRQ_Request;
+class ZRBRQ_BaseRequest;
 
 // Rewrites a relative request URL before it is resolved against a base URL.
 class ZRBRQ_UrlFilterProtocol {
@@ -39,7 +39,7 @@ class ZRBRQ_UrlFilterProtocol {
   virtual ~ZRBRQ_UrlFilterProtocol() = default;
   // filterUrl:withRequest: the URL to use instead of `originUrl` for `request`.
   virtual std::string filterUrl(const std::string& originUrl,
-                                const std::shared_ptr<ZRBRQ_Request>& request) = 0;
+                                const std::shared_ptr<ZRBRQ_BaseRequest>& request) = 0;
 };
 
 // Rewrites the response cache's base path for a request.
@@ -48,7 +48,7 @@ class ZRBRQ_CacheDirPathFilterProtocol {
   virtual ~ZRBRQ_CacheDirPathFilterProtocol() = default;
   // filterCacheDirPath:withRequest: the path to use instead of `originPath` for `request`.
   virtual std::string filterCacheDirPath(const std::string& originPath,
-                                         const std::shared_ptr<ZRBRQ_Request>& request) = 0;
+                                         const std::shared_ptr<ZRBRQ_BaseRequest>& request) = 0;
 };
 
 using ZRBRQ_UrlFilterPtr = std::shared_ptr<ZRBRQ_UrlFilterProtocol>;

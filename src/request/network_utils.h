@@ -65,7 +65,7 @@ class ZRBRQ_NetworkUtils {
   static std::optional<std::string> appVersionString();
 
   // stringEncodingWithRequest: works on the request's response. The overload taking a
-  // ZRBRQ_Request comes with the request class and hands the request's response to this one.
+  // ZRBRQ_BaseRequest comes with the request class and hands the request's response to this one.
   static ZRBStringEncoding stringEncodingWithResponse(const ZRBURLResponsePtr& response);
 
   // validateResumeData: the value must be data; anything else (absent included) is invalid.

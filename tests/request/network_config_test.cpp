@@ -13,10 +13,11 @@ namespace {
 
 // Does nothing; only which filter sits where in the lists matters here.
 struct Filter final : ZRBRQ_UrlFilterProtocol, ZRBRQ_CacheDirPathFilterProtocol {
-  std::string filterUrl(const std::string& url, const std::shared_ptr<ZRBRQ_Request>&) override {
+  std::string filterUrl(const std::string& url, const std::shared_ptr<ZRBRQ_BaseRequest>&) override {
     return url;
   }
-  std::string filterCacheDirPath(const std::string& path, const std::shared_ptr<ZRBRQ_Request>&) override {
+  std::string filterCacheDirPath(const std::string& path,
+                                 const std::shared_ptr<ZRBRQ_BaseRequest>&) override {
     return path;
   }
 };

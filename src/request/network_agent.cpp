@@ -1,0 +1,520 @@
+#include "request/network_agent.h"
+
+#include <exception>
+#include <utility>
+
+#include "http/json_request_serializer.h"
+#include "http/response_serializer.h"
+#include "platform/foundation/assert.h"
+#include "platform/foundation/exception.h"
+#include "platform/foundation/text_encoding.h"
+#include "platform/foundation/url.h"
+#include "platform/net/url_authentication.h"
+#include "platform/system/file_manager.h"
+#include "request/network_log.h"
+#include "request/network_utils.h"
+#include "settings/error_domains.h"
+#include "settings/sdk_config.h"
+#include "settings/setting.h"
+
+namespace {
+
+const char* methodName(ZRBRQ_RequestMethod method) {
+  switch (method) {
+    case ZRBRQ_RequestMethodGET: return "GET";
+    case ZRBRQ_RequestMethodPOST: return "POST";
+    case ZRBRQ_RequestMethodHEAD: return "HEAD";
+    case ZRBRQ_RequestMethodPUT: return "PUT";
+    case ZRBRQ_RequestMethodDELETE: return "DELETE";
+    case ZRBRQ_RequestMethodPATCH: return "PATCH";
+  }
+  return nullptr;
+}
+
+float taskPriority(ZRBRQ_RequestPriority priority) {
+  switch (priority) {
+    case ZRBRQ_RequestPriorityLow: return ZRBURLSessionTaskPriorityLow;
+    case ZRBRQ_RequestPriorityHigh: return ZRBURLSessionTaskPriorityHigh;
+    default: return ZRBURLSessionTaskPriorityDefault;
+  }
+}
+
+std::optional<std::string> decodeBody(const ZRBValue& data, const ZRBRQ_BaseRequestPtr& request) {
+  const auto bytes = data.bytes();
+  return ZRBStringFromBytes(bytes, ZRBRQ_NetworkUtils::stringEncodingWithResponse(request->response()));
+}
+
+}  // namespace
+
+const ZRBRQ_NetworkAgentPtr& ZRBRQ_NetworkAgent::sharedAgent() {
+  static const ZRBRQ_NetworkAgentPtr agent = init();
+  return agent;
+}
+
+ZRBRQ_NetworkAgentPtr ZRBRQ_NetworkAgent::init() {
+  auto agent = std::make_shared<ZRBRQ_NetworkAgent>();
+  agent->config_ = ZRBRQ_NetworkConfig::sharedConfig();
+  agent->manager_ =
+      ZRBHS_HTTPSessionManager::initWithSessionConfiguration(agent->config_->sessionConfiguration());
+  // Runs on the transport thread inside the handshake: it only reads the settings.
+  agent->manager_->setSessionDidReceiveAuthenticationChallengeBlock(
+      [](const ZRBURLSessionPtr&, const ZRBURLAuthenticationChallengePtr& challenge,
+         ZRBURLCredentialPtr* credential) {
+        const auto& space = challenge ? challenge->protectionSpace() : nullptr;
+        if (credential)
+          *credential = ZRBURLCredential::credentialForTrust(space ? space->serverTrust() : nullptr);
+        if (ZRBSetting::sharedSetting()->isRealStgEnv()) return ZRBURLSessionAuthChallengeUseCredential;
+        return ZRBURLSessionAuthChallengePerformDefaultHandling;
+      });
+  agent->processingQueue_ = ZRBDispatchQueue::concurrent("com.velkit.networkagent.processing");
+  agent->allStatusCodes_ = ZRBIndexSet::indexSetWithIndexesInRange(100, 500);
+  agent->manager_->setSecurityPolicy(agent->config_->securityPolicy());
+  auto responseSerializer = ZRBHS_HTTPResponseSerializer::serializer();
+  responseSerializer->setAcceptableStatusCodes(agent->allStatusCodes_);
+  agent->manager_->setResponseSerializer(responseSerializer);
+  agent->manager_->setCompletionQueue(agent->processingQueue_);
+  return agent;
+}
+
+ZRBHS_HTTPSessionManagerPtr ZRBRQ_NetworkAgent::manager() const {
+  std::lock_guard lock(managerMutex_);
+  return manager_;
+}
+
+void ZRBRQ_NetworkAgent::resetURLSessionManager() {
+  auto fresh = ZRBHS_HTTPSessionManager::manager();
+  std::lock_guard lock(managerMutex_);
+  manager_ = std::move(fresh);
+}
+
+void ZRBRQ_NetworkAgent::resetURLSessionManagerWithConfiguration(
+    ZRBURLSessionConfigurationPtr configuration) {
+  auto fresh = ZRBHS_HTTPSessionManager::initWithSessionConfiguration(std::move(configuration));
+  std::lock_guard lock(managerMutex_);
+  manager_ = std::move(fresh);
+}
+
+const ZRBHS_JSONResponseSerializerPtr& ZRBRQ_NetworkAgent::jsonResponseSerializer() {
+  std::call_once(jsonOnce_, [this] {
+    auto serializer = ZRBHS_JSONResponseSerializer::serializer();
+    serializer->setAcceptableStatusCodes(allStatusCodes_);
+    serializer->setAcceptableContentTypes(ZRBHS_HTTPResponseSerializer::ContentTypes{
+        "application/json", "text/json", "text/javascript", "text/html", "text/plain",
+        "application/octet-stream", "text/xml"});
+    jsonResponseSerializer_ = std::move(serializer);
+  });
+  return jsonResponseSerializer_;
+}
+
+const ZRBHS_XMLParserResponseSerializerPtr& ZRBRQ_NetworkAgent::xmlParserResponseSerialzier() {
+  std::call_once(xmlOnce_, [this] {
+    auto serializer = ZRBHS_XMLParserResponseSerializer::serializer();
+    serializer->setAcceptableStatusCodes(allStatusCodes_);
+    xmlParserResponseSerialzier_ = std::move(serializer);
+  });
+  return xmlParserResponseSerialzier_;
+}
+
+// ---- URL and serializer ----
+
+std::string ZRBRQ_NetworkAgent::buildRequestUrl(const ZRBRQ_BaseRequestPtr& request) {
+  ZRBAssertNamed(request != nullptr, "request != nil");
+  if (!request) return "";
+  std::string detailUrl = request->requestUrl();
+  const ZRBURLPtr parsed = ZRBURL::URLWithString(detailUrl);
+  // Absolute URLs bypass the filters and the base URLs.
+  if (parsed && parsed->host() && parsed->scheme()) return detailUrl;
+
+  for (const auto& filter : config_->urlFilters()) {
+    if (filter) detailUrl = filter->filterUrl(detailUrl, request);
+  }
+  std::string base;
+  if (request->useCDN()) {
+    base = request->cdnUrl();
+    if (base.empty()) base = config_->cdnUrl();
+  } else {
+    base = request->baseUrl();
+    if (base.empty()) base = config_->baseUrl();
+  }
+  ZRBURLPtr url = ZRBURL::URLWithString(base);
+  // Without the trailing "/" the base's last path segment would be replaced, not extended.
+  if (url && !base.empty() && base.back() != '/') {
+    if (auto extended = url->URLByAppendingPathComponent("")) url = std::move(extended);
+  }
+  const ZRBURLPtr resolved = ZRBURL::URLWithString(detailUrl, url);
+  // An unresolvable URL string goes on as it is; the serializer rejects it.
+  return resolved ? resolved->absoluteString() : detailUrl;
+}
+
+ZRBHS_HTTPRequestSerializerPtr ZRBRQ_NetworkAgent::requestSerializerForRequest(
+    const ZRBRQ_BaseRequestPtr& request) {
+  ZRBHS_HTTPRequestSerializerPtr serializer;
+  switch (request->requestSerializerType()) {
+    case ZRBRQ_RequestSerializerTypeHTTP: serializer = ZRBHS_HTTPRequestSerializer::serializer(); break;
+    case ZRBRQ_RequestSerializerTypeJSON: serializer = ZRBHS_JSONRequestSerializer::serializer(); break;
+  }
+  if (!serializer) return nullptr;
+  // The lower-case "head" is deliberate: with this set a DELETE's arguments travel in the body.
+  if (request->requestMethod() == ZRBRQ_RequestMethodDELETE) {
+    serializer->setHTTPMethodsEncodingParametersInURI({"GET", "head"});
+  }
+  serializer->setTimeoutInterval(request->requestTimeoutInterval());
+  serializer->setAllowsCellularAccess(request->allowsCellularAccess());
+  if (auto authorization = request->requestAuthorizationHeaderFieldArray();
+      authorization && !authorization->empty()) {
+    serializer->setAuthorizationHeaderFieldWithUsername(authorization->front(), authorization->back());
+  }
+  if (auto headers = request->requestHeaderFieldValueDictionary()) {
+    for (const auto& [field, value] : *headers) serializer->setValueForHTTPHeaderField(value, field);
+  }
+  return serializer;
+}
+
+// ---- tasks ----
+
+ZRBHS_TaskCompletionHandler ZRBRQ_NetworkAgent::completionFor(
+    const std::shared_ptr<unsigned long>& identifier) {
+  std::weak_ptr<ZRBRQ_NetworkAgent> weak = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
+  // The identifier is filled in before the task resumes, so it is set by the time this runs.
+  return [weak, identifier](ZRBURLResponsePtr response, ZRBValue responseObject, ZRBErrorPtr error) {
+    if (auto agent = weak.lock()) agent->handleRequestResult(*identifier, response, responseObject, error);
+  };
+}
+
+ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::sessionTaskForRequest(const ZRBRQ_BaseRequestPtr& request,
+                                                               ZRBErrorPtr* error) {
+  const ZRBRQ_RequestMethod method = request->requestMethod();
+  const std::string url = buildRequestUrl(request);
+  const ZRBValue parameters = request->requestArgument();
+  auto block = request->constructingBodyBlock();
+  auto serializer = requestSerializerForRequest(request);
+  // Without a serializer no URL request can be made.
+  if (!serializer) return nullptr;
+  switch (method) {
+    case ZRBRQ_RequestMethodGET:
+      if (auto path = request->resumableDownloadPath()) {
+        return downloadTask(*path, serializer, url, parameters, request->resumableDownloadProgressBlock(),
+                            error);
+      }
+      return dataTask("GET", serializer, url, parameters, nullptr, error);
+    case ZRBRQ_RequestMethodPOST: return dataTask("POST", serializer, url, parameters, block, error);
+    case ZRBRQ_RequestMethodHEAD:
+    case ZRBRQ_RequestMethodPUT:
+    case ZRBRQ_RequestMethodDELETE:
+    case ZRBRQ_RequestMethodPATCH:
+      return dataTask(methodName(method), serializer, url, parameters, nullptr, error);
+  }
+  return nullptr;
+}
+
+ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::dataTask(std::string_view method,
+                                                  const ZRBHS_HTTPRequestSerializerPtr& serializer,
+                                                  const std::string& URLString, const ZRBValue& parameters,
+                                                  const ZRBRQ_BaseRequest::ConstructingBodyBlock& block,
+                                                  ZRBErrorPtr* error) {
+  ZRBErrorPtr serializationError;
+  ZRBURLRequestPtr urlRequest =
+      block ? serializer->multipartFormRequestWithMethod(method, URLString, parameters, block,
+                                                         &serializationError)
+            : serializer->requestWithMethod(method, URLString, parameters, &serializationError);
+  if (!urlRequest) {
+    ZRBSetError(error, serializationError);
+    return nullptr;
+  }
+  ZRBNetworkLog("ZRBNetwork:%@", urlRequest);
+  auto identifier = std::make_shared<unsigned long>(0);
+  auto task = manager()->dataTaskWithRequest(urlRequest, completionFor(identifier));
+  if (task) *identifier = task->taskIdentifier();
+  return task;
+}
+
+ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::downloadTask(const std::string& downloadPath,
+                                                      const ZRBHS_HTTPRequestSerializerPtr& serializer,
+                                                      const std::string& URLString,
+                                                      const ZRBValue& parameters,
+                                                      const ZRBRQ_BaseRequest::ProgressBlock& progress,
+                                                      ZRBErrorPtr* error) {
+  ZRBErrorPtr serializationError;
+  ZRBURLRequestPtr urlRequest =
+      serializer->requestWithMethod("GET", URLString, parameters, &serializationError);
+  if (!urlRequest) {
+    ZRBSetError(error, serializationError);
+    return nullptr;
+  }
+  const auto& files = ZRBFileManager::defaultManager();
+  bool isDirectory = false;
+  std::string target = downloadPath;
+  if (files->fileExistsAtPath(downloadPath, &isDirectory) && isDirectory) {
+    const std::string name = urlRequest->URL() ? urlRequest->URL()->lastPathComponent() : std::string();
+    target = (downloadPath.ends_with('/') ? downloadPath : downloadPath + "/") + name;
+  }
+  if (files->fileExistsAtPath(target)) files->removeItemAtPath(target);
+
+  ZRBValue resumeData;
+  bool canResume = false;
+  if (auto partial = incompleteDownloadTempPathForDownloadPath(downloadPath)) {
+    if (files->fileExistsAtPath(partial->path())) {
+      if (auto bytes = files->contentsAtPath(partial->path())) {
+        resumeData = ZRBValue::data(std::move(*bytes));
+        canResume = ZRBRQ_NetworkUtils::validateResumeData(resumeData);
+      }
+    }
+  }
+
+  const ZRBURLPtr destinationURL = ZRBURL::fileURLWithPath(target, false);
+  auto destination = [destinationURL](const ZRBURLPtr&, const ZRBURLResponsePtr&) { return destinationURL; };
+  auto identifier = std::make_shared<unsigned long>(0);
+  ZRBURLSessionDownloadTaskPtr task;
+  if (canResume) {
+    try {
+      task =
+          manager()->downloadTaskWithResumeData(resumeData, progress, destination, completionFor(identifier));
+    } catch (const ZRBException& exception) {
+      ZRBNetworkLog("Resume download failed, reason = %@", exception.reason());
+    }
+  }
+  if (!task)
+    task = manager()->downloadTaskWithRequest(urlRequest, progress, destination, completionFor(identifier));
+  if (task) *identifier = task->taskIdentifier();
+  return task;
+}
+
+std::optional<std::string> ZRBRQ_NetworkAgent::incompleteDownloadTempCacheFolder() {
+  static std::mutex mutex;
+  static std::optional<std::string> folder;
+  std::lock_guard lock(mutex);
+  const auto& files = ZRBFileManager::defaultManager();
+  if (!folder) {
+    const std::string temporary = files->temporaryDirectory();
+    folder = (temporary.ends_with('/') ? temporary : temporary + "/") + "Incomplete";
+  }
+  ZRBErrorPtr error;
+  if (!files->createDirectoryAtPath(*folder, true, &error)) {
+    ZRBNetworkLog("Failed to create cache directory at %@", *folder);
+    folder.reset();  // the next call tries again
+  }
+  return folder;
+}
+
+ZRBURLPtr ZRBRQ_NetworkAgent::incompleteDownloadTempPathForDownloadPath(const std::string& downloadPath) {
+  const auto folder = incompleteDownloadTempCacheFolder();
+  if (!folder) return nullptr;
+  return ZRBURL::fileURLWithPath(*folder + "/" + ZRBRQ_NetworkUtils::md5StringFromString(downloadPath));
+}
+
+void ZRBRQ_NetworkAgent::writeResumeData(const ZRBValue& resumeData,
+                                         const std::optional<std::string>& downloadPath) {
+  if (!resumeData.isData() || !downloadPath) return;
+  if (auto partial = incompleteDownloadTempPathForDownloadPath(*downloadPath)) {
+    ZRBFileManager::defaultManager()->writeData(resumeData.bytes(), partial->path(), true);
+  }
+}
+
+// ---- requests ----
+
+void ZRBRQ_NetworkAgent::addRequest(const ZRBRQ_BaseRequestPtr& request) {
+  ZRBAssertNamed(request != nullptr, "request != nil");
+  if (!request) return;
+  ZRBErrorPtr error;
+  if (auto custom = request->buildCustomUrlRequest()) {
+    auto identifier = std::make_shared<unsigned long>(0);
+    auto task = manager()->dataTaskWithRequest(custom, completionFor(identifier));
+    if (task) *identifier = task->taskIdentifier();
+    request->setRequestTask(task);
+  } else {
+    request->setRequestTask(sessionTaskForRequest(request, &error));
+  }
+  if (error) {
+    requestDidFailWithRequest(request, error);
+    return;
+  }
+  const auto task = request->requestTask();
+  ZRBAssertNamed(task != nullptr, "requestTask should not be nil");
+  if (!task) return;
+  task->setPriority(taskPriority(request->requestPriority()));
+  request->toggleAccessoriesWillStartCallBack();
+  ZRBNetworkLog("ZRBNetwork Add request:  %@", request->description());
+  addRequestToRecord(request);
+  task->resume();
+}
+
+void ZRBRQ_NetworkAgent::addRequestToRecord(const ZRBRQ_BaseRequestPtr& request) {
+  const auto task = request->requestTask();
+  if (!task) return;
+  std::lock_guard lock(lock_);
+  requestsRecord_[task->taskIdentifier()] = request;
+}
+
+void ZRBRQ_NetworkAgent::removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request) {
+  const auto task = request->requestTask();
+  ZRBRQ_BaseRequestPtr removed;  // released outside the lock
+  std::lock_guard lock(lock_);
+  if (task) {
+    auto found = requestsRecord_.find(task->taskIdentifier());
+    if (found != requestsRecord_.end() && found->second == request) {
+      removed = std::move(found->second);
+      requestsRecord_.erase(found);
+    }
+  }
+  ZRBNetworkLog("Request queue size = %lu", static_cast<unsigned long>(requestsRecord_.size()));
+}
+
+std::size_t ZRBRQ_NetworkAgent::requestCount() const {
+  std::lock_guard lock(lock_);
+  return requestsRecord_.size();
+}
+
+void ZRBRQ_NetworkAgent::handleRequestResult(unsigned long taskIdentifier, const ZRBURLResponsePtr& response,
+                                             const ZRBValue& responseObject, const ZRBErrorPtr& error) {
+  (void)response;  // the request reads it through its task
+  ZRBRQ_BaseRequestPtr request;
+  {
+    std::lock_guard lock(lock_);
+    auto found = requestsRecord_.find(taskIdentifier);
+    if (found == requestsRecord_.end()) return;  // cancelled or finished already
+    request = found->second;
+  }
+  ZRBErrorPtr serializationError;
+  {
+    std::lock_guard lock(lock_);
+    request->setResponseObject(responseObject);
+    if (responseObject.isData()) {
+      request->setResponseData(responseObject);
+      request->setResponseString(decodeBody(responseObject, request));
+      const ZRBRQ_ResponseSerializerType kind = request->responseSerializerType();
+      ZRBNetworkLog("ZRBNetwork Finished Request: %@, { URL:%@ }, \n request: %@ \n response: %@, %ld",
+                    request->className(), request->requestUrl(), request->description(),
+                    request->responseString(), static_cast<long>(kind));
+      const auto taskResponse = request->requestTask() ? request->requestTask()->response() : nullptr;
+      try {
+        if (kind == ZRBRQ_ResponseSerializerTypeJSON) {
+          ZRBValue decoded = jsonResponseSerializer()->responseObjectForResponse(taskResponse, responseObject,
+                                                                                 &serializationError);
+          request->setResponseObject(decoded);
+          request->setResponseJSONObject(decoded);
+        } else if (kind == ZRBRQ_ResponseSerializerTypeXMLParser) {
+          request->setResponseObject(xmlParserResponseSerialzier()->responseObjectForResponse(
+              taskResponse, responseObject, &serializationError));
+        }
+      } catch (const std::exception& exception) {
+        // A decoder that throws must not leave the request without an outcome.
+        serializationError =
+            ZRBError::withDescription(ZRBHS_ResponseSerializationErrorDomain, -1, exception.what());
+      }
+    }
+  }
+
+  bool succeed = false;
+  ZRBErrorPtr failure;
+  if (error) {
+    failure = error;
+  } else if (serializationError) {
+    failure = serializationError;
+  } else {
+    succeed = validateResult(request, &failure);
+  }
+  if (succeed) {
+    requestDidSucceedWithRequest(request);
+  } else {
+    requestDidFailWithRequest(request, failure);
+  }
+  auto self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
+  ZRBDispatch::mainQueue()->async([self, request] {
+    self->removeRequestFromRecord(request);
+    request->clearCompletionBlock();
+  });
+}
+
+bool ZRBRQ_NetworkAgent::validateResult(const ZRBRQ_BaseRequestPtr& request, ZRBErrorPtr* error) {
+  bool ok = request->statusCodeValidator();
+  if (!ok) return false;  // a rejected status code fails with a null error
+  const ZRBValue json = request->responseJSONObject();
+  const ZRBValue validator = request->jsonValidator();
+  if (json && validator) {
+    ok = ZRBRQ_NetworkUtils::validateJSON(json, validator);
+    if (!ok) {
+      ZRBSetError(error,
+                  ZRBError::withDescription(ZRBRQ_RequestValidationErrorDomain, -9, "Invalid JSON format"));
+    }
+  }
+  return ok;
+}
+
+void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request) {
+  request->requestCompletePreprocessor();
+  ZRBDispatch::mainQueue()->async([request] {
+    request->toggleAccessoriesWillStopCallBack();
+    request->requestCompleteFilter();
+    if (auto delegate = request->delegate()) delegate->requestFinished(request);
+    if (auto success = request->successCompletionBlock()) success(request);
+    // Only at log level 3 or more: successful requests skip did-stop below that on purpose.
+    if (ZRBSDKConfig::sharedInstance()->logLevel() >= 3) request->toggleAccessoriesDidStopCallBack();
+  });
+}
+
+void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request,
+                                                   const ZRBErrorPtr& error) {
+  request->setError(error);
+  ZRBNetworkLog("Request %@ { URL:%@ } failed, status code = %ld, error = %@", request->className(),
+                request->requestUrl(), request->responseStatusCode(),
+                error ? ZRBValue(error->localizedDescription()) : ZRBValue());
+  if (error) {
+    const ZRBValue& resumeData = error->userInfo()[ZRBURLSessionDownloadTaskResumeData];
+    if (resumeData) writeResumeData(resumeData, request->resumableDownloadPath());
+  }
+  const ZRBValue object = request->responseObject();
+  if (auto url = object.objectAs<ZRBURL>()) {
+    const auto& files = ZRBFileManager::defaultManager();
+    if (url->isFileURL() && files->fileExistsAtPath(url->path())) {
+      if (auto bytes = files->contentsAtPath(url->path())) {
+        ZRBValue data = ZRBValue::data(std::move(*bytes));
+        request->setResponseString(decodeBody(data, request));
+        request->setResponseData(std::move(data));
+      }
+      files->removeItemAtPath(url->path());
+    }
+    request->setResponseObject(ZRBValue());
+  }
+  request->requestFailedPreprocessor();
+  ZRBDispatch::mainQueue()->async([request] {
+    request->toggleAccessoriesWillStopCallBack();
+    request->requestFailedFilter();
+    if (auto delegate = request->delegate()) delegate->requestFailed(request);
+    if (auto failure = request->failureCompletionBlock()) failure(request);
+    request->toggleAccessoriesDidStopCallBack();
+  });
+}
+
+void ZRBRQ_NetworkAgent::cancelRequest(const ZRBRQ_BaseRequestPtr& request) {
+  ZRBAssertNamed(request != nullptr, "request != nil");
+  if (!request) return;
+  const auto task = request->requestTask();
+  const auto downloadPath = request->resumableDownloadPath();
+  auto download = std::dynamic_pointer_cast<ZRBURLSessionDownloadTask>(task);
+  if (downloadPath && download) {
+    download->cancelByProducingResumeData(
+        [downloadPath](ZRBValue resumeData) { writeResumeData(resumeData, downloadPath); });
+  } else if (task) {
+    task->cancel();
+  }
+  removeRequestFromRecord(request);
+  request->clearCompletionBlock();
+}
+
+void ZRBRQ_NetworkAgent::cancelAllRequests() {
+  std::vector<unsigned long> keys;
+  {
+    std::lock_guard lock(lock_);
+    keys.reserve(requestsRecord_.size());
+    for (const auto& entry : requestsRecord_) keys.push_back(entry.first);
+  }
+  for (unsigned long key : keys) {
+    ZRBRQ_BaseRequestPtr request;
+    {
+      std::lock_guard lock(lock_);
+      auto found = requestsRecord_.find(key);
+      if (found != requestsRecord_.end()) request = found->second;
+    }
+    if (request) request->stop();
+  }
+}

@@ -1,0 +1,123 @@
+// ZRBRQ_NetworkAgent: the process-wide object that runs requests.
+//
+// For each ZRBRQ_BaseRequest it builds the full URL (an absolute request URL as it is; a relative
+// one through the configuration's URL filters, then resolved against the request's or the
+// configuration's base or CDN URL), chooses and configures a request serializer, creates a data or
+// download task on its HTTP session manager, keeps the request in a table keyed by task identifier
+// and resumes the task. When the task completes, the result is handled on the processing queue
+// ("com.velkit.networkagent.processing", the session manager's completion queue): the body is
+// decoded for the request's response serializer kind under the agent's lock, the status code and
+// the JSON body are validated, and exactly one success or failure goes to the request's
+// accessories, delegate and callbacks on the main queue (see base_request.h), followed there by
+// the clean-up that removes the request from the table and clears its callbacks.
+//
+// The session layer accepts every status from 100 to 599; the request's statusCodeValidator()
+// decides success. A rejected status code fails with a null error; a JSON body that its validator
+// rejects fails with "com.velkit.request.validation" code -9, "Invalid JSON format".
+//
+// Resumable downloads keep partial data in the temporary directory's "Incomplete" folder, under the
+// MD5 of the download path; resume data are written there when a download fails or is cancelled
+// and used by the next download to the same path when they are valid.
+//
+// The server-trust challenge is answered by the agent's session-level hook: with the settings'
+// isRealStgEnv the trust is accepted without evaluation; otherwise the session's default handling
+// applies. Certificate pinning (the pinning entry object built from the settings' domains, the
+// widening of that domain list by each unknown absolute host, and pin evaluation in the challenge)
+// is not wired in yet: the pinning core it needs is not part of the library so far.
+//
+// Threads: addRequest, cancelRequest and buildRequestUrl run on the caller's thread; results on the
+// processing queue; callbacks and clean-up on the main queue. The lock is never held while calling
+// out to request callbacks or stop(). A null request is a programming error ("request != nil").
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "http/http_session_manager.h"
+#include "http/json_response_serializer.h"
+#include "http/xml_parser_response_serializer.h"
+#include "platform/foundation/index_set.h"
+#include "platform/foundation/object.h"
+#include "platform/runtime/dispatch.h"
+#include "request/base_request.h"
+#include "request/network_config.h"
+
+class ZRBRQ_NetworkAgent;
+using ZRBRQ_NetworkAgentPtr = std::shared_ptr<ZRBRQ_NetworkAgent>;
+
+class ZRBRQ_NetworkAgent final : public ZRBObject {
+ public:
+  // The single agent, created on first use (thread-safe) and kept for the process.
+  static const ZRBRQ_NetworkAgentPtr& sharedAgent();
+  // A fresh agent set up as the shared one is (tests and hosts that want their own).
+  static ZRBRQ_NetworkAgentPtr init();
+
+  void addRequest(const ZRBRQ_BaseRequestPtr& request);
+  void cancelRequest(const ZRBRQ_BaseRequestPtr& request);
+  void cancelAllRequests();
+  std::string buildRequestUrl(const ZRBRQ_BaseRequestPtr& request);
+
+  ZRBHS_HTTPSessionManagerPtr manager() const;
+  // Replace the session manager only: the new one keeps its own defaults (security policy,
+  // response serializer, completion queue, challenge hook are not applied again).
+  void resetURLSessionManager();
+  void resetURLSessionManagerWithConfiguration(ZRBURLSessionConfigurationPtr configuration);
+
+  // "<tmp>/Incomplete", created on every call; nullopt when it cannot be created.
+  static std::optional<std::string> incompleteDownloadTempCacheFolder();
+  // The file URL of the folder joined with the MD5 of `downloadPath`; null without a folder.
+  static ZRBURLPtr incompleteDownloadTempPathForDownloadPath(const std::string& downloadPath);
+
+  // ---- steps, public for the request layer and its tests ----
+  // Null for an unknown serializer kind.
+  ZRBHS_HTTPRequestSerializerPtr requestSerializerForRequest(const ZRBRQ_BaseRequestPtr& request);
+  // Null (error set when the serializer failed) when no task could be made.
+  ZRBURLSessionTaskPtr sessionTaskForRequest(const ZRBRQ_BaseRequestPtr& request, ZRBErrorPtr* error);
+  bool validateResult(const ZRBRQ_BaseRequestPtr& request, ZRBErrorPtr* error);
+  const ZRBHS_JSONResponseSerializerPtr& jsonResponseSerializer();
+  // The spelling is the field's established name.
+  const ZRBHS_XMLParserResponseSerializerPtr& xmlParserResponseSerialzier();
+  const ZRBIndexSet& allStatusCodes() const { return allStatusCodes_; }
+  const ZRBDispatchQueuePtr& processingQueue() const { return processingQueue_; }
+  // Requests in flight.
+  std::size_t requestCount() const;
+
+  std::string className() const override { return "ZRBRQ_NetworkAgent"; }
+
+  ZRBRQ_NetworkAgent() = default;
+
+ private:
+  ZRBURLSessionTaskPtr dataTask(std::string_view method, const ZRBHS_HTTPRequestSerializerPtr& serializer,
+                                const std::string& URLString, const ZRBValue& parameters,
+                                const ZRBRQ_BaseRequest::ConstructingBodyBlock& block, ZRBErrorPtr* error);
+  ZRBURLSessionTaskPtr downloadTask(const std::string& downloadPath,
+                                    const ZRBHS_HTTPRequestSerializerPtr& serializer,
+                                    const std::string& URLString, const ZRBValue& parameters,
+                                    const ZRBRQ_BaseRequest::ProgressBlock& progress, ZRBErrorPtr* error);
+  // The completion of every task: hands the result to handleRequestResult under the task's
+  // identifier, which is filled in once the task exists.
+  ZRBHS_TaskCompletionHandler completionFor(const std::shared_ptr<unsigned long>& identifier);
+  void handleRequestResult(unsigned long taskIdentifier, const ZRBURLResponsePtr& response,
+                           const ZRBValue& responseObject, const ZRBErrorPtr& error);
+  void requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request);
+  void requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBErrorPtr& error);
+  void addRequestToRecord(const ZRBRQ_BaseRequestPtr& request);
+  void removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request);
+  static void writeResumeData(const ZRBValue& resumeData, const std::optional<std::string>& downloadPath);
+
+  mutable std::mutex managerMutex_;
+  ZRBHS_HTTPSessionManagerPtr manager_;
+  ZRBRQ_NetworkConfigPtr config_;
+  std::once_flag jsonOnce_;
+  ZRBHS_JSONResponseSerializerPtr jsonResponseSerializer_;
+  std::once_flag xmlOnce_;
+  ZRBHS_XMLParserResponseSerializerPtr xmlParserResponseSerialzier_;
+  std::unordered_map<unsigned long, ZRBRQ_BaseRequestPtr> requestsRecord_;
+  ZRBDispatchQueuePtr processingQueue_;
+  mutable std::mutex lock_;
+  ZRBIndexSet allStatusCodes_;
+};
