@@ -22,6 +22,7 @@ build: configure
 # Version and settings, then two fetches over HTTPS from an in-process loopback server.
 demo: build
 	@$(BUILD_DIR)/tools/orvel-demo/orvel-demo
+	@$(BUILD_DIR)/tools/orvel-demo/camera_client
 
 test: build
 	@ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
