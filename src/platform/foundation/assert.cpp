@@ -25,7 +25,10 @@ std::string ZRBAssertionMessage(std::string_view condition) {
 }
 
 void ZRBAssertionFailed(std::string_view condition, const char* file, int line) {
-  std::string message = ZRBAssertionMessage(condition);
+  ZRBAssertionFailedWithMessage(ZRBAssertionMessage(condition), file, line);
+}
+
+void ZRBAssertionFailedWithMessage(std::string message, const char* file, int line) {
   ZRBAssertionHandler handler;
   {
     std::lock_guard lock(handlerMutex);

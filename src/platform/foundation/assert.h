@@ -37,6 +37,9 @@ std::string ZRBAssertionMessage(std::string_view condition);
 
 // Called by ZRBAssert on failure.
 void ZRBAssertionFailed(std::string_view condition, const char* file, int line);
+// The same for a check whose whole message is given ("Failed to write cache"), without the
+// "Invalid parameter" prefix.
+void ZRBAssertionFailedWithMessage(std::string message, const char* file, int line);
 
 #define ZRBAssert(condition)                                              \
   do {                                                                    \
