@@ -1,0 +1,364 @@
+// Pin verification and the validator's decisions over chains of the test PKI: enforcement, the
+// order in which pins are found, algorithms that do not fit the key, lapsed and excluded policies,
+// chains the default validation rejects, the observer, and challenges over a loopback TLS server.
+#include "pinning/pinning_validator.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "pinning/pgd_log.h"
+#include "pinning/pin_verifier.h"
+#include "platform/foundation/assert.h"
+#include "platform/foundation/crypto.h"
+#include "platform/net/url_session.h"
+#include "platform/security/sec_key.h"
+#include "platform/system/file_manager.h"
+#include "support/recording_delegate.h"
+#include "support/test_pki.h"
+#include "support/test_server.h"
+
+namespace {
+
+// The pin of a certificate's key: SHA-256 of its DER SubjectPublicKeyInfo.
+ZRB_PGDPin pinOf(const ZRBTestCertificate& certificate) {
+  return certificate.secCertificate()->copyKey()->subjectPublicKeyInfoSHA256();
+}
+
+class LogLines {
+ public:
+  LogLines() {
+    ZRB_PGDSetLoggerBlock([this](const std::string& line) {
+      std::lock_guard lock(mutex_);
+      lines_.push_back(line);
+    });
+  }
+  ~LogLines() { ZRB_PGDSetLoggerBlock(nullptr); }
+  std::vector<std::string> lines() {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+  // Index of the first line starting with `prefix` at or after `from`; -1 when none.
+  long find(std::string_view prefix, long from = 0) {
+    auto all = lines();
+    for (auto i = static_cast<std::size_t>(from); i < all.size(); ++i) {
+      if (all[i].starts_with(prefix)) return static_cast<long>(i);
+    }
+    return -1;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+struct Observed {
+  ZRB_PGDPinningValidatorResultPtr result;
+  std::string notedHostname;
+  ZRB_PGDDomainPolicyPtr policy;
+  int calls = 0;
+};
+
+class PinningValidatorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    directory_ = ZRBTestPKI::makeTemporaryDirectory();
+    ZRBFileManager::defaultManager()->setCachesDirectory(directory_.string());
+    cache_ = ZRB_PGDSPKIHashCache::initWithIdentifier("spki-hash.cache");
+  }
+  void TearDown() override {
+    ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
+    std::filesystem::remove_all(directory_);
+  }
+
+  // A policy for "localhost" pinning `pins`, trusting the chain's root as an extra anchor.
+  static ZRB_PGDDomainPolicy policyFor(const ZRBTestChain& chain, std::set<ZRB_PGDPin> pins,
+                                       std::vector<PGDPublicKeyAlgorithm> algorithms = {
+                                           PGDPublicKeyAlgorithmEcDsaSecp256r1}) {
+    ZRB_PGDDomainPolicy policy;
+    policy.publicKeyAlgorithms = std::move(algorithms);
+    policy.publicKeyHashes = std::move(pins);
+    policy.additionalTrustAnchors = std::vector{chain.rootCertificate()};
+    return policy;
+  }
+
+  ZRB_PGDPinningValidatorPtr validator(ZRB_PGDDomainPolicy policy, std::string domain = "localhost") {
+    ZRB_PGDPinnedDomainPolicies policies;
+    policies.set(std::move(domain), std::make_shared<const ZRB_PGDDomainPolicy>(std::move(policy)));
+    return ZRB_PGDPinningValidator::initWithDomainPinningPolicies(
+        std::move(policies), cache_, false, callbackQueue_,
+        [this](const ZRB_PGDPinningValidatorResultPtr& result, const std::string& noted,
+               const ZRB_PGDDomainPolicyPtr& applied) {
+          EXPECT_EQ(ZRBDispatch::currentQueueLabel(), "test.pinning.observer");
+          observed_.result = result;
+          observed_.notedHostname = noted;
+          observed_.policy = applied;
+          ++observed_.calls;
+        });
+  }
+
+  static ZRBSecTrustPtr trustFor(const ZRBTestChain& chain) {
+    return ZRBSecTrust::createWithCertificates(chain.peerCertificates(), ZRBSecPolicy::createBasicX509());
+  }
+
+  // Lets the observer's queue run what was posted so far.
+  Observed observed() {
+    callbackQueue_->sync([] {});
+    return observed_;
+  }
+
+  std::filesystem::path directory_;
+  ZRB_PGDSPKIHashCachePtr cache_;
+  ZRBDispatchQueuePtr callbackQueue_ = ZRBDispatchQueue::serial("test.pinning.observer");
+  Observed observed_;
+};
+
+// A valid chain that carries none of the pins: blocked only under enforcement, observed either way.
+TEST_F(PinningValidatorTest, UnpinnedChainIsBlockedOnlyUnderEnforcement) {
+  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  for (bool enforce : {true, false}) {
+    observed_ = {};
+    auto policy = policyFor(chain, {ZRB_PGDPin{1}, ZRB_PGDPin{2}});
+    policy.enforcePinning = enforce;
+    auto trust = trustFor(chain);
+    EXPECT_EQ(validator(policy)->evaluateTrust(trust, "localhost"),
+              enforce ? PGDTrustDecisionShouldBlockConnection : PGDTrustDecisionShouldAllowConnection);
+    Observed seen = observed();
+    ASSERT_EQ(seen.calls, 1) << enforce;
+    EXPECT_EQ(seen.result->evaluationResult(), PGDTrustEvaluationResultFailedNoMatchingPin);
+    EXPECT_EQ(seen.result->finalTrustDecision(),
+              enforce ? PGDTrustDecisionShouldBlockConnection : PGDTrustDecisionShouldAllowConnection);
+    EXPECT_EQ(seen.result->serverHostname(), "localhost");
+    EXPECT_EQ(seen.notedHostname, "localhost");
+    EXPECT_EQ(seen.policy->enforcePinning, enforce);
+    // The built chain, leaf first, as PEM with 64-character CR LF lines.
+    ASSERT_EQ(seen.result->certificateChain().size(), 3u);
+    EXPECT_EQ(seen.result->certificateChain()[0], "-----BEGIN CERTIFICATE-----\n" +
+                                                      ZRBBase64Encode(chain.leaf.der(), 1) +
+                                                      "\n-----END CERTIFICATE-----");
+    EXPECT_NE(seen.result->certificateChain()[0].find("\r\n"), std::string::npos);
+    EXPECT_GE(seen.result->validationDuration(), 0.0);
+  }
+}
+
+// The chain is walked from the root down: with root and leaf pinned, the root's pin is found first.
+TEST_F(PinningValidatorTest, RootPinIsFoundBeforeLeafPin) {
+  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  LogLines log;
+  auto trust = trustFor(chain);
+  EXPECT_EQ(
+      validator(policyFor(chain, {pinOf(chain.root), pinOf(chain.leaf)}))->evaluateTrust(trust, "localhost"),
+      PGDTrustDecisionShouldAllowConnection);
+  EXPECT_EQ(observed().result->evaluationResult(), PGDTrustEvaluationResultSuccess);
+  long checking = log.find("Checking certificate with CN: ");
+  ASSERT_GE(checking, 0);
+  EXPECT_EQ(log.lines()[static_cast<std::size_t>(checking)],
+            "Checking certificate with CN: " + *chain.root.secCertificate()->copySubjectSummary());
+  long found = log.find("SSL Pin found for localhost");
+  ASSERT_GT(found, checking);
+  EXPECT_EQ(log.find("Checking certificate with CN: ", checking + 1), -1) << "walk went on after the match";
+  EXPECT_GE(log.find("Pin validation succeeded for localhost"), found);
+}
+
+// RSA 2048 before P-256 on an all-EC chain: the RSA header gives hashes that match nothing, the EC
+// one matches the leaf.
+TEST_F(PinningValidatorTest, AlgorithmThatDoesNotFitTheKeyGivesNonMatchingHashes) {
+  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  LogLines log;
+  auto policy = policyFor(chain, {pinOf(chain.leaf)},
+                          {PGDPublicKeyAlgorithmRsa2048, PGDPublicKeyAlgorithmEcDsaSecp256r1});
+  auto trust = trustFor(chain);
+  EXPECT_EQ(validator(policy)->evaluateTrust(trust, "localhost"), PGDTrustDecisionShouldAllowConnection);
+  auto lines = log.lines();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const auto& l) { return l.starts_with("Testing SSL Pin "); }),
+            6);
+  auto leaf = chain.leaf.secCertificate();
+  auto rsa = cache_->hashSubjectPublicKeyInfoFromCertificate(leaf, PGDPublicKeyAlgorithmRsa2048);
+  auto ec = cache_->hashSubjectPublicKeyInfoFromCertificate(leaf, PGDPublicKeyAlgorithmEcDsaSecp256r1);
+  ASSERT_TRUE(rsa && ec);
+  EXPECT_NE(*rsa, pinOf(chain.leaf));
+  EXPECT_EQ(*ec, pinOf(chain.leaf));
+}
+
+// Lapsed, excluded and unknown domains are not pinned, and the observer hears nothing of them.
+TEST_F(PinningValidatorTest, LapsedExcludedAndUnknownDomainsAreNotPinned) {
+  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  auto expired = policyFor(chain, {ZRB_PGDPin{1}});
+  expired.expirationDate = std::chrono::system_clock::now() - std::chrono::hours(1);
+  ZRB_PGDDomainPolicy excluded;
+  excluded.excludeSubdomainFromParentPolicy = true;
+  struct Case {
+    ZRB_PGDDomainPolicy policy;
+    std::string domain;
+  };
+  for (const auto& [policy, domain] : {Case{expired, "localhost"}, Case{excluded, "localhost"},
+                                       Case{policyFor(chain, {ZRB_PGDPin{1}}), "example.com"}}) {
+    auto trust = trustFor(chain);
+    EXPECT_EQ(validator(policy, domain)->evaluateTrust(trust, "localhost"), PGDTrustDecisionDomainNotPinned);
+  }
+  // A policy that lapses tomorrow still applies.
+  auto current = policyFor(chain, {ZRB_PGDPin{1}});
+  current.expirationDate = std::chrono::system_clock::now() + std::chrono::hours(24);
+  auto trust = trustFor(chain);
+  EXPECT_EQ(validator(current)->evaluateTrust(trust, "localhost"), PGDTrustDecisionShouldBlockConnection);
+  EXPECT_EQ(observed().calls, 1);
+}
+
+// A chain the default validation rejects blocks whatever the enforcement, before pins are looked at.
+TEST_F(PinningValidatorTest, DefaultValidationFailureBlocksEvenWithoutEnforcement) {
+  struct Case {
+    const ZRBTestChain* chain;
+    bool trustRoot;
+    std::string host;
+  };
+  const ZRBTestChain& valid = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  const ZRBTestChain& expired = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256, ZRBTestLeafVariant::Expired);
+  const Case cases[] = {
+      {&expired, true, "localhost"},   // expired leaf
+      {&valid, false, "localhost"},    // unknown root
+      {&valid, true, "wrong.example"}  // host the leaf is not issued for (pinned under that name)
+  };
+  for (const auto& [chain, trustRoot, host] : cases) {
+    observed_ = {};
+    LogLines log;
+    auto policy = policyFor(*chain, {pinOf(chain->leaf), pinOf(chain->root)});
+    policy.enforcePinning = false;
+    if (!trustRoot) policy.additionalTrustAnchors.reset();
+    auto trust = trustFor(*chain);
+    EXPECT_EQ(validator(policy, host)->evaluateTrust(trust, host), PGDTrustDecisionShouldBlockConnection)
+        << host;
+    EXPECT_EQ(observed().result->evaluationResult(), PGDTrustEvaluationResultFailedInvalidCertificateChain);
+    EXPECT_GE(log.find("Error: default SSL validation failed for " + host + ": "), 0);
+    EXPECT_EQ(log.find("Checking certificate"), -1);
+  }
+}
+
+TEST_F(PinningValidatorTest, InvalidParameters) {
+  auto validate = validator(policyFor(ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256), {ZRB_PGDPin{1}}));
+  EXPECT_EQ(validate->evaluateTrust(nullptr, "localhost"), PGDTrustDecisionShouldBlockConnection);
+  EXPECT_EQ(validate->evaluateTrust(trustFor(ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256)), std::nullopt),
+            PGDTrustDecisionShouldBlockConnection);
+  EXPECT_EQ(observed().calls, 0);
+
+  std::vector<std::string> failures;
+  ZRBSetAssertionHandler([&](const std::string& message, const char*, int) { failures.push_back(message); });
+  std::vector<PGDPublicKeyAlgorithm> algorithms{PGDPublicKeyAlgorithmEcDsaSecp256r1};
+  std::set<ZRB_PGDPin> pins{ZRB_PGDPin{1}};
+  auto trust = trustFor(ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256));
+  EXPECT_EQ(zrb_verifyPublicKeyPin(nullptr, "h", &algorithms, &pins, cache_),
+            PGDTrustEvaluationResultErrorInvalidParameters);
+  EXPECT_EQ(zrb_verifyPublicKeyPin(trust, "h", nullptr, &pins, cache_),
+            PGDTrustEvaluationResultErrorInvalidParameters);
+  EXPECT_EQ(zrb_verifyPublicKeyPin(trust, "h", &algorithms, nullptr, cache_),
+            PGDTrustEvaluationResultErrorInvalidParameters);
+  ZRBSetAssertionHandler(nullptr);
+  EXPECT_EQ(failures, (std::vector<std::string>{"Invalid parameter not satisfying: serverTrust",
+                                                "Invalid parameter not satisfying: supportedAlgorithms",
+                                                "Invalid parameter not satisfying: knownPins"}));
+}
+
+// Challenges: server trust is answered by decision; anything else is left to the caller.
+TEST_F(PinningValidatorTest, ChallengeDispositions) {
+  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  auto challengeFor = [&](std::string host, std::string method) {
+    auto space = std::make_shared<const ZRBURLProtectionSpace>(host, 443, "https", std::nullopt, method,
+                                                               trustFor(chain));
+    return std::make_shared<const ZRBURLAuthenticationChallenge>(space, nullptr, 0, nullptr, nullptr);
+  };
+  auto pinned = validator(policyFor(chain, {pinOf(chain.intermediate)}));
+  auto unpinned = validator(policyFor(chain, {ZRB_PGDPin{1}, ZRB_PGDPin{2}}));
+  struct Case {
+    ZRB_PGDPinningValidatorPtr validator;
+    std::string host;
+    ZRBURLSessionAuthChallengeDisposition disposition;
+    bool credential;
+  };
+  const Case cases[] = {
+      {pinned, "localhost", ZRBURLSessionAuthChallengeUseCredential, true},
+      {unpinned, "localhost", ZRBURLSessionAuthChallengeCancelAuthenticationChallenge, false},
+      {pinned, "other.example", ZRBURLSessionAuthChallengePerformDefaultHandling, false},
+  };
+  for (const auto& c : cases) {
+    int calls = 0;
+    auto challenge = challengeFor(c.host, std::string(ZRBURLAuthenticationMethodServerTrust));
+    EXPECT_TRUE(
+        c.validator->handleChallenge(challenge, [&](auto disposition, ZRBURLCredentialPtr credential) {
+          ++calls;
+          EXPECT_EQ(disposition, c.disposition) << c.host;
+          EXPECT_EQ(credential != nullptr, c.credential);
+          if (credential) {
+            EXPECT_EQ(credential->serverTrust(), challenge->protectionSpace()->serverTrust());
+          }
+        }));
+    EXPECT_EQ(calls, 1);
+  }
+  EXPECT_FALSE(
+      pinned->handleChallenge(challengeFor("localhost", std::string(ZRBURLAuthenticationMethodHTTPBasic)),
+                              [](auto, auto) { ADD_FAILURE() << "answered a password challenge"; }));
+}
+
+// Over a real TLS handshake with the loopback server: the pinned chain passes, an unpinned one
+// under enforcement ends the task as cancelled.
+TEST_F(PinningValidatorTest, LoopbackServerChallenges) {
+  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  ZRBTestServer server(ZRBTestServerOptions{.tls = chain});
+  server.respond("GET", "/pinned", ZRBTestResponse::text(200, "ok"));
+  server.start();
+  for (bool pinned : {true, false}) {
+    auto validate = validator(
+        policyFor(chain, pinned ? std::set{pinOf(chain.root)} : std::set{ZRB_PGDPin{7}, ZRB_PGDPin{8}}));
+    auto delegate = std::make_shared<RecordingDelegate>();
+    delegate->onServerTrust = [validate](const ZRBURLAuthenticationChallengePtr& challenge,
+                                         ZRBURLSessionChallengeCompletion completion) {
+      EXPECT_TRUE(validate->handleChallenge(challenge, completion));
+    };
+    auto session = ZRBURLSession::sessionWithConfiguration(
+        ZRBURLSessionConfiguration::ephemeralSessionConfiguration(), delegate, nullptr);
+    auto task = session->dataTaskWithURL(ZRBURL::URLWithString(server.url("/pinned")));
+    task->resume();
+    ASSERT_TRUE(delegate->waitForCompletions(1));
+    auto completion = delegate->completion(task);
+    if (pinned) {
+      EXPECT_EQ(completion.error, nullptr);
+      EXPECT_EQ(completion.body, "ok");
+    } else {
+      ASSERT_NE(completion.error, nullptr);
+      EXPECT_EQ(completion.error->code(), -999);
+    }
+    session->invalidateAndCancel();
+  }
+  EXPECT_EQ(server.requestCount(), 1u);
+}
+
+// Many threads validating with one validator and one cache (run under ThreadSanitizer once).
+TEST_F(PinningValidatorTest, ConcurrentValidations) {
+  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
+  const ZRBTestChain& other = ZRBTestPKI::sharedChain(ZRBTestKeyType::RSA2048);
+  auto policy = policyFor(chain, {pinOf(chain.leaf)});
+  policy.additionalTrustAnchors->push_back(other.rootCertificate());
+  auto validate = validator(policy);
+  std::vector<std::thread> threads;
+  std::atomic<int> allowed{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 20; ++i) {
+        // Odd threads bring a second chain, so insertions race with look-ups.
+        const ZRBTestChain& use = (t % 2 == 0) ? chain : other;
+        auto trust = trustFor(use);
+        if (validate->evaluateTrust(trust, "localhost") == PGDTrustDecisionShouldAllowConnection) ++allowed;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(allowed.load(), 40);
+  EXPECT_EQ(observed().calls, 80);
+}
+
+}  // namespace
