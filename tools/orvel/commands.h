@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/foundation/value.h"
+
 using OrvelArguments = std::span<const std::string_view>;
 
 // Gives the main bundle the program's name and the library version ("orvel", "1.0.0") where its
@@ -25,5 +27,13 @@ int orvelSuffixCommand(OrvelArguments arguments);  // HOST LENGTH REGISTRABLE pe
 int orvelPinningConfigCommand(OrvelArguments arguments);
 // [HOST|ADDRESS] [--watch]: reachability status and flags, once or one line per report.
 int orvelReachabilityCommand(OrvelArguments arguments);
+// The configuration map in a JSON or property-list file (or an Info.plist's "PGDConfiguration");
+// absent, with `problem` set, when the file cannot be read or decoded. Not parsed yet.
+ZRBValue orvelReadPinningConfiguration(std::string_view path, std::string& problem);
+// Whether the text has curl's --resolve form HOST:PORT:ADDRESS[,ADDRESS...] (the port a number).
+bool orvelIsResolveEntry(std::string_view entry);
+// HOST[:PORT] --config FILE [--report] [--resolve HOST:PORT:ADDRESS]: validates a server's chain
+// against a pinning configuration (see pin_check_command.cpp).
+int orvelPinCheckCommand(OrvelArguments arguments);
 // [OPTIONS] URL: fetch a URL as curl would (see orvelGetUsage() in get_options.h).
 int orvelGetCommand(OrvelArguments arguments);

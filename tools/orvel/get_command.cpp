@@ -148,9 +148,10 @@ int orvelGetCommand(OrvelArguments arguments) {
   }
 
   auto delegate = std::make_shared<OrvelGetDelegate>(std::move(settings));
+  auto configuration = ZRBURLSessionConfiguration::ephemeralSessionConfiguration();
+  configuration->setResolveEntries(options->resolve);
   auto session =
-      ZRBURLSession::sessionWithConfiguration(ZRBURLSessionConfiguration::ephemeralSessionConfiguration(),
-                                              delegate, ZRBDispatchQueue::serial("orvel.get"));
+      ZRBURLSession::sessionWithConfiguration(configuration, delegate, ZRBDispatchQueue::serial("orvel.get"));
   ZRBURLSessionTaskPtr task;
   ZRBURLSessionDownloadTaskPtr downloadTask;
   if (built->streamedBody) {

@@ -171,6 +171,15 @@ constexpr Option kOptions[] = {
        o.caCertificatePath = std::string(v);
        return true;
      }},
+    {0, "resolve", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       if (!orvelIsResolveEntry(v)) {
+         e = std::string(shown) + " " + quoted(v) + ": not HOST:PORT:ADDRESS";
+         return false;
+       }
+       o.resolve.emplace_back(v);
+       return true;
+     }},
     {'H', "header", Option::Required,
      [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
        return parseHeader(shown, v, o, e);
@@ -396,6 +405,7 @@ const char* orvelGetUsage() {
          "  -C, --continue-at [-] resume an interrupted download to -o FILE\n"
          "      --cacert FILE    trust the PEM certificates in FILE instead of the system's\n"
          "  -k, --insecure       accept any server certificate\n"
+         "      --resolve H:P:A  connect to address A for host H and port P (repeatable)\n"
          "  -s, --silent         no progress bar\n"
          "  -X, --request METHOD use METHOD instead of GET (or POST with a body)\n"
          "  -d, --data k=v       a form field (repeatable; @FILE reads it); in the query for GET, HEAD, "

@@ -36,6 +36,7 @@ struct OrvelGetOptions {
   std::vector<Header> headers;
   std::vector<std::string> dataFields;  // -d "k=v", as typed
   std::vector<std::string> formFields;  // -F "name=value" or "name=@file", as typed
+  std::vector<std::string> resolve;     // --resolve HOST:PORT:ADDRESS, in order
 };
 
 // Parses the arguments after "get". On failure returns nullopt and sets `error` to a one-line

@@ -22,6 +22,8 @@ constexpr Command kCommands[] = {
     {"reachability",
      "print whether the internet, a host or an address is reachable (--watch: follow changes)",
      orvelReachabilityCommand},
+    {"pin-check", "validate a server's chain against a pinning configuration (see pin-check -h)",
+     orvelPinCheckCommand},
     {"get", "fetch a URL: the body to standard output or a file (curl-like options, see get -h)",
      orvelGetCommand},
 };

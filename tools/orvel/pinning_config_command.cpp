@@ -21,11 +21,6 @@
 
 namespace {
 
-void complain(std::string_view path, const std::string& message) {
-  std::fprintf(stderr, "orvel pinning-config: %.*s: %s\n", static_cast<int>(path.size()), path.data(),
-               message.c_str());
-}
-
 // Property lists start with "bplist" or an XML tag; everything else is taken for JSON.
 ZRBValue decode(const std::string& contents, ZRBErrorPtr* error) {
   std::size_t start = contents.find_first_not_of(" \t\r\n");
@@ -42,6 +37,11 @@ std::string errorText(const ZRBErrorPtr& error) {
   if (!error) return "unreadable";
   const ZRBValue& detail = error->userInfo()[ZRBDebugDescriptionErrorKey];
   return detail.isString() ? detail.string() : error->localizedDescription();
+}
+
+void complain(std::string_view path, const std::string& message) {
+  std::fprintf(stderr, "orvel pinning-config: %.*s: %s\n", static_cast<int>(path.size()), path.data(),
+               message.c_str());
 }
 
 const char* yesNo(bool value) { return value ? "true" : "false"; }
@@ -94,27 +94,37 @@ void printPolicy(const std::string& domain, const ZRB_PGDDomainPolicy& policy) {
 
 }  // namespace
 
+ZRBValue orvelReadPinningConfiguration(std::string_view path, std::string& problem) {
+  errno = 0;
+  auto contents = orvelReadFile(path);
+  if (!contents) {
+    problem = std::string("cannot read: ") + std::strerror(errno != 0 ? errno : EIO);
+    return ZRBValue();
+  }
+  ZRBErrorPtr error;
+  ZRBValue configuration = decode(*contents, &error);
+  if (configuration.isAbsent()) {
+    problem = "not JSON or a property list: " + errorText(error);
+    return ZRBValue();
+  }
+  // An application's Info.plist carries the configuration under this entry.
+  if (!configuration.contains(kZRB_PGDPinnedDomains) && configuration["PGDConfiguration"].isDictionary()) {
+    configuration = configuration["PGDConfiguration"];
+  }
+  return configuration;
+}
+
 int orvelPinningConfigCommand(OrvelArguments arguments) {
   if (arguments.size() != 1) {
     std::fprintf(stderr, "usage: orvel pinning-config FILE\n");
     return 2;
   }
   std::string_view path = arguments.front();
-  errno = 0;
-  auto contents = orvelReadFile(path);
-  if (!contents) {
-    complain(path, std::string("cannot read: ") + std::strerror(errno != 0 ? errno : EIO));
-    return 1;
-  }
-  ZRBErrorPtr error;
-  ZRBValue configuration = decode(*contents, &error);
+  std::string problem;
+  ZRBValue configuration = orvelReadPinningConfiguration(path, problem);
   if (configuration.isAbsent()) {
-    complain(path, "not JSON or a property list: " + errorText(error));
+    complain(path, problem);
     return 1;
-  }
-  // An application's Info.plist carries the configuration under this entry.
-  if (!configuration.contains(kZRB_PGDPinnedDomains) && configuration["PGDConfiguration"].isDictionary()) {
-    configuration = configuration["PGDConfiguration"];
   }
 
   ZRB_PGDConfigurationPtr parsed;

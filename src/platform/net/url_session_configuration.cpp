@@ -44,6 +44,7 @@ ZRBURLSessionConfigurationPtr ZRBURLSessionConfiguration::copy() const {
   other->cookieStorage_ = cookieStorage_;
   other->URLCache_ = URLCache_;
   other->connectionProxyDictionary_ = connectionProxyDictionary_;
+  other->resolveEntries_ = resolveEntries_;
   return other;
 }
 
@@ -64,6 +65,11 @@ void ZRBURLSessionConfiguration::encodeWithCoder(ZRBKeyedArchiver& coder) const 
   coder.encodeInteger(HTTPCookieAcceptPolicy_, "HTTPCookieAcceptPolicy");
   if (!connectionProxyDictionary_.isAbsent()) {
     coder.encodeValue(connectionProxyDictionary_, "connectionProxyDictionary");
+  }
+  if (!resolveEntries_.empty()) {
+    ZRBArrayBuilder entries;
+    for (const auto& entry : resolveEntries_) entries.add(ZRBValue(entry));
+    coder.encodeValue(entries.build(), "resolveEntries");
   }
 }
 
@@ -95,6 +101,9 @@ ZRBURLSessionConfigurationPtr ZRBURLSessionConfiguration::initWithCoder(ZRBKeyed
   if (auto v = coder.decodeInteger("HTTPCookieAcceptPolicy"))
     c.HTTPCookieAcceptPolicy_ = ZRBHTTPCookieAcceptPolicy(*v);
   c.connectionProxyDictionary_ = coder.decodeValue("connectionProxyDictionary", ZRBValueClass::Dictionary);
+  for (const ZRBValue& entry : coder.decodeValue("resolveEntries", ZRBValueClass::Array).items()) {
+    if (entry.isString()) c.resolveEntries_.push_back(entry.string());
+  }
   return configuration;
 }
 

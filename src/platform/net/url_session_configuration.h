@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/foundation/keyed_archiver.h"
 #include "platform/foundation/object.h"
@@ -99,6 +100,14 @@ class ZRBURLSessionConfiguration final : public ZRBObject, public ZRBCoding {
   const ZRBValue& connectionProxyDictionary() const { return connectionProxyDictionary_; }
   void setConnectionProxyDictionary(ZRBValue proxies) { connectionProxyDictionary_ = std::move(proxies); }
 
+  // Fixed addresses for host names, as "HOST:PORT:ADDRESS" entries (curl's --resolve): a task to
+  // HOST on PORT connects to ADDRESS (several separated by commas; IPv6 in brackets) while the URL's
+  // host still names the server for the Host field, SNI and certificate checks. Empty (the default):
+  // names are looked up as usual. Once used, an entry stays in the transport's shared name cache for
+  // the life of the process.
+  const std::vector<std::string>& resolveEntries() const { return resolveEntries_; }
+  void setResolveEntries(std::vector<std::string> entries) { resolveEntries_ = std::move(entries); }
+
   ZRBURLSessionConfigurationPtr copy() const;
 
   // Archives every option except the cookie storage and the cache (objects of the process).
@@ -130,4 +139,5 @@ class ZRBURLSessionConfiguration final : public ZRBObject, public ZRBCoding {
   std::shared_ptr<ZRBHTTPCookieStorage> cookieStorage_;
   std::shared_ptr<ZRBURLCache> URLCache_;
   ZRBValue connectionProxyDictionary_;
+  std::vector<std::string> resolveEntries_;
 };

@@ -284,6 +284,7 @@ void ZRBURLSessionTaskDriver::startAttempt() {
     setup.cookieHeader = storage->cookieHeaderForURL(*request_->URL());
   }
   setup.proxyDictionary = configuration.connectionProxyDictionary();
+  setup.resolveEntries = configuration.resolveEntries();
   setup.streamWeight = long(1 + task_->priority() * 255);
   setup.user = user_;
   setup.password = password_;

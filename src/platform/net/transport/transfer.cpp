@@ -205,6 +205,15 @@ ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
     curl_easy_setopt(easy, CURLOPT_PROXY, (https ? environment.https : environment.http).c_str());
     curl_easy_setopt(easy, CURLOPT_NOPROXY, environment.noProxy.c_str());
   }
+  if (!setup.resolveEntries.empty()) {
+    curl_slist_free_all(handle.resolveList);
+    handle.resolveList = nullptr;
+    for (const auto& entry : setup.resolveEntries) {
+      if (curl_slist* grown = curl_slist_append(handle.resolveList, entry.c_str()))
+        handle.resolveList = grown;
+    }
+    setExtraOption(handle, CURLOPT_RESOLVE, handle.resolveList);
+  }
   if (setup.user) {
     setExtraOption(handle, CURLOPT_USERNAME, setup.user->c_str());
     setExtraOption(handle, CURLOPT_PASSWORD, setup.password.value_or("").c_str());

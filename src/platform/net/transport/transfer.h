@@ -74,6 +74,8 @@ struct ZRBTransferSetup {
   std::optional<std::string> user;
   std::optional<std::string> password;
   long authenticationSchemes = 0;  // CURLAUTH_* bits
+  // "HOST:PORT:ADDRESS" entries for libcurl's resolve list (the configuration's resolveEntries).
+  std::vector<std::string> resolveEntries;
 };
 
 class ZRBTransfer {

@@ -153,6 +153,7 @@ ZRBEasyHandle::ZRBEasyHandle() : easy(curl_easy_init()) {}
 ZRBEasyHandle::~ZRBEasyHandle() {
   curl_easy_cleanup(easy);
   curl_url_cleanup(url);
+  curl_slist_free_all(resolveList);
 }
 
 std::unique_ptr<ZRBEasyHandle> ZRBTransport::takeEasyHandle() {
@@ -172,6 +173,8 @@ void ZRBTransport::returnEasyHandle(std::unique_ptr<ZRBEasyHandle> handle) {
     handle->dirty = false;
     handle->streamWeight = -1;
     handle->connectTimeout = -1;
+    curl_slist_free_all(handle->resolveList);
+    handle->resolveList = nullptr;
   }
   pool_.push_back(std::move(handle));
 }

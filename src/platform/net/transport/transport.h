@@ -52,6 +52,9 @@ struct ZRBEasyHandle {
   // reads them through: nodes of our own, kept with the handle so that no transfer allocates them.
   std::string headerText;
   std::vector<curl_slist> headerList;
+  // The resolve list of the current transfer (libcurl reads it when the transfer starts); freed
+  // when the handle is reset.
+  curl_slist* resolveList = nullptr;
 };
 
 // The proxies the environment names, read once when the transport starts (libcurl would look them
