@@ -5,6 +5,7 @@
 
 #include "pinning/domain_lookup.h"
 #include "pinning/pgd_log.h"
+#include "pinning/registry/registry.h"
 
 ZRB_PGDPinningValidatorPtr ZRB_PGDPinningValidator::initWithDomainPinningPolicies(
     ZRB_PGDPinnedDomainPolicies domainPinningPolicies, ZRB_PGDSPKIHashCachePtr hashCache,
@@ -24,7 +25,10 @@ ZRB_PGDPinningValidator::ZRB_PGDPinningValidator(Private, ZRB_PGDPinnedDomainPol
       spkiHashCache_(std::move(hashCache)),
       domainPinningPolicies_(std::move(domainPinningPolicies)),
       validationCallback_(std::move(validationCallback)),
-      validationCallbackQueue_(std::move(validationCallbackQueue)) {}
+      validationCallbackQueue_(std::move(validationCallbackQueue)) {
+  // The host look-up compares public suffixes; policies need not have come through the parser.
+  ZRB_InitializeDomainRegistry();
+}
 
 PGDTrustDecision ZRB_PGDPinningValidator::evaluateTrust(const ZRBSecTrustPtr& trust,
                                                         std::optional<std::string_view> hostname) const {

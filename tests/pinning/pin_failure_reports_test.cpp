@@ -106,11 +106,8 @@ TEST(PinFailureReportTest, JSONHasExactlyTheSixteenKeys) {
 }
 
 TEST(PinFailureReportTest, PlatformVersionHasThreeNumbers) {
-  const std::pair<std::string_view, std::string_view> cases[] = {{"12", "12.0.0"},
-                                                                 {"6.1.0-18-amd64", "6.1.0"},
-                                                                 {"22.04", "22.4.0"},
-                                                                 {"", "0.0.0"},
-                                                                 {"trixie", "0.0.0"}};
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {"12", "12.0.0"}, {"6.1.0-18-amd64", "6.1.0"}, {"22.04", "22.4.0"}, {"", "0.0.0"}, {"trixie", "0.0.0"}};
   for (const auto& [text, version] : cases) EXPECT_EQ(ZRB_PGDPlatformVersionString(text), version) << text;
 }
 
