@@ -1,19 +1,30 @@
 // Trust evaluation: a three-certificate RSA 2048 chain (leaf and intermediate from the peer, the
 // root as the only anchor, SSL server policy with host name) evaluated through ZRBSecTrust, against
 // X509_verify_cert called directly with an equivalent prebuilt store, purpose and host in the same
-// run. At the end the ratio ours/direct is printed.
+// run. Pinned validation (zrb_verifyPublicKeyPin and the validator's evaluateTrust, the leaf's pin
+// configured so that the whole chain is looked up) runs over the same chain with a warm hash cache,
+// cold (every hash computed and the cache file written), and on two threads sharing one cache. At
+// the end the ratios against the direct baseline are printed.
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
+#include <set>
 #include <string>
 
+#include "pinning/pin_verifier.h"
+#include "pinning/pinning_validator.h"
+#include "pinning/spki_hash_cache.h"
+#include "platform/security/sec_key.h"
 #include "platform/security/sec_trust.h"
+#include "platform/system/file_manager.h"
 #include "support/rate_reporter.h"
 
 namespace {
@@ -138,12 +149,97 @@ void BM_Trust_Direct(benchmark::State& state) {
 }
 BENCHMARK(BM_Trust_Direct);
 
+// ---- pinned validation ----
+
+struct Pinning {
+  ZRB_PGDSPKIHashCachePtr cache;
+  std::vector<PGDPublicKeyAlgorithm> algorithms{PGDPublicKeyAlgorithmRsa2048};
+  std::set<ZRB_PGDPin> pins;
+  ZRB_PGDPinningValidatorPtr validator;
+};
+
+// Set up after the Caches directory is pointed at a temporary folder (main).
+Pinning& pinning() {
+  static Pinning p = [] {
+    const Chain& c = chain();
+    Pinning made;
+    made.cache = ZRB_PGDSPKIHashCache::initWithIdentifier("bench-spki-hash.cache");
+    made.pins = {c.leafCertificate->copyKey()->subjectPublicKeyInfoSHA256(), ZRB_PGDPin{1}};
+    ZRB_PGDDomainPolicy policy;
+    policy.publicKeyAlgorithms = made.algorithms;
+    policy.publicKeyHashes = made.pins;
+    ZRB_PGDPinnedDomainPolicies policies;
+    policies.set("localhost", std::make_shared<const ZRB_PGDDomainPolicy>(std::move(policy)));
+    made.validator = ZRB_PGDPinningValidator::initWithDomainPinningPolicies(std::move(policies), made.cache,
+                                                                            false, nullptr, nullptr);
+    return made;
+  }();
+  return p;
+}
+
+// The peer's certificates with the root as the only anchor, as BM_Trust_Ours builds them.
+ZRBSecTrustPtr peerTrust() {
+  const Chain& c = chain();
+  auto trust = ZRBSecTrust::createWithCertificates({c.leafCertificate, c.intermediateCertificate},
+                                                   ZRBSecPolicy::createBasicX509());
+  trust->setAnchorCertificates({c.rootCertificate});
+  return trust;
+}
+
+void BM_Pin_VerifyWarm(benchmark::State& state) {
+  Pinning& p = pinning();
+  for (auto _ : state) {
+    auto trust = peerTrust();
+    if (zrb_verifyPublicKeyPin(trust, "localhost", &p.algorithms, &p.pins, p.cache) !=
+        PGDTrustEvaluationResultSuccess)
+      state.SkipWithError("pin not found");
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Pin_VerifyWarm);
+
+void BM_Pin_EvaluateTrustWarm(benchmark::State& state) {
+  Pinning& p = pinning();
+  for (auto _ : state) {
+    auto trust = peerTrust();
+    if (p.validator->evaluateTrust(trust, "localhost") != PGDTrustDecisionShouldAllowConnection)
+      state.SkipWithError("connection blocked");
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Pin_EvaluateTrustWarm);
+
+// Every certificate hashed anew and the file rewritten three times; emptying the cache is not timed.
+void BM_Pin_VerifyCold(benchmark::State& state) {
+  Pinning& p = pinning();
+  for (auto _ : state) {
+    state.PauseTiming();
+    p.cache->resetSubjectPublicKeyInfoDiskCache();
+    auto trust = peerTrust();
+    state.ResumeTiming();
+    if (zrb_verifyPublicKeyPin(trust, "localhost", &p.algorithms, &p.pins, p.cache) !=
+        PGDTrustEvaluationResultSuccess)
+      state.SkipWithError("pin not found");
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_Pin_VerifyCold);
+
+// Both cores: readers of the cache must not wait for each other.
+BENCHMARK(BM_Pin_VerifyWarm)->Name("BM_Pin_VerifyWarm/threads")->Threads(2)->UseRealTime();
+BENCHMARK(BM_Trust_Ours)->Name("BM_Trust_Ours/threads")->Threads(2)->UseRealTime();
+BENCHMARK(BM_Trust_Direct)->Name("BM_Trust_Direct/threads")->Threads(2)->UseRealTime();
+
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   chain();  // key generation stays out of the measurements
+  const std::string caches =
+      std::filesystem::temp_directory_path() / ("bench-trust-" + std::to_string(getpid()));
+  ZRBFileManager::defaultManager()->setCachesDirectory(caches);
+  pinning();
   RateReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
@@ -155,5 +251,21 @@ int main(int argc, char** argv) {
   };
   ratio("trust evaluation, new trust per evaluation", "BM_Trust_Ours");
   ratio("trust evaluation, reused trust", "BM_Trust_OursReused");
+  auto time = [&](const char* label, const std::string& ours, const std::string& baseline,
+                  const char* target) {
+    if (auto r = reporter.ratio(baseline, ours))
+      std::printf("%s: time ours/direct = %.2f%s\n", label, *r, target);
+  };
+  time("pinned, warm cache: zrb_verifyPublicKeyPin", "BM_Pin_VerifyWarm", "BM_Trust_Direct",
+       " (target <= 1.10)");
+  time("pinned, warm cache: evaluateTrust", "BM_Pin_EvaluateTrustWarm", "BM_Trust_Direct",
+       " (target <= 1.10)");
+  time("pinned, cold cache (hashes and file writes)", "BM_Pin_VerifyCold", "BM_Trust_Direct", "");
+  time("pinned, warm cache, 2 threads (throughput per thread)",
+       "BM_Pin_VerifyWarm/threads/real_time/threads:2", "BM_Trust_Direct/threads/real_time/threads:2",
+       " (target <= 1.10)");
+  time("unpinned trust evaluation, 2 threads", "BM_Trust_Ours/threads/real_time/threads:2",
+       "BM_Trust_Direct/threads/real_time/threads:2", "");
+  std::filesystem::remove_all(caches);
   return 0;
 }
