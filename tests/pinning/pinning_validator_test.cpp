@@ -73,6 +73,8 @@ class PinningValidatorTest : public ::testing::Test {
     cache_ = ZRB_PGDSPKIHashCache::initWithIdentifier("spki-hash.cache");
   }
   void TearDown() override {
+    // Observer calls still queued would land in the next test's fixture.
+    callbackQueue_->sync([] {});
     ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
     std::filesystem::remove_all(directory_);
   }
