@@ -1,0 +1,133 @@
+// The program's pinning set-up: when the settings switch pinning on, which hosts a domain list
+// yields and the policy each gets, and the pin guard that results.
+#include "request/network_pin_guard.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/crypto.h"
+#include "platform/foundation/exception.h"
+#include "platform/security/sec_key.h"
+#include "platform/system/file_manager.h"
+#include "request/network_pin_guard_pins.h"
+#include "settings/app_sdk_log_manager.h"
+#include "settings/setting.h"
+#include "support/test_pki.h"
+
+namespace {
+
+class NetworkPinGuardTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    directory_ = ZRBTestPKI::makeTemporaryDirectory();
+    ZRBFileManager::defaultManager()->setCachesDirectory(directory_.string());
+    const auto manager = ZRBAppSdkLogManager::sharedInstance();
+    manager->setCollectAppSdkLogEnable(true);
+    manager->setCollector(
+        [this](long, const std::string&, const std::string& message) { log_.push_back(message); });
+  }
+  void TearDown() override {
+    const auto manager = ZRBAppSdkLogManager::sharedInstance();
+    manager->setCollectAppSdkLogEnable(false);
+    manager->setCollector(nullptr);
+    auto setting = ZRBSetting::sharedSetting();
+    setting->setIsRealStgEnvProvider(nullptr);
+    setting->setIsTrustDomainsProvider(nullptr);
+    setting->setIsInternationalProvider(nullptr);
+    ZRBNetworkPinGuard::setPublicKeyHashes({});
+    ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
+    std::filesystem::remove_all(directory_);
+  }
+
+  std::filesystem::path directory_;
+  std::vector<std::string> log_;
+};
+
+TEST_F(NetworkPinGuardTest, TrustDomainsPinsOnlyOutsideTheRealStagingEnvironmentWithTrustOn) {
+  struct Case {
+    bool realStgEnv, trustDomains, international;
+    bool pinned;
+    std::string line;  // logged when not pinned
+  };
+  const Case cases[] = {
+      {false, false, false, false, "JenkinsConfigNoTrustDomains: 0-0-0"},
+      {false, true, true, true, ""},
+      {true, false, true, false, "JenkinsConfigNoTrustDomains: 1-0-1"},
+      {true, true, false, false, "JenkinsConfigNoTrustDomains: 1-1-0"},
+  };
+  auto setting = ZRBSetting::sharedSetting();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    setting->setIsRealStgEnvProvider([&] { return c.realStgEnv; });
+    setting->setIsTrustDomainsProvider([&] { return c.trustDomains; });
+    setting->setIsInternationalProvider([&] { return c.international; });
+    log_.clear();
+    auto pinGuard = ZRBNetworkPinGuard::trustDomains(std::vector<std::string>{"https://api.orvel.com/v1"});
+    EXPECT_EQ(pinGuard != nullptr, c.pinned);
+    EXPECT_EQ(log_, c.pinned ? std::vector<std::string>{} : std::vector<std::string>{c.line});
+    if (pinGuard) {
+      EXPECT_FALSE(pinGuard->isSharedInstance());
+      EXPECT_FALSE(pinGuard->configuration()->swizzleNetworkDelegates);
+    }
+  }
+  // Pinning on, but nothing to pin.
+  setting->setIsTrustDomainsProvider([] { return true; });
+  setting->setIsRealStgEnvProvider([] { return false; });
+  EXPECT_EQ(ZRBNetworkPinGuard::trustDomains(std::vector<std::string>{}), nullptr);
+  EXPECT_EQ(ZRBNetworkPinGuard::trustDomains(ZRBValue()), nullptr);
+}
+
+TEST_F(NetworkPinGuardTest, EachHostGetsTheProgramsPolicyAndLaterEntriesReplaceEarlierOnes) {
+  const ZRBValue domains = ZRBValue::array({
+      ZRBValue("http://api.orvel.com/path"),
+      ZRBValue(""),
+      ZRBValue("not a url"),
+      ZRBValue(42),
+      ZRBValue("https://cdn.media.orvel.net/x"),  // https: the part after the first dot
+      ZRBValue("http://api.orvel.com/other"),
+  });
+  auto pinGuard = ZRBNetworkPinGuard::addPinGuardDomains(domains);
+  std::vector<std::string> hosts;
+  for (const auto& [host, policy] : pinGuard->configuration()->pinnedDomains) {
+    hosts.push_back(host);
+    EXPECT_TRUE(policy->enforcePinning);
+    EXPECT_TRUE(policy->includeSubdomains);
+    EXPECT_EQ(policy->publicKeyAlgorithms, std::vector<PGDPublicKeyAlgorithm>{PGDPublicKeyAlgorithmRsa2048});
+    EXPECT_EQ(policy->publicKeyHashes.size(), kZRBNetworkPinGuardPublicKeyHashes.size());
+    EXPECT_FALSE(policy->reportUris);
+  }
+  EXPECT_EQ(hosts, (std::vector<std::string>{"api.orvel.com", "media.orvel.net"}));
+
+  // Nothing usable: the pin guard is still made, and its configuration refuses.
+  try {
+    ZRBNetworkPinGuard::addPinGuardDomains(ZRBValue::array({ZRBValue(""), ZRBValue("localhost")}));
+    ADD_FAILURE() << "an empty pinned-domain map was accepted";
+  } catch (const ZRBException& exception) {
+    EXPECT_EQ(exception.name(), "PinGuard configuration invalid");
+  }
+}
+
+TEST_F(NetworkPinGuardTest, BuiltInPinsAreWellFormedAndReplaceable) {
+  for (std::string_view pin : kZRBNetworkPinGuardPublicKeyHashes) {
+    EXPECT_EQ(pin.size(), 44u);
+    EXPECT_EQ(pin.find('='), 43u);
+  }
+  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::RSA2048);
+  auto pinOf = [](const ZRBTestCertificate& certificate) {
+    auto pin = certificate.secCertificate()->copyKey()->subjectPublicKeyInfoSHA256();
+    return ZRBBase64Encode(std::span<const std::uint8_t>(pin));
+  };
+  ZRBNetworkPinGuard::setPublicKeyHashes({pinOf(chain.leaf), pinOf(chain.intermediate)});
+  auto pinGuard = ZRBNetworkPinGuard::addPinGuardDomains(std::vector<std::string>{"http://api.orvel.com"});
+  auto policy = pinGuard->configuration()->pinnedDomains.find("api.orvel.com");
+  ASSERT_TRUE(policy);
+  EXPECT_TRUE(
+      policy->publicKeyHashes.contains(chain.leaf.secCertificate()->copyKey()->subjectPublicKeyInfoSHA256()));
+  ZRBNetworkPinGuard::setPublicKeyHashes({});
+  EXPECT_EQ(ZRBNetworkPinGuard::publicKeyHashes().size(), 7u);
+}
+
+}  // namespace
