@@ -15,6 +15,7 @@
 #include "get_delegate.h"
 #include "get_options.h"
 #include "get_output_target.h"
+#include "get_pinning.h"
 #include "get_request.h"
 #include "get_resume.h"
 #include "platform/foundation/exception.h"
@@ -101,6 +102,15 @@ int orvelGetCommand(OrvelArguments arguments) {
     settings.anchors = ZRBSecCertificate::createAllWithPEM(*pem);
     if (settings.anchors.empty()) {
       complain("--cacert " + path + ": no PEM certificate in it");
+      return 2;
+    }
+  }
+
+  std::unique_ptr<OrvelGetPinning> pinning;
+  if (options->pinningConfigPath) {
+    pinning = OrvelGetPinning::setUp(*options->pinningConfigPath, problem);
+    if (!pinning) {
+      complain(problem);
       return 2;
     }
   }
@@ -198,6 +208,8 @@ int orvelGetCommand(OrvelArguments arguments) {
                          resumeDataDone.wait_for(std::chrono::seconds(10)) == std::future_status::ready &&
                          resumeDataDone.get();
   session->invalidateAndCancel();
+  // Also waits for the reports of failed validations, so they are out before the program ends.
+  std::string pinRefusal = pinning ? pinning->explainRefusal(hostOf(options->url)) : "";
 
   if (interrupted) {
     if (keptOnInterrupt) {
@@ -233,6 +245,10 @@ int orvelGetCommand(OrvelArguments arguments) {
   if (delegate->trustRejected()) {
     complain("the certificate of " + hostOf(options->url) + " does not chain to a certificate in " +
              *options->caCertificatePath);
+    return 1;
+  }
+  if (delegate->error() && !pinRefusal.empty()) {
+    complain(pinRefusal);
     return 1;
   }
   if (auto error = delegate->error()) {

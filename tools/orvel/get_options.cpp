@@ -180,6 +180,12 @@ constexpr Option kOptions[] = {
        o.resolve.emplace_back(v);
        return true;
      }},
+    {0, "pinning-config", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       if (!needsText(v, shown, "a file name", e)) return false;
+       o.pinningConfigPath = std::string(v);
+       return true;
+     }},
     {'H', "header", Option::Required,
      [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
        return parseHeader(shown, v, o, e);
@@ -406,6 +412,8 @@ const char* orvelGetUsage() {
          "      --cacert FILE    trust the PEM certificates in FILE instead of the system's\n"
          "  -k, --insecure       accept any server certificate\n"
          "      --resolve H:P:A  connect to address A for host H and port P (repeatable)\n"
+         "      --pinning-config FILE  pin the connection by the pinning configuration in FILE (JSON,\n"
+         "                       property list, or an Info.plist's PGDConfiguration)\n"
          "  -s, --silent         no progress bar\n"
          "  -X, --request METHOD use METHOD instead of GET (or POST with a body)\n"
          "  -d, --data k=v       a form field (repeatable; @FILE reads it); in the query for GET, HEAD, "
@@ -418,7 +426,8 @@ const char* orvelGetUsage() {
          "      --decode         print the body decoded by its Content-Type: JSON and property lists\n"
          "                       as indented JSON, XML as parser events\n"
          "\n"
-         "Exit status: 0 done, 1 the transfer or the output failed, 2 usage (also an unusable --cacert),\n"
+         "Exit status: 0 done, 1 the transfer or the output failed (a refusal by the pins too), 2 usage\n"
+         "(also an unusable --cacert or --pinning-config),\n"
          "22 HTTP status 400 or above with -f or when resuming, or a body --decode refuses, 130\n"
          "interrupted.\n";
 }
