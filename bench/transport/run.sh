@@ -4,6 +4,10 @@
 # The "json" cases are the third side: GETs of a 200-byte JSON body through ZRBHS_HTTPSessionManager
 # (JSON response serializer, completion queue) against libcurl parsing each body with the same JSON
 # library; in those rows "ours" is the session manager.
+# The "pinned" cases are HTTPS GETs to a pinned name (bench.example.com, resolved to 127.0.0.1)
+# through the shared pin guard's delegate proxy with a warm hash cache, against the same session
+# program without pinning: in those rows "curl" is the unpinned session. Notes give the handshakes
+# (server-trust decisions) each side needed.
 #
 #   bench/transport/run.sh [BUILD_DIR]
 #
@@ -71,10 +75,22 @@ openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 \
   2>/dev/null
 openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes \
   -keyout "$pki/server.key" -out "$pki/server.csr" -subj "/CN=localhost" 2>/dev/null
-printf '%s\n' "subjectAltName=IP:127.0.0.1,DNS:localhost" "basicConstraints=CA:FALSE" \
+printf '%s\n' "subjectAltName=IP:127.0.0.1,DNS:localhost,DNS:bench.example.com" "basicConstraints=CA:FALSE" \
   "keyUsage=critical,digitalSignature" "extendedKeyUsage=serverAuth" >"$pki/server.ext"
 openssl x509 -req -in "$pki/server.csr" -CA "$pki/ca.pem" -CAkey "$pki/ca.key" -CAcreateserial \
   -days 2 -extfile "$pki/server.ext" -out "$pki/server.pem" 2>/dev/null
+
+# The pinning configuration of the pinned cases: the server key's pin and a spare, the CA an extra
+# anchor, no reports.
+server_pin="$(openssl x509 -in "$pki/server.pem" -pubkey -noout | openssl pkey -pubin -outform der |
+  openssl dgst -sha256 -binary | base64)"
+ca_json="$(awk '{printf "%s\\n", $0}' "$pki/ca.pem")"
+cat >"$pki/pinning.json" <<EOF
+{"PGDSwizzleNetworkDelegates": true, "PGDPinnedDomains": {"example.com": {
+  "PGDIncludeSubdomains": true, "PGDPublicKeyAlgorithms": ["PGDAlgorithmEcDsaSecp256r1"],
+  "PGDPublicKeyHashes": ["$server_pin", "$(head -c 32 /dev/zero | base64)"],
+  "PGDAdditionalTrustAnchors": ["$ca_json"], "PGDDisableDefaultReportUri": true}}}
+EOF
 
 # ---- content: the big file is sparse, so it costs neither disk nor time to make ----
 mkdir -p "$work/www" "$work/logs" "$work/out"
@@ -274,6 +290,21 @@ measure() {
   done
 }
 
+# measure_pinned ROUNDS ARGS...: the session program without and with pinning, alternating; the
+# unpinned lines go to baseline_lines.
+measure_pinned() {
+  local rounds="$1"
+  shift
+  baseline_lines=()
+  our_lines=()
+  [ -n "$our_program" ] || return 0
+  for _ in $(seq "$rounds"); do
+    baseline_lines+=("$(run env "BENCH_RESOLVE=$pinned_resolve" "$our_program" "$@")")
+    our_lines+=("$(run env "BENCH_RESOLVE=$pinned_resolve" "BENCH_PINNING_CONFIG=$pki/pinning.json" \
+      "XDG_CACHE_HOME=$work/cache" "$our_program" "$@")")
+  done
+}
+
 # best KEY max|min LINE...: the best value of KEY over the rounds; empty when a round failed.
 best() {
   local key="$1" order="$2" line v values=()
@@ -344,6 +375,15 @@ for scheme in http https; do
     row "$scheme c=$c json" "CPU us/request" "$(best cpu_us_per_request min "${baseline_lines[@]}")" \
       "$(best cpu_us_per_request min "${our_lines[@]}")" lower 1.2
   done
+done
+
+pinned_resolve="bench.example.com:$https_port:127.0.0.1"
+for c in $concurrency; do
+  measure_pinned "$request_rounds" requests "https://bench.example.com:$https_port/small" "$requests" "$c" \
+    "$pki/ca.pem"
+  row "https pinned c=$c" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
+    "$(best requests_per_s max "${our_lines[@]}")" higher 0.95
+  notes+=("https pinned c=$c: handshakes per run, unpinned $(value handshakes "${baseline_lines[0]}"), pinned $(value handshakes "${our_lines[0]}")")
 done
 
 measure "$big_rounds" check_download download "$http_url/big.bin" "$download_file"

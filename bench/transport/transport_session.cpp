@@ -4,6 +4,12 @@
 // delegate moves away, and an upload task from a file. Server trust over HTTPS is judged by the
 // delegate against the benchmark's own CA.
 //
+// Pinned side: with BENCH_PINNING_CONFIG (a file holding a JSON pinning configuration) the shared
+// pin guard is set up first, with delegate proxies, as an application's Info.plist would do it, so
+// the session's server trust goes through pin validation; BENCH_RESOLVE ("HOST:PORT:ADDRESS")
+// lets the pinned name reach the server. Requests runs also print handshakes=N: how many server
+// trust decisions (full TLS handshakes) the run needed.
+//
 // See run.sh for the server and the cases; measure.h for the command line and the report.
 #include <sys/stat.h>
 
@@ -11,6 +17,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
@@ -19,6 +26,8 @@
 #include <string>
 
 #include "measure.h"
+#include "pinning/pin_guard.h"
+#include "platform/foundation/json_serialization.h"
 #include "platform/foundation/url.h"
 #include "platform/net/url_authentication.h"
 #include "platform/net/url_request.h"
@@ -61,6 +70,7 @@ class BenchDelegate final : public ZRBURLSessionDelegate {
       completion(ZRBURLSessionAuthChallengePerformDefaultHandling, nullptr);
       return;
     }
+    ++handshakes_;
     const ZRBSecTrustPtr& trust = space->serverTrust();
     ZRBSecTrustResultType result = ZRBSecTrustResultInvalid;
     if (anchor_ && trust->setAnchorCertificates({anchor_}) == ZRBErrSecSuccess &&
@@ -119,6 +129,7 @@ class BenchDelegate final : public ZRBURLSessionDelegate {
   }
 
   long completed() const { return completed_; }
+  long handshakes() const { return handshakes_.load(); }
   long long bodyBytes() const { return bodyBytes_; }
   long long sentBytes() const { return sentBytes_; }
   const std::string& protocol() const { return protocol_; }
@@ -136,6 +147,7 @@ class BenchDelegate final : public ZRBURLSessionDelegate {
   ZRBSecCertificatePtr anchor_;
   ZRBURLSessionPtr session_;
   ZRBURLRequestPtr request_;
+  std::atomic<long> handshakes_{0};  // challenges answered here, on the transport thread
 
   // Touched only on the delegate queue, which runs one callback at a time, until finish().
   long started_ = 0;
@@ -161,6 +173,27 @@ ZRBSecCertificatePtr readAnchor(const Options& options) {
   return anchor;
 }
 
+// The shared pin guard from BENCH_PINNING_CONFIG, with its proxies installed; null without it.
+// Counts the validations it observes.
+ZRB_PinGuardPtr setUpPinning(std::atomic<long>& validations) {
+  const char* path = std::getenv("BENCH_PINNING_CONFIG");
+  if (!path || !*path) return nullptr;
+  std::ifstream file(path);
+  std::stringstream text;
+  text << file.rdbuf();
+  ZRBValue configuration = ZRBJSONSerialization::JSONObjectWithData(text.str(), {}, nullptr);
+  if (!configuration.isDictionary()) transport_bench::fail(std::string(path) + ": no configuration");
+  auto pinGuard = ZRB_PinGuard::initSharedInstanceWithConfiguration(configuration);
+  if (!pinGuard->configuration()->swizzleNetworkDelegates) {
+    transport_bench::fail(std::string(path) + ": PGDSwizzleNetworkDelegates must be on");
+  }
+  pinGuard->setPinningValidatorCallbackQueue(ZRBDispatchQueue::serial("orvelkit.bench.transport.pinning"));
+  pinGuard->setPinningValidatorCallback([&validations](const auto& result, const auto&, const auto&) {
+    if (result->finalTrustDecision() == PGDTrustDecisionShouldAllowConnection) ++validations;
+  });
+  return pinGuard;
+}
+
 long long fileSize(const std::string& path) {
   struct stat info {};
   if (::stat(path.c_str(), &info) != 0) transport_bench::fail(path + ": " + std::strerror(errno));
@@ -171,11 +204,16 @@ long long fileSize(const std::string& path) {
 
 int main(int argc, char** argv) {
   const Options options = transport_bench::parseOptions(argc, argv);
+  std::atomic<long> validations{0};
+  const ZRB_PinGuardPtr pinGuard = setUpPinning(validations);
   auto delegate = std::make_shared<BenchDelegate>(options, readAnchor(options));
 
   ZRBURLSessionConfigurationPtr configuration = ZRBURLSessionConfiguration::ephemeralSessionConfiguration();
   configuration->setHTTPMaximumConnectionsPerHost(options.concurrency);
   configuration->setHTTPShouldSetCookies(false);
+  if (const char* resolve = std::getenv("BENCH_RESOLVE"); resolve && *resolve) {
+    configuration->setResolveEntries({resolve});
+  }
   ZRBURLSessionPtr session = ZRBURLSession::sessionWithConfiguration(
       configuration, delegate, ZRBDispatchQueue::serial("orvelkit.bench.transport.delegate"));
   delegate->setSession(session);
@@ -193,6 +231,14 @@ int main(int argc, char** argv) {
       });
       if (std::string failure = delegate->wait(); !failure.empty()) transport_bench::fail(failure);
       transport_bench::reportRequests(delegate->completed(), watch, delegate->protocol());
+      long handshakes = delegate->handshakes();
+      if (pinGuard) {
+        // Validations reach the counter through the main queue, then the pin guard's queue.
+        ZRBDispatch::mainQueue()->sync([] {});
+        pinGuard->pinningValidatorCallbackQueue()->sync([] {});
+        handshakes += validations.load();
+      }
+      std::printf("handshakes=%ld\n", handshakes);
       std::fprintf(stderr, "session: %ld requests, %lld body bytes\n", delegate->completed(),
                    delegate->bodyBytes());
       break;
