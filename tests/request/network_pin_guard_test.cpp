@@ -10,9 +10,7 @@
 
 #include "platform/foundation/crypto.h"
 #include "platform/foundation/exception.h"
-#include "platform/security/sec_key.h"
 #include "platform/system/file_manager.h"
-#include "request/network_pin_guard_pins.h"
 #include "settings/app_sdk_log_manager.h"
 #include "settings/setting.h"
 #include "support/test_pki.h"
@@ -89,6 +87,16 @@ TEST_F(NetworkPinGuardTest, EachHostGetsTheProgramsPolicyAndLaterEntriesReplaceE
       ZRBValue("https://cdn.media.orvel.net/x"),  // https: the part after the first dot
       ZRBValue("http://api.orvel.com/other"),
   });
+  auto filled = [](char c) {
+    ZRB_PGDPin pin;
+    pin.fill(std::uint8_t(c));
+    return pin;
+  };
+  // The built-in pins parse (the pin guard is made); a replacement list takes their place.
+  EXPECT_EQ(ZRBNetworkPinGuard::addPinGuardDomains(domains)->configuration()->pinnedDomains.size(), 2u);
+  const std::vector<std::string> pins = {ZRBBase64Encode(std::string(32, 'p')),
+                                         ZRBBase64Encode(std::string(32, 'q'))};
+  ZRBNetworkPinGuard::setPublicKeyHashes(pins);
   auto pinGuard = ZRBNetworkPinGuard::addPinGuardDomains(domains);
   std::vector<std::string> hosts;
   for (const auto& [host, policy] : pinGuard->configuration()->pinnedDomains) {
@@ -96,7 +104,8 @@ TEST_F(NetworkPinGuardTest, EachHostGetsTheProgramsPolicyAndLaterEntriesReplaceE
     EXPECT_TRUE(policy->enforcePinning);
     EXPECT_TRUE(policy->includeSubdomains);
     EXPECT_EQ(policy->publicKeyAlgorithms, std::vector<PGDPublicKeyAlgorithm>{PGDPublicKeyAlgorithmRsa2048});
-    EXPECT_EQ(policy->publicKeyHashes.size(), kZRBNetworkPinGuardPublicKeyHashes.size());
+    EXPECT_EQ(policy->publicKeyHashes.size(), 2u);
+    EXPECT_TRUE(policy->publicKeyHashes.contains(filled('p')));
     EXPECT_FALSE(policy->reportUris);
   }
   EXPECT_EQ(hosts, (std::vector<std::string>{"api.orvel.com", "media.orvel.net"}));
@@ -108,26 +117,6 @@ TEST_F(NetworkPinGuardTest, EachHostGetsTheProgramsPolicyAndLaterEntriesReplaceE
   } catch (const ZRBException& exception) {
     EXPECT_EQ(exception.name(), "PinGuard configuration invalid");
   }
-}
-
-TEST_F(NetworkPinGuardTest, BuiltInPinsAreWellFormedAndReplaceable) {
-  for (std::string_view pin : kZRBNetworkPinGuardPublicKeyHashes) {
-    EXPECT_EQ(pin.size(), 44u);
-    EXPECT_EQ(pin.find('='), 43u);
-  }
-  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::RSA2048);
-  auto pinOf = [](const ZRBTestCertificate& certificate) {
-    auto pin = certificate.secCertificate()->copyKey()->subjectPublicKeyInfoSHA256();
-    return ZRBBase64Encode(std::span<const std::uint8_t>(pin));
-  };
-  ZRBNetworkPinGuard::setPublicKeyHashes({pinOf(chain.leaf), pinOf(chain.intermediate)});
-  auto pinGuard = ZRBNetworkPinGuard::addPinGuardDomains(std::vector<std::string>{"http://api.orvel.com"});
-  auto policy = pinGuard->configuration()->pinnedDomains.find("api.orvel.com");
-  ASSERT_TRUE(policy);
-  EXPECT_TRUE(
-      policy->publicKeyHashes.contains(chain.leaf.secCertificate()->copyKey()->subjectPublicKeyInfoSHA256()));
-  ZRBNetworkPinGuard::setPublicKeyHashes({});
-  EXPECT_EQ(ZRBNetworkPinGuard::publicKeyHashes().size(), 7u);
 }
 
 }  // namespace
