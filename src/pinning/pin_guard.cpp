@@ -79,7 +79,10 @@ ZRB_PinGuardPtr ZRB_PinGuard::initWithConfiguration(const ZRBValue& configuratio
         if (auto strongInstance = weakInstance.lock())
           strongInstance->didValidate(result, notedHostname, policy);
       });
-  ZRB_PGDLog("Successfully initialized with configuration %@", parsed->toValue());
+  // The configuration's map is built only for a logger.
+  if (zrb_detail::g_pgdLoggerInstalled.load(std::memory_order_acquire)) {
+    ZRB_PGDLog("Successfully initialized with configuration %@", parsed->toValue());
+  }
   return instance;
 }
 
