@@ -383,6 +383,8 @@ for c in $concurrency; do
     "$pki/ca.pem"
   row "https pinned c=$c" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
     "$(best requests_per_s max "${our_lines[@]}")" higher 0.95
+  row "https pinned c=$c" "CPU us/request" "$(best cpu_us_per_request min "${baseline_lines[@]}")" \
+    "$(best cpu_us_per_request min "${our_lines[@]}")" lower 1.05
   notes+=("https pinned c=$c: handshakes per run, unpinned $(value handshakes "${baseline_lines[0]}"), pinned $(value handshakes "${our_lines[0]}")")
 done
 
