@@ -35,6 +35,8 @@ run_timeout="${BENCH_RUN_TIMEOUT:-300}"
 baseline_program="$build/bench/transport/transport_curl"
 our_program="$build/bench/transport/transport_session"
 manager_program="$build/bench/transport/transport_manager"
+agent_program="$build/bench/transport/transport_agent"
+[ -x "$agent_program" ] || agent_program=""
 nginx_program="$(command -v nginx || true)"
 [ -n "$nginx_program" ] || nginx_program=/usr/sbin/nginx
 if [ ! -x "$nginx_program" ]; then
@@ -258,15 +260,20 @@ check_download() {
 }
 
 # measure_json ROUNDS ARGS...: as measure, for the json cases: the baseline against the manager.
+# With WITH_AGENT=1 the agent runs too, into agent_lines.
 measure_json() {
   local rounds="$1" side
   shift
   baseline_lines=()
   our_lines=()
+  agent_lines=()
   for _ in $(seq "$rounds"); do
-    for side in curl manager; do
-      if [ "$side" = curl ]; then baseline_lines+=("$(run "$baseline_program" "$@")"); else
-        our_lines+=("$(run "$manager_program" "$@")"); fi
+    for side in curl manager agent; do
+      case "$side" in
+        curl) baseline_lines+=("$(run "$baseline_program" "$@")") ;;
+        manager) our_lines+=("$(run "$manager_program" "$@")") ;;
+        agent) if [ "${WITH_AGENT:-0}" = 1 ]; then agent_lines+=("$(run "$agent_program" "$@")"); fi ;;
+      esac
     done
   done
 }
@@ -368,12 +375,25 @@ for scheme in http https; do
   done
   same_request "$scheme json" "$base" "${ca[@]}"
   for c in $concurrency; do
+    WITH_AGENT=0
+    if [ "$scheme" = http ] && [ -n "$agent_program" ]; then WITH_AGENT=1; fi
     measure_json "$request_rounds" json-requests "$base/small.json" "$requests" "$c" "${ca[@]}"
     same_protocol "$scheme c=$c json"
     row "$scheme c=$c json" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
       "$(best requests_per_s max "${our_lines[@]}")" higher 0.9
     row "$scheme c=$c json" "CPU us/request" "$(best cpu_us_per_request min "${baseline_lines[@]}")" \
       "$(best cpu_us_per_request min "${our_lines[@]}")" lower 1.2
+    if [ "${WITH_AGENT:-0}" = 1 ]; then
+      agent_cpu="$(best cpu_us_per_request min "${agent_lines[@]}")"
+      manager_cpu="$(best cpu_us_per_request min "${our_lines[@]}")"
+      row "$scheme c=$c agent" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
+        "$(best requests_per_s max "${agent_lines[@]}")" higher 0.85
+      row "$scheme c=$c agent" "CPU us/request" "$(best cpu_us_per_request min "${baseline_lines[@]}")" \
+        "$agent_cpu" lower 1.35
+      if [ -n "$agent_cpu" ] && [ -n "$manager_cpu" ]; then
+        notes+=("$scheme c=$c: the agent costs $(awk -v a="$agent_cpu" -v m="$manager_cpu" 'BEGIN { printf "%.1f", a - m }') us CPU per request over the session manager")
+      fi
+    fi
   done
 done
 

@@ -333,7 +333,7 @@ void ZRBRQ_NetworkAgent::addRequest(const ZRBRQ_BaseRequestPtr& request) {
   if (!task) return;
   task->setPriority(taskPriority(request->requestPriority()));
   request->toggleAccessoriesWillStartCallBack();
-  ZRBNetworkLog("ZRBNetwork Add request:  %@", request->description());
+  ZRBNetworkLog("ZRBNetwork Add request:  %@", request);  // described only when logged
   addRequestToRecord(request);
   task->resume();
 }
@@ -383,8 +383,8 @@ void ZRBRQ_NetworkAgent::handleRequestResult(unsigned long taskIdentifier, const
       request->setResponseString(decodeBody(responseObject, request));
       const ZRBRQ_ResponseSerializerType kind = request->responseSerializerType();
       ZRBNetworkLog("ZRBNetwork Finished Request: %@, { URL:%@ }, \n request: %@ \n response: %@, %ld",
-                    request->className(), request->requestUrl(), request->description(),
-                    request->responseString(), static_cast<long>(kind));
+                    request->className(), request->requestUrl(), request, request->responseString(),
+                    static_cast<long>(kind));
       const auto taskResponse = request->requestTask() ? request->requestTask()->response() : nullptr;
       try {
         if (kind == ZRBRQ_ResponseSerializerTypeJSON) {

@@ -417,6 +417,25 @@ TEST_F(NetworkAgentTest, BadInputEndsInOneFailureOrTheAssertion) {
     EXPECT_EQ(recorder->events().size(), 5u);
   }
 
+  // A base URL without a scheme fails in the transport; a validator that is no validator rejects
+  // the body.
+  server_.respond("GET", "/j", ZRBTestResponse::json(200, R"({"a":1})"));
+  auto noScheme = makeRequest("/j");
+  noScheme->base = "127.0.0.1/api";
+  auto oddValidator = makeRequest(server_.url("/j"));
+  oddValidator->validator = ZRBValue("not a validator");
+  for (const auto& request : {noScheme, oddValidator}) {
+    auto recorder = record(request);
+    request->start();
+    recorder->waitFor("failure");
+    settle();
+    const auto events = recorder->events();
+    EXPECT_EQ(events.back(), "didStop");
+    EXPECT_EQ(std::count(events.begin(), events.end(), "failure"), 1);
+    EXPECT_NE(request->error(), nullptr);
+  }
+  EXPECT_EQ(oddValidator->error()->code(), -9);
+
   // Null request and unknown method: the assertion texts; with assertions off, no callback.
   EXPECT_THROW(
       {
