@@ -58,7 +58,12 @@ std::int64_t seconds(const ASN1_TIME* time) {
 }  // namespace
 
 ZRBSecCertificate::ZRBSecCertificate(Private, x509_st* x509, std::vector<std::uint8_t> der)
-    : x509_(x509), der_(std::move(der)) {}
+    : x509_(x509), der_(std::move(der)) {
+  // OpenSSL decodes a certificate's extensions into the X509 object on first use during a
+  // verification, and readers on other threads may see that half done. Decoding them here, before
+  // the object is shared, leaves concurrent verifications only reading.
+  X509_check_purpose(x509_, -1, 0);
+}
 
 ZRBSecCertificate::~ZRBSecCertificate() { X509_free(x509_); }
 
