@@ -144,19 +144,4 @@ TEST_F(SPKIHashCacheTest, UnwritableDirectoryKeepsTheMemoryEntry) {
   EXPECT_EQ(cache->getSubjectPublicKeyInfoHashesCache()[PGDPublicKeyAlgorithmRsa4096].size(), 1u);
 }
 
-TEST_F(SPKIHashCacheTest, MissingIdentifierIsAnAssertion) {
-  EXPECT_THROW(ZRB_PGDSPKIHashCache::initWithIdentifier(std::nullopt), ZRBAssertionFailure);
-}
-
-TEST_F(SPKIHashCacheTest, LegacyAndUnifiedKeyBytesAgree) {
-  auto cache = ZRB_PGDSPKIHashCache::initWithIdentifier("spki-hash.cache");
-  for (auto type : kZRBTestKeyTypes) {
-    auto certificate = ZRBTestPKI::sharedChain(type).leaf.secCertificate();
-    auto bytes = cache->getPublicKeyDataFromCertificate(certificate);
-    ASSERT_TRUE(bytes);
-    EXPECT_EQ(bytes, certificate->copyKey()->copyExternalRepresentation());
-    EXPECT_EQ(cache->getPublicKeyDataFromCertificate_legacy_ios(certificate), bytes);
-  }
-}
-
 }  // namespace
