@@ -12,6 +12,7 @@
 #include "platform/net/url_authentication.h"
 #include "platform/system/file_manager.h"
 #include "request/network_log.h"
+#include "request/network_pin_guard.h"
 #include "request/network_utils.h"
 #include "settings/error_domains.h"
 #include "settings/sdk_config.h"
@@ -53,18 +54,22 @@ const ZRBRQ_NetworkAgentPtr& ZRBRQ_NetworkAgent::sharedAgent() {
 
 ZRBRQ_NetworkAgentPtr ZRBRQ_NetworkAgent::init() {
   auto agent = std::make_shared<ZRBRQ_NetworkAgent>();
+  agent->pinGuard_ = ZRBNetworkPinGuard::trustDomains(ZRBSetting::sharedSetting()->allDomains());
+  agent->pinGuardDomains_ = ZRBSetting::sharedSetting()->allDomains();
   agent->config_ = ZRBRQ_NetworkConfig::sharedConfig();
   agent->manager_ =
       ZRBHS_HTTPSessionManager::initWithSessionConfiguration(agent->config_->sessionConfiguration());
-  // Runs on the transport thread inside the handshake: it only reads the settings.
+  std::weak_ptr<ZRBRQ_NetworkAgent> weak = agent;
+  // Runs on the transport thread inside the handshake.
   agent->manager_->setSessionDidReceiveAuthenticationChallengeBlock(
-      [](const ZRBURLSessionPtr&, const ZRBURLAuthenticationChallengePtr& challenge,
-         ZRBURLCredentialPtr* credential) {
+      [weak](const ZRBURLSessionPtr&, const ZRBURLAuthenticationChallengePtr& challenge,
+             ZRBURLCredentialPtr* credential) {
         const auto& space = challenge ? challenge->protectionSpace() : nullptr;
         if (credential)
           *credential = ZRBURLCredential::credentialForTrust(space ? space->serverTrust() : nullptr);
         if (ZRBSetting::sharedSetting()->isRealStgEnv()) return ZRBURLSessionAuthChallengeUseCredential;
-        return ZRBURLSessionAuthChallengePerformDefaultHandling;
+        auto self = weak.lock();
+        return self ? self->answerChallenge(challenge) : ZRBURLSessionAuthChallengePerformDefaultHandling;
       });
   agent->processingQueue_ = ZRBDispatchQueue::concurrent("com.velkit.networkagent.processing");
   agent->allStatusCodes_ = ZRBIndexSet::indexSetWithIndexesInRange(100, 500);
@@ -74,6 +79,41 @@ ZRBRQ_NetworkAgentPtr ZRBRQ_NetworkAgent::init() {
   agent->manager_->setResponseSerializer(responseSerializer);
   agent->manager_->setCompletionQueue(agent->processingQueue_);
   return agent;
+}
+
+// Runs on the transport thread inside the handshake; the validator answers synchronously.
+ZRBURLSessionAuthChallengeDisposition ZRBRQ_NetworkAgent::answerChallenge(
+    const ZRBURLAuthenticationChallengePtr& challenge) {
+  const ZRB_PinGuardPtr guard = pinGuard();
+  const auto& validator = guard ? guard->pinningValidator() : nullptr;
+  if (!validator) return ZRBURLSessionAuthChallengePerformDefaultHandling;
+  ZRBURLSessionAuthChallengeDisposition disposition = ZRBURLSessionAuthChallengePerformDefaultHandling;
+  const bool handled =
+      validator->handleChallenge(challenge, [&disposition](ZRBURLSessionAuthChallengeDisposition given,
+                                                           ZRBURLCredentialPtr) { disposition = given; });
+  return handled ? disposition : ZRBURLSessionAuthChallengePerformDefaultHandling;
+}
+
+ZRB_PinGuardPtr ZRBRQ_NetworkAgent::pinGuard() const {
+  std::lock_guard lock(pinMutex_);
+  return pinGuard_;
+}
+
+std::vector<std::string> ZRBRQ_NetworkAgent::pinGuardDomains() const {
+  std::lock_guard lock(pinMutex_);
+  return pinGuardDomains_;
+}
+
+void ZRBRQ_NetworkAgent::widenPinGuardDomains(const std::string& host) {
+  std::lock_guard lock(pinMutex_);
+  for (const auto& domain : pinGuardDomains_) {
+    if (domain == host) return;
+  }
+  // Only the current host joins the settings' list: an extra host from before drops out.
+  std::vector<std::string> domains = ZRBSetting::sharedSetting()->allDomains();
+  domains.push_back(host);
+  pinGuard_ = ZRBNetworkPinGuard::trustDomains(domains);
+  pinGuardDomains_ = std::move(domains);
 }
 
 ZRBHS_HTTPSessionManagerPtr ZRBRQ_NetworkAgent::manager() const {
@@ -122,6 +162,9 @@ std::string ZRBRQ_NetworkAgent::buildRequestUrl(const ZRBRQ_BaseRequestPtr& requ
   if (!request) return "";
   std::string detailUrl = request->requestUrl();
   const ZRBURLPtr parsed = ZRBURL::URLWithString(detailUrl);
+  if (parsed) {
+    if (auto host = parsed->host()) widenPinGuardDomains(*host);
+  }
   // Absolute URLs bypass the filters and the base URLs.
   if (parsed && parsed->host() && parsed->scheme()) return detailUrl;
 

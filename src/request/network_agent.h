@@ -19,11 +19,13 @@
 // MD5 of the download path; resume data are written there when a download fails or is cancelled
 // and used by the next download to the same path when they are valid.
 //
-// The server-trust challenge is answered by the agent's session-level hook: with the settings'
-// isRealStgEnv the trust is accepted without evaluation; otherwise the session's default handling
-// applies. Certificate pinning (the pinning entry object built from the settings' domains, the
-// widening of that domain list by each unknown absolute host, and pin evaluation in the challenge)
-// is not wired in yet: the pinning core it needs is not part of the library so far.
+// Pinning: the agent keeps a pin guard built by ZRBNetworkPinGuard::trustDomains from the domain
+// list it was made for (at first the settings' allDomains). A request URL with a host that the list
+// lacks rebuilds both from allDomains plus that host, so an extra host added earlier drops out when
+// another unknown one arrives. The server-trust challenge is answered by the agent's session-level
+// hook: with the settings' isRealStgEnv the trust is accepted without evaluation; otherwise the pin
+// guard's validator judges it (blocked, allowed, or left to default handling when not pinned), and
+// without a pin guard the session's default handling applies.
 //
 // Threads: addRequest, cancelRequest and buildRequestUrl run on the caller's thread; results on the
 // processing queue; callbacks and clean-up on the main queue. The lock is never held while calling
@@ -40,6 +42,7 @@
 #include "http/http_session_manager.h"
 #include "http/json_response_serializer.h"
 #include "http/xml_parser_response_serializer.h"
+#include "pinning/pin_guard.h"
 #include "platform/foundation/index_set.h"
 #include "platform/foundation/object.h"
 #include "platform/runtime/dispatch.h"
@@ -85,6 +88,9 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   const ZRBDispatchQueuePtr& processingQueue() const { return processingQueue_; }
   // Requests in flight.
   std::size_t requestCount() const;
+  // The pin guard (null when the settings leave pinning off) and the domains it was built from.
+  ZRB_PinGuardPtr pinGuard() const;
+  std::vector<std::string> pinGuardDomains() const;
 
   std::string className() const override { return "ZRBRQ_NetworkAgent"; }
 
@@ -109,6 +115,14 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   void removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request);
   static void writeResumeData(const ZRBValue& resumeData, const std::optional<std::string>& downloadPath);
 
+  // Answers a server-trust challenge in the handshake (transport thread).
+  ZRBURLSessionAuthChallengeDisposition answerChallenge(const ZRBURLAuthenticationChallengePtr& challenge);
+  // Rebuilds the pin guard when `host` is not among the pinned domains.
+  void widenPinGuardDomains(const std::string& host);
+
+  mutable std::mutex pinMutex_;  // over the pin guard and its domains, held through a rebuild
+  ZRB_PinGuardPtr pinGuard_;
+  std::vector<std::string> pinGuardDomains_;
   mutable std::mutex managerMutex_;
   ZRBHS_HTTPSessionManagerPtr manager_;
   ZRBRQ_NetworkConfigPtr config_;

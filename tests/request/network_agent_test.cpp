@@ -577,3 +577,49 @@ TEST(BaseRequestTest, DefaultsDescriptionAndAccessoryOrder) {
 }
 
 }  // namespace
+
+namespace {
+
+// An absolute URL whose host the pinned list lacks rebuilds the pin guard from the settings'
+// domains plus that host; a second unknown host replaces the first.
+TEST(NetworkAgentPinningTest, UnknownAbsoluteHostsWidenThePinnedDomains) {
+  auto setting = ZRBSetting::sharedSetting();
+  struct Restore {
+    ~Restore() {
+      auto s = ZRBSetting::sharedSetting();
+      s->setAllDomainsProvider(nullptr);
+      s->setIsTrustDomainsProvider(nullptr);
+      s->setIsRealStgEnvProvider(nullptr);
+    }
+  } restore;
+  setting->setAllDomainsProvider([] { return std::vector<std::string>{"http://api.orvel.com/"}; });
+  setting->setIsTrustDomainsProvider([] { return true; });
+  setting->setIsRealStgEnv(false);
+
+  auto agent = ZRBRQ_NetworkAgent::init();
+  ASSERT_NE(agent->pinGuard(), nullptr);
+  EXPECT_EQ(agent->pinGuardDomains(), std::vector<std::string>{"http://api.orvel.com/"});
+  EXPECT_EQ(agent->pinGuard()->configuration()->pinnedDomains.size(), 1u);
+
+  struct Step {
+    std::string url;
+    std::vector<std::string> domains;
+    bool rebuilt;
+  };
+  const Step steps[] = {
+      {"https://media.orvel.net/a", {"http://api.orvel.com/", "media.orvel.net"}, true},
+      {"https://media.orvel.net/b", {"http://api.orvel.com/", "media.orvel.net"}, false},
+      {"relative/path", {"http://api.orvel.com/", "media.orvel.net"}, false},
+      {"https://other.cam.com/x", {"http://api.orvel.com/", "other.cam.com"}, true},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.url);
+    const auto before = agent->pinGuard();
+    agent->buildRequestUrl(makeRequest(step.url));
+    EXPECT_EQ(agent->pinGuardDomains(), step.domains);
+    EXPECT_EQ(agent->pinGuard() != before, step.rebuilt);
+    EXPECT_EQ(agent->pinGuard()->configuration()->pinnedDomains.size(), 2u);
+  }
+}
+
+}  // namespace
