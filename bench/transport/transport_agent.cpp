@@ -4,8 +4,8 @@
 // starts the next one. So the figures include URL building, a request serializer per request, the
 // agent's table and lock, decoding on the processing queue, validation and the main-queue hop.
 //
-// Plain HTTP only for now: over HTTPS the agent answers server trust through the pinning core,
-// which the library does not have yet.
+// Plain HTTP only for now: over HTTPS the agent judges server trust by its pin guard, whose pins
+// and anchors are the program's own, so it cannot be pointed at the benchmark's throw-away CA.
 #include <condition_variable>
 #include <mutex>
 #include <string>
