@@ -6,12 +6,38 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <optional>
 #include <string>
 
 namespace transport_bench {
+
+// How a run ended, set once from whichever thread sees the end first: empty for success, else the
+// failure's text. wait() blocks until it is set.
+class Outcome {
+ public:
+  void finish(std::string failure) {
+    std::lock_guard lock(mutex_);
+    if (finished_) return;
+    finished_ = true;
+    result_ = std::move(failure);
+    done_.notify_all();
+  }
+  std::string wait() {
+    std::unique_lock lock(mutex_);
+    done_.wait(lock, [this] { return finished_; });
+    return result_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_;
+  bool finished_ = false;
+  std::string result_;
+};
 
 struct Options {
   enum class Mode { Requests, JSONRequests, Download, Upload } mode = Mode::Requests;

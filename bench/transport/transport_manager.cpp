@@ -64,22 +64,12 @@ class Run {
         });
   }
 
-  std::string wait() {
-    std::unique_lock lock(mutex_);
-    done_.wait(lock, [this] { return finished_; });
-    return result_;
-  }
+  std::string wait() { return outcome_.wait(); }
   long completed() const { return completed_; }
   const std::string& protocol() const { return protocol_; }
 
  private:
-  void finish(std::string failure) {
-    std::lock_guard lock(mutex_);
-    if (finished_) return;
-    finished_ = true;
-    result_ = std::move(failure);
-    done_.notify_all();
-  }
+  void finish(std::string failure) { outcome_.finish(std::move(failure)); }
 
   const Options& options_;
   ZRBHS_HTTPSessionManagerPtr manager_;
@@ -88,10 +78,7 @@ class Run {
   long completed_ = 0;
   std::string protocol_;
 
-  std::mutex mutex_;
-  std::condition_variable done_;
-  bool finished_ = false;
-  std::string result_;
+  transport_bench::Outcome outcome_;
 };
 
 }  // namespace

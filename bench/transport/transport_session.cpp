@@ -122,11 +122,7 @@ class BenchDelegate final : public ZRBURLSessionDelegate {
   }
 
   // Blocks until the work is done; returns the failure, empty on success.
-  std::string wait() {
-    std::unique_lock lock(mutex_);
-    done_.wait(lock, [this] { return finished_; });
-    return result_;
-  }
+  std::string wait() { return outcome_.wait(); }
 
   long completed() const { return completed_; }
   long handshakes() const { return handshakes_.load(); }
@@ -135,13 +131,7 @@ class BenchDelegate final : public ZRBURLSessionDelegate {
   const std::string& protocol() const { return protocol_; }
 
  private:
-  void finish(std::string failure) {
-    std::lock_guard lock(mutex_);
-    if (finished_) return;
-    finished_ = true;
-    result_ = std::move(failure);
-    done_.notify_all();
-  }
+  void finish(std::string failure) { outcome_.finish(std::move(failure)); }
 
   const Options& options_;
   ZRBSecCertificatePtr anchor_;
@@ -157,10 +147,7 @@ class BenchDelegate final : public ZRBURLSessionDelegate {
   std::string protocol_;
   std::string failure_;
 
-  std::mutex mutex_;
-  std::condition_variable done_;
-  bool finished_ = false;
-  std::string result_;
+  transport_bench::Outcome outcome_;
 };
 
 ZRBSecCertificatePtr readAnchor(const Options& options) {
