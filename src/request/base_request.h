@@ -103,16 +103,17 @@ class ZRBRQ_BaseRequest : public ZRBObject {
   // ---- stored fields ----
   ZRBURLSessionTaskPtr requestTask() const;
   void setRequestTask(ZRBURLSessionTaskPtr task);
+  // The four response getters are virtual so that a cached request can answer from its cache.
   // The raw body (for a failed download: the partial file's contents); absent when none.
-  ZRBValue responseData() const;
+  virtual ZRBValue responseData() const;
   void setResponseData(ZRBValue data);
-  std::optional<std::string> responseString() const;
+  virtual std::optional<std::string> responseString() const;
   void setResponseString(std::optional<std::string> string);
   // The serializer's output; for a download, the downloaded file's URL.
-  ZRBValue responseObject() const;
+  virtual ZRBValue responseObject() const;
   void setResponseObject(ZRBValue object);
   // Set only for JSON responses.
-  ZRBValue responseJSONObject() const;
+  virtual ZRBValue responseJSONObject() const;
   void setResponseJSONObject(ZRBValue object);
   ZRBErrorPtr error() const;
   void setError(ZRBErrorPtr error);
@@ -193,8 +194,8 @@ class ZRBRQ_BaseRequest : public ZRBObject {
   virtual void requestFailedFilter() {}
 
   // ---- operations ----
-  // Hands the request to the shared agent.
-  void start();
+  // Hands the request to the shared agent (a cached request decides about its cache first).
+  virtual void start();
   // Accessories' will-stop, delegate cleared, the shared agent's cancelRequest, accessories'
   // did-stop, in this order.
   void stop();
