@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "log_lines.h"
 #include "pinning/background_reporter.h"
-#include "pinning/pgd_log.h"
 #include "pinning/pin_failure_report.h"
 #include "pinning/report_texts.h"
 #include "pinning/reports_rate_limiter.h"
@@ -172,24 +172,13 @@ class BackgroundReporterTest : public ::testing::Test {
   void SetUp() override {
     temporary_ = ZRBTestPKI::makeTemporaryDirectory();
     ZRBFileManager::defaultManager()->setTemporaryDirectory(temporary_.string());
-    ZRB_PGDSetLoggerBlock([this](const std::string& line) {
-      std::lock_guard lock(mutex_);
-      lines_.push_back(line);
-    });
   }
   void TearDown() override {
-    ZRB_PGDSetLoggerBlock(nullptr);
     ZRBBundle::mainBundle()->resetInfoDictionary();
     ZRBFileManager::defaultManager()->setTemporaryDirectory(std::nullopt);
     std::filesystem::remove_all(temporary_);
   }
-  bool logged(std::string_view prefix) {
-    std::lock_guard lock(mutex_);
-    for (const auto& line : lines_) {
-      if (line.starts_with(prefix)) return true;
-    }
-    return false;
-  }
+  bool logged(std::string_view prefix) { return log_.find(prefix) >= 0; }
   void fail(const ZRB_PGDBackgroundReporterPtr& reporter, long port,
             const std::optional<std::vector<ZRBURLPtr>>& uris) {
     reporter->pinValidationFailedForHostname("www.example.com", port, {"PEM"}, "example.com", uris, true,
@@ -198,8 +187,7 @@ class BackgroundReporterTest : public ::testing::Test {
   }
 
   std::filesystem::path temporary_;
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
+  PGDLogLines log_;
 };
 
 TEST_F(BackgroundReporterTest, ConstructionFollowsTheMainBundle) {

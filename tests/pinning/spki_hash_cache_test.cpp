@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "pinning/pgd_log.h"
+#include "log_lines.h"
 #include "platform/foundation/assert.h"
 #include "platform/security/sec_key.h"
 #include "platform/system/file_manager.h"
@@ -23,21 +23,17 @@ class SPKIHashCacheTest : public ::testing::Test {
   void SetUp() override {
     directory_ = ZRBTestPKI::makeTemporaryDirectory();
     ZRBFileManager::defaultManager()->setCachesDirectory(directory_.string());
-    ZRB_PGDSetLoggerBlock([this](const std::string& line) { lines_.push_back(line); });
   }
   void TearDown() override {
-    ZRB_PGDSetLoggerBlock(nullptr);
     ZRBSetAssertionHandler(nullptr);
     ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
     std::filesystem::remove_all(directory_);
   }
   std::filesystem::path file() const { return directory_ / "spki-hash.cache"; }
-  bool logged(std::string_view line) const {
-    return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
-  }
+  bool logged(std::string_view line) { return log_.has(line); }
 
   std::filesystem::path directory_;
-  std::vector<std::string> lines_;
+  PGDLogLines log_;
 };
 
 // Each algorithm's header in front of the raw key gives the DER SubjectPublicKeyInfo's digest for
@@ -74,7 +70,7 @@ TEST_F(SPKIHashCacheTest, RestartServesHashesFromTheFile) {
     EXPECT_EQ(cache->SPKICachePath()->path(), file().string());
   }
   ASSERT_TRUE(std::filesystem::exists(file()));
-  lines_.clear();
+  log_.clear();
   auto restarted = ZRB_PGDSPKIHashCache::initWithIdentifier("spki-hash.cache");
   EXPECT_TRUE(logged("Loaded 4 SPKI cache entries from the filesystem"));
   EXPECT_EQ(
@@ -107,7 +103,7 @@ TEST_F(SPKIHashCacheTest, DamagedFileIsIgnoredAndRebuilt) {
   };
   for (const auto& bytes : damaged) {
     std::ofstream(file(), std::ios::binary | std::ios::trunc) << bytes;
-    lines_.clear();
+    log_.clear();
     auto cache = ZRB_PGDSPKIHashCache::initWithIdentifier("spki-hash.cache");
     EXPECT_TRUE(logged("Loaded 0 SPKI cache entries from the filesystem"));
     EXPECT_FALSE(cache->loadSPKICacheFromFileSystem());
@@ -131,7 +127,7 @@ TEST_F(SPKIHashCacheTest, UnwritableDirectoryKeepsTheMemoryEntry) {
   EXPECT_EQ(*hash, certificate->copyKey()->subjectPublicKeyInfoSHA256());
   EXPECT_EQ(failures, std::vector<std::string>{"Failed to write cache"});
   EXPECT_TRUE(logged("Could not persist SPKI cache to the filesystem"));
-  lines_.clear();
+  log_.clear();
   EXPECT_EQ(cache->hashSubjectPublicKeyInfoFromCertificate(certificate, PGDPublicKeyAlgorithmEcDsaSecp384r1),
             hash);
   EXPECT_TRUE(logged("Subject Public Key Info hash was found in the cache"));
