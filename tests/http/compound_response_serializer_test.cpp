@@ -8,20 +8,9 @@
 #include "http/json_response_serializer.h"
 #include "http/property_list_response_serializer.h"
 #include "http/xml_parser_response_serializer.h"
+#include "serializer_checks.h"
 
 namespace {
-
-ZRBHTTPURLResponsePtr httpResponse(long status, std::string_view contentType) {
-  return ZRBHTTPURLResponse::make(ZRBURL::URLWithString("http://h/p"), status, "HTTP/1.1",
-                                  ZRBValue::dictionary({{"Content-Type", ZRBValue(contentType)}}));
-}
-
-std::string chain(const ZRBErrorPtr& error) {
-  std::string out;
-  for (ZRBErrorPtr e = error; e; e = e->underlyingError())
-    out += (out.empty() ? "" : "<") + std::to_string(e->code());
-  return out.empty() ? "none" : out;
-}
 
 const char* kPlist =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict><key>n</key><integer>3</integer>"
@@ -43,7 +32,7 @@ TEST(XMLParserResponseSerializer, HandsBackAParserThatHasNotRun) {
       serializer
           ->responseObjectForResponse(httpResponse(200, "application/json"), ZRBValue::data("<a/>"), &error)
           .isAbsent());
-  EXPECT_EQ(chain(error), "-1016");
+  EXPECT_EQ(errorChain(error), "-1016");
 }
 
 TEST(PropertyListResponseSerializer, ReadsEitherFormatAndChainsItsErrors) {
@@ -73,20 +62,16 @@ TEST(PropertyListResponseSerializer, ReadsEitherFormatAndChainsItsErrors) {
     ZRBValue object =
         serializer->responseObjectForResponse(httpResponse(c.status, "application/x-plist"), c.body, &error);
     EXPECT_EQ(object, c.decoded ? expected : ZRBValue());
-    EXPECT_EQ(chain(error), c.errors);
+    EXPECT_EQ(errorChain(error), c.errors);
   }
 
   auto configured = ZRBHS_PropertyListResponseSerializer::serializerWithFormat(
       ZRBPropertyListBinaryFormat_v1_0, ZRBPropertyListMutableContainers);
-  auto data = ZRBKeyedArchiver::archivedDataWithRootObject(*configured, true);
-  ASSERT_TRUE(data);
-  auto decoded = ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBHS_PropertyListResponseSerializer>(*data);
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded->format(), ZRBPropertyListBinaryFormat_v1_0);
-  EXPECT_EQ(decoded->readOptions(), ZRBPropertyListMutableContainers);
-  auto copied = std::dynamic_pointer_cast<ZRBHS_PropertyListResponseSerializer>(configured->copy());
-  ASSERT_TRUE(copied);
-  EXPECT_EQ(copied->format(), ZRBPropertyListBinaryFormat_v1_0);
+  for (const auto& again : copiedAndDecoded(*configured)) {
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->format(), ZRBPropertyListBinaryFormat_v1_0);
+    EXPECT_EQ(again->readOptions(), ZRBPropertyListMutableContainers);
+  }
 }
 
 TEST(CompoundResponseSerializer, TheFirstSerializerThatDecodesWins) {
@@ -122,21 +107,18 @@ TEST(CompoundResponseSerializer, TheFirstSerializerThatDecodesWins) {
                          : object == body                ? "raw"
                                                          : object.description();
     EXPECT_EQ(result, c.result);
-    EXPECT_EQ(chain(error), c.errors);
+    EXPECT_EQ(errorChain(error), c.errors);
   }
 
-  auto data = ZRBKeyedArchiver::archivedDataWithRootObject(*compound, true);
-  ASSERT_TRUE(data);
-  auto decoded = ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBHS_CompoundResponseSerializer>(*data);
-  ASSERT_TRUE(decoded);
-  auto serializers = decoded->responseSerializers();
-  ASSERT_EQ(serializers.size(), 3u);
-  EXPECT_EQ(serializers[0]->className(), "ZRBHS_JSONResponseSerializer");
-  EXPECT_EQ(serializers[1]->className(), "ZRBHS_XMLParserResponseSerializer");
-  EXPECT_EQ(serializers[2]->className(), "ZRBHS_PropertyListResponseSerializer");
-  auto copied = std::dynamic_pointer_cast<ZRBHS_CompoundResponseSerializer>(compound->copy());
-  ASSERT_TRUE(copied);
-  EXPECT_EQ(copied->responseSerializers(), compound->responseSerializers());
+  // The copy shares the serializers; the archive holds their kinds.
+  auto both = copiedAndDecoded(*compound);
+  ASSERT_TRUE(both[0] && both[1]);
+  EXPECT_EQ(both[0]->responseSerializers(), compound->responseSerializers());
+  std::vector<std::string> kinds;
+  for (const auto& serializer : both[1]->responseSerializers()) kinds.push_back(serializer->className());
+  EXPECT_EQ(kinds,
+            (std::vector<std::string>{"ZRBHS_JSONResponseSerializer", "ZRBHS_XMLParserResponseSerializer",
+                                      "ZRBHS_PropertyListResponseSerializer"}));
 }
 
 }  // namespace

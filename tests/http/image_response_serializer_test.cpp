@@ -9,10 +9,7 @@
 
 #include "http/compound_response_serializer.h"
 #include "http/json_response_serializer.h"
-#include "platform/foundation/index_set.h"
-#include "platform/foundation/keyed_archiver.h"
-#include "platform/foundation/url.h"
-#include "platform/net/http_url_response.h"
+#include "serializer_checks.h"
 #include "support/test_images.h"
 
 namespace {
@@ -20,10 +17,7 @@ namespace {
 using test_images::Bytes;
 
 ZRBURLResponsePtr response(std::optional<std::string> mimeType, long status = 200) {
-  ZRBDictionaryBuilder fields;
-  if (mimeType) fields.set("Content-Type", ZRBValue(*mimeType));
-  return ZRBHTTPURLResponse::make(ZRBURL::URLWithString("http://h/picture"), status, "HTTP/1.1",
-                                  fields.build());
+  return httpResponse(status, std::move(mimeType), "http://h/picture");
 }
 
 ZRBValue body(const Bytes& bytes) { return ZRBValue::data(bytes); }
@@ -172,18 +166,13 @@ TEST(ImageResponseSerializer, CopiesAndArchivesKeepScaleAndInflation) {
   serializer->setAutomaticallyInflatesResponseImage(false);
   serializer->setAcceptableContentTypes(ZRBHS_HTTPResponseSerializer::ContentTypes{"image/png"});
 
-  auto check = [&](const ZRBHS_HTTPResponseSerializerPtr& other) {
-    auto typed = std::dynamic_pointer_cast<ZRBHS_ImageResponseSerializer>(other);
-    ASSERT_TRUE(typed);
-    EXPECT_NE(typed.get(), serializer.get());
-    EXPECT_EQ(typed->imageScale(), 3);
-    EXPECT_FALSE(typed->automaticallyInflatesResponseImage());
-    EXPECT_EQ(typed->acceptableContentTypes(), serializer->acceptableContentTypes());
-  };
-  check(serializer->copy());
-  auto data = ZRBKeyedArchiver::archivedDataWithRootObject(*serializer, true);
-  ASSERT_TRUE(data);
-  check(ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBHS_ImageResponseSerializer>(*data));
+  for (const auto& again : copiedAndDecoded(*serializer)) {
+    ASSERT_TRUE(again);
+    EXPECT_NE(again.get(), serializer.get());
+    EXPECT_EQ(again->imageScale(), 3);
+    EXPECT_FALSE(again->automaticallyInflatesResponseImage());
+    EXPECT_EQ(again->acceptableContentTypes(), serializer->acceptableContentTypes());
+  }
 }
 
 }  // namespace

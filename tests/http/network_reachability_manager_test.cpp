@@ -140,13 +140,8 @@ TEST(NetworkReachabilityManagerTest, StatusTextsAreKeptForTheProcess) {
                {7, "Unknown"},  {-2, "Unknown"},      {INT64_MIN, "Unknown"}};
   for (const auto& c : cases)
     EXPECT_STREQ(ZRBHS_StringFromNetworkReachabilityStatus(c.status), c.text) << c.status;
+  // The texts live as long as the process: the same pointer every time.
   EXPECT_EQ(ZRBHS_StringFromNetworkReachabilityStatus(2), ZRBHS_StringFromNetworkReachabilityStatus(2));
-
-  auto manager = Manager::manager();
-  EXPECT_EQ(manager->networkReachabilityStatus(), ZRBHS_NetworkReachabilityStatusUnknown);
-  EXPECT_FALSE(manager->isReachable());
-  EXPECT_EQ(manager->localizedNetworkReachabilityStatusString(), "Unknown");
-  EXPECT_EQ(Manager::sharedManager(), Manager::sharedManager());
 }
 
 TEST(NetworkReachabilityManagerTest, BadTargetsGiveUnknownOrNotReachableManagers) {

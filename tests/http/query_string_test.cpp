@@ -52,15 +52,6 @@ TEST(QueryString, NamingOrderingAndNullLeaves) {
       {D::array({"x", D::dictionary({{"k", "v"}})}), "%28null%29%5B%5D=x&%28null%29%5B%5D%5Bk%5D=v"},
   };
   for (const auto& c : cases) EXPECT_EQ(ZRBHS_QueryStringFromParameters(c.parameters), c.query);
-
-  EXPECT_EQ(ZRBHS_QueryStringPair("k", ZRBValue()).URLEncodedStringValue(), "k");
-  auto scalar = ZRBHS_QueryStringPairsFromKeyAndValue(ZRBValue(), "v");
-  ASSERT_EQ(scalar.size(), 1u);
-  EXPECT_TRUE(scalar[0].field().isAbsent());
-  EXPECT_EQ(scalar[0].URLEncodedStringValue(), "%28null%29=v");
-  auto keyed = ZRBHS_QueryStringPairsFromKeyAndValue("p", ZRBValue::dictionary({{"q", 1}}));
-  ASSERT_EQ(keyed.size(), 1u);
-  EXPECT_EQ(keyed[0].field().string(), "p[q]");
 }
 
 TEST(PercentEscaping, KeepsOnlyUnreservedCharactersSlashAndQuestionMark) {

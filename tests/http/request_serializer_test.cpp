@@ -12,6 +12,7 @@
 #include "platform/foundation/locale.h"
 #include "platform/system/bundle.h"
 #include "platform/system/device.h"
+#include "serializer_checks.h"
 
 namespace {
 
@@ -233,15 +234,12 @@ TEST_F(RequestSerializer, CopiesAndArchivesCarryHeadersStyleAndOptionsOnly) {
       [](const ZRBURLRequestPtr&, const ZRBValue&, ZRBErrorPtr*) { return QueryResult("q"); });
 
   // The copied headers replace the fresh ones whole; the callback is copied but not archived.
-  auto copy = std::dynamic_pointer_cast<ZRBHS_JSONRequestSerializer>(json->copy());
-  auto data = ZRBKeyedArchiver::archivedDataWithRootObject(*json, true);
-  ASSERT_TRUE(data);
-  auto decoded = ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBHS_JSONRequestSerializer>(*data);
-  for (const auto& again : {copy, decoded}) {
+  auto both = copiedAndDecoded(*json);
+  for (const auto& again : both) {
     ASSERT_TRUE(again);
     EXPECT_EQ(again->writingOptions(), ZRBJSONWritingSortedKeys);
     EXPECT_EQ(again->HTTPRequestHeaders(), json->HTTPRequestHeaders());
-    EXPECT_EQ(static_cast<bool>(again->queryStringSerialization()), again == copy);
+    EXPECT_EQ(static_cast<bool>(again->queryStringSerialization()), again == both[0]);
     EXPECT_TRUE(again->mutableObservedChangedKeyPaths().empty());
     EXPECT_EQ(again->stringEncoding(), ZRBUTF8StringEncoding);
     EXPECT_EQ(again->HTTPMethodsEncodingParametersInURI(), (std::set<std::string>{"GET", "HEAD", "DELETE"}));
@@ -249,11 +247,7 @@ TEST_F(RequestSerializer, CopiesAndArchivesCarryHeadersStyleAndOptionsOnly) {
 
   auto plist = ZRBHS_PropertyListRequestSerializer::serializerWithFormat(ZRBPropertyListBinaryFormat_v1_0, 3);
   plist->setQueryStringSerializationWithStyle(static_cast<ZRBHS_QueryStringSerializationStyle>(2));
-  auto plistData = ZRBKeyedArchiver::archivedDataWithRootObject(*plist, true);
-  ASSERT_TRUE(plistData);
-  for (const auto& again :
-       {ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBHS_PropertyListRequestSerializer>(*plistData),
-        std::dynamic_pointer_cast<ZRBHS_PropertyListRequestSerializer>(plist->copy())}) {
+  for (const auto& again : copiedAndDecoded(*plist)) {
     ASSERT_TRUE(again);
     EXPECT_EQ(again->format(), ZRBPropertyListBinaryFormat_v1_0);
     EXPECT_EQ(again->writeOptions(), 3u);

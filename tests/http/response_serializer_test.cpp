@@ -8,28 +8,11 @@
 #include <string>
 
 #include "http/json_response_serializer.h"
+#include "serializer_checks.h"
 
 namespace {
 
-ZRBHTTPURLResponsePtr httpResponse(long status, std::optional<std::string> contentType,
-                                   std::string_view url = "http://h/p") {
-  ZRBDictionaryBuilder fields;
-  if (contentType) fields.set("Content-Type", ZRBValue(*contentType));
-  return ZRBHTTPURLResponse::make(url.empty() ? nullptr : ZRBURL::URLWithString(url), status, "HTTP/1.1",
-                                  fields.build());
-}
-
 ZRBValue body(std::optional<std::string_view> text) { return text ? ZRBValue::data(*text) : ZRBValue(); }
-
-// The codes down an error's chain, outermost first: "-1011<-1016".
-std::string chain(const ZRBErrorPtr& error) {
-  std::string out;
-  for (ZRBErrorPtr e = error; e; e = e->underlyingError()) {
-    if (!out.empty()) out += "<";
-    out += std::to_string(e->code());
-  }
-  return out.empty() ? "none" : out;
-}
 
 ZRBErrorPtr error(long code, ZRBErrorPtr underlying = nullptr) {
   ZRBValue info = underlying ? ZRBValue::dictionary({{ZRBUnderlyingErrorKey, ZRBValue(underlying)}})
@@ -46,7 +29,7 @@ TEST(ResponseSerializerChaining, AddsTheUnderlyingErrorOnlyWhereThereIsRoom) {
 
   ZRBErrorPtr chained = KVHSErrorWithUnderlyingError(
       ZRBError::make("d", 1, ZRBValue::dictionary({{ZRBLocalizedDescriptionKey, "text"}})), b);
-  EXPECT_EQ(chain(chained), "1<2");
+  EXPECT_EQ(errorChain(chained), "1<2");
   EXPECT_EQ(chained->localizedDescription(), "text") << "the user info is kept";
 
   ZRBErrorPtr deep = error(1, error(2, ZRBError::make("other", 3)));
@@ -89,10 +72,10 @@ TEST(ResponseSerializer, ValidationAndTheGuardFollowTheFailureTable) {
     ZRBErrorPtr baseError, jsonError;
     ZRBValue raw = base->responseObjectForResponse(response, body(c.body), &baseError);
     EXPECT_EQ(raw, body(c.body)) << "the base hands the body back whatever validation says";
-    EXPECT_EQ(chain(baseError), c.baseErrors);
+    EXPECT_EQ(errorChain(baseError), c.baseErrors);
 
     ZRBValue object = json->responseObjectForResponse(response, body(c.body), &jsonError);
-    EXPECT_EQ(chain(jsonError), c.jsonErrors);
+    EXPECT_EQ(errorChain(jsonError), c.jsonErrors);
     if (c.json) {
       EXPECT_EQ(object, ZRBJSONSerialization::JSONObjectWithData(std::string_view(c.json)));
     } else {
@@ -199,26 +182,20 @@ TEST(ResponseSerializer, CopiesAndArchivesKeepTheConfiguration) {
   json->setAcceptableStatusCodes(ZRBIndexSet::indexSetWithIndexesInRange(100, 500));
   json->setStringEncoding(ZRBASCIIStringEncoding);
 
-  auto check = [&](const ZRBHS_HTTPResponseSerializerPtr& other) {
-    auto typed = std::dynamic_pointer_cast<ZRBHS_JSONResponseSerializer>(other);
-    ASSERT_TRUE(typed);
-    EXPECT_NE(typed.get(), json.get());
-    EXPECT_EQ(typed->readingOptions(), ZRBJSONReadingFragmentsAllowed);
-    EXPECT_TRUE(typed->removesKeysWithNullValues());
-    EXPECT_EQ(typed->acceptableStatusCodes(), json->acceptableStatusCodes());
-    EXPECT_EQ(typed->acceptableContentTypes(), json->acceptableContentTypes());
-    EXPECT_EQ(typed->stringEncoding(), ZRBUTF8StringEncoding) << "the encoding is not carried over";
-  };
-  check(json->copy());
-  auto data = ZRBKeyedArchiver::archivedDataWithRootObject(*json, true);
-  ASSERT_TRUE(data);
-  check(ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBHS_JSONResponseSerializer>(*data));
+  for (const auto& again : copiedAndDecoded(*json)) {
+    ASSERT_TRUE(again);
+    EXPECT_NE(again.get(), json.get());
+    EXPECT_EQ(again->readingOptions(), ZRBJSONReadingFragmentsAllowed);
+    EXPECT_TRUE(again->removesKeysWithNullValues());
+    EXPECT_EQ(again->acceptableStatusCodes(), json->acceptableStatusCodes());
+    EXPECT_EQ(again->acceptableContentTypes(), json->acceptableContentTypes());
+    EXPECT_EQ(again->stringEncoding(), ZRBUTF8StringEncoding) << "the encoding is not carried over";
+  }
 
   // Absent sets stay absent through an archive.
   auto base = ZRBHS_HTTPResponseSerializer::serializer();
   base->setAcceptableStatusCodes(std::nullopt);
-  data = ZRBKeyedArchiver::archivedDataWithRootObject(*base, true);
-  auto decoded = ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBHS_HTTPResponseSerializer>(*data);
+  auto decoded = copiedAndDecoded(*base)[1];
   ASSERT_TRUE(decoded);
   EXPECT_FALSE(decoded->acceptableStatusCodes());
   EXPECT_FALSE(decoded->acceptableContentTypes());
