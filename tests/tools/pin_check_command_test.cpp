@@ -2,45 +2,20 @@
 // --resolve, and `orvel get --resolve`: decisions and exit statuses, the printed chain, reports.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
-#include "platform/foundation/crypto.h"
+#include "pinned_site.h"
 #include "platform/foundation/json_serialization.h"
-#include "platform/security/sec_key.h"
-#include "support/test_pki.h"
-#include "support/test_server.h"
+#include "run_command.h"
 
 namespace {
 
-std::string pinOf(const ZRBTestCertificate& certificate) {
-  return ZRBBase64Encode(certificate.secCertificate()->copyKey()->subjectPublicKeyInfoSHA256());
-}
-
-class OrvelPinCheckTest : public ::testing::Test {
+class OrvelPinCheckTest : public PinnedSiteTest {
  protected:
-  void SetUp() override {
-    directory_ = ZRBTestPKI::makeTemporaryDirectory();
-    // The shared chain's CAs with a leaf for a name that has a public suffix, as configurations need.
-    const ZRBTestChain& shared = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
-    chain_.root = shared.root;
-    chain_.intermediate = shared.intermediate;
-    ZRBTestCertificateOptions leaf;
-    leaf.commonName = "api.example.com";
-    leaf.dnsNames = {"api.example.com"};
-    chain_.leaf = ZRBTestPKI::issue(leaf, &chain_.intermediate);
-    server_ = std::make_unique<ZRBTestServer>(ZRBTestServerOptions{.tls = chain_});
-    server_->respond("GET", "/hello", ZRBTestResponse::text(200, "hello"));
-    server_->start();
-    reports_.respondPrefix("POST", "/report", ZRBTestResponse::text(204, ""));
-    reports_.start();
-  }
-  void TearDown() override { std::filesystem::remove_all(directory_); }
-
-  std::string resolve() const { return "api.example.com:" + std::to_string(server_->port()) + ":127.0.0.1"; }
-  std::string target() const { return "api.example.com:" + std::to_string(server_->port()); }
+  std::string resolve() const { return "api.example.com:" + port() + ":127.0.0.1"; }
+  std::string target() const { return "api.example.com:" + port(); }
 
   // A configuration pinning "example.com" and its subdomains; the root is an extra anchor.
   std::string config(const std::string& pins, bool enforce) {
@@ -61,21 +36,11 @@ class OrvelPinCheckTest : public ::testing::Test {
   }
 
   std::string orvel(const std::string& arguments, int& status) {
-    std::string command =
-        "XDG_CACHE_HOME=" + directory_.string() + " " + ORVEL_PROGRAM_PATH + " " + arguments + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string output;
-    char buffer[512];
-    while (size_t n = pipe ? fread(buffer, 1, sizeof buffer, pipe) : 0) output.append(buffer, n);
-    int raw = pipe ? pclose(pipe) : -1;
-    status = raw >= 0 && WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return output;
+    auto run =
+        runCommand("XDG_CACHE_HOME=" + directory_.string() + " " + ORVEL_PROGRAM_PATH + " " + arguments);
+    status = run.status;
+    return run.output;
   }
-
-  std::filesystem::path directory_;
-  ZRBTestChain chain_;
-  std::unique_ptr<ZRBTestServer> server_;
-  ZRBTestServer reports_;
 };
 
 TEST_F(OrvelPinCheckTest, DecisionsAndExitStatuses) {
@@ -94,15 +59,14 @@ TEST_F(OrvelPinCheckTest, DecisionsAndExitStatuses) {
       {config(other, true), target(), 1, "decision: block (1)", "result: no certificate matches a pin (1)"},
       {config(other, false), target(), 0, "decision: allow (0)", "result: no certificate matches a pin (1)"},
       // Pinned under a name the leaf is not issued for: the default validation fails first.
-      {config(other, false), "www.example.com:" + std::to_string(server_->port()), 1, "decision: block (1)",
+      {config(other, false), "www.example.com:" + port(), 1, "decision: block (1)",
        "result: the default validation rejected the chain (2)"},
   };
   for (const auto& c : cases) {
     int status = -1;
-    std::string output =
-        orvel("pin-check " + c.target + " --config " + c.config + " --resolve " + resolve() +
-                  " --resolve www.example.com:" + std::to_string(server_->port()) + ":127.0.0.1",
-              status);
+    std::string output = orvel("pin-check " + c.target + " --config " + c.config + " --resolve " + resolve() +
+                                   " --resolve www.example.com:" + port() + ":127.0.0.1",
+                               status);
     EXPECT_EQ(status, c.status) << output;
     EXPECT_NE(output.find(c.decision + "\n"), std::string::npos) << output;
     EXPECT_NE(output.find(c.result + "\n"), std::string::npos) << output;
@@ -173,9 +137,8 @@ TEST_F(OrvelPinCheckTest, GetResolvesTheHostNameToTheGivenAddress) {
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].header("Host"), target());
   // Under a name the leaf does not carry, the check fails.
-  output = orvel("get -s --cacert " + root.string() +
-                     " --resolve www.example.com:" + std::to_string(server_->port()) +
-                     ":127.0.0.1 https://www.example.com:" + std::to_string(server_->port()) + "/hello",
+  output = orvel("get -s --cacert " + root.string() + " --resolve www.example.com:" + port() +
+                     ":127.0.0.1 https://www.example.com:" + port() + "/hello",
                  status);
   EXPECT_NE(status, 0) << output;
 }

@@ -4,57 +4,22 @@
 // the test PKI, and failure reports go to a loopback collector.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include "pinned_site.h"
 #include "pinning/configuration.h"
-#include "platform/foundation/crypto.h"
 #include "platform/foundation/property_list_serialization.h"
-#include "platform/security/sec_key.h"
+#include "run_command.h"
 #include "support/test_connect_proxy.h"
-#include "support/test_pki.h"
-#include "support/test_server.h"
 
 namespace {
 
-std::string pinOf(const ZRBTestCertificate& certificate) {
-  auto pin = certificate.secCertificate()->copyKey()->subjectPublicKeyInfoSHA256();
-  return ZRBBase64Encode(std::span<const std::uint8_t>(pin));
-}
-
-// The output (standard error included) of `command`; its exit status in `status`.
-std::string run(const std::string& command, int& status) {
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  std::string output;
-  char buffer[256];
-  while (size_t n = pipe ? fread(buffer, 1, sizeof buffer, pipe) : 0) output.append(buffer, n);
-  status = pipe ? WEXITSTATUS(pclose(pipe)) : -1;
-  return output;
-}
-
-class PinningSetUpTest : public ::testing::Test {
+class PinningSetUpTest : public PinnedSiteTest {
  protected:
-  void SetUp() override {
-    directory_ = ZRBTestPKI::makeTemporaryDirectory();
-    const ZRBTestChain& shared = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
-    chain_.root = shared.root;
-    chain_.intermediate = shared.intermediate;
-    ZRBTestCertificateOptions leaf;
-    leaf.commonName = "api.example.com";
-    leaf.dnsNames = {"api.example.com"};
-    chain_.leaf = ZRBTestPKI::issue(leaf, &chain_.intermediate);
-    server_ = std::make_unique<ZRBTestServer>(ZRBTestServerOptions{.tls = chain_});
-    server_->respond("GET", "/hello", ZRBTestResponse::text(200, "hello"));
-    server_->start();
-    collector_.uploadSink("/report", {.keepLimit = 1 << 16});
-    collector_.start();
-  }
-  void TearDown() override { std::filesystem::remove_all(directory_); }
-
-  std::string url() const { return "https://api.example.com:" + std::to_string(server_->port()) + "/hello"; }
+  std::string url() const { return "https://api.example.com:" + port() + "/hello"; }
 
   // An Info.plist whose "PGDConfiguration" pins example.com and its subdomains (the test root an
   // extra anchor, reports to the collector), or holds `broken` instead when it is given.
@@ -66,7 +31,7 @@ class PinningSetUpTest : public ::testing::Test {
         {kZRB_PGDEnforcePinning, ZRBValue(enforce)},
         {kZRB_PGDIncludeSubdomains, ZRBValue(true)},
         {kZRB_PGDAdditionalTrustAnchors, ZRBValue::array({ZRBValue(chain_.rootPEM())})},
-        {kZRB_PGDReportUris, ZRBValue::array({ZRBValue(collector_.url("/report"))})},
+        {kZRB_PGDReportUris, ZRBValue::array({ZRBValue(reports_.url("/report"))})},
         {kZRB_PGDDisableDefaultReportUri, ZRBValue(true)},
     });
     ZRBValue configuration =
@@ -89,11 +54,7 @@ class PinningSetUpTest : public ::testing::Test {
     return "https_proxy=" + proxy_.url() + " XDG_CACHE_HOME=" + directory_.string() + " ";
   }
 
-  ZRBTestChain chain_;
-  std::unique_ptr<ZRBTestServer> server_;
-  ZRBTestServer collector_;
   ZRBTestConnectProxy proxy_;
-  std::filesystem::path directory_;
   int plists_ = 0;
 };
 
@@ -113,15 +74,14 @@ TEST_F(PinningSetUpTest, InfoPlistConfigurationPinsEverySessionAndConnectionOfAP
       {foreign, false, "shared: yes\nsession: ok\nconnection: ok\n", 1},
   };
   for (const auto& c : cases) {
-    collector_.clearRequests();
+    reports_.clearRequests();
     server_->clearRequests();
     std::string plist = infoPlist(c.pins, c.enforce);
-    int status = 0;
-    std::string output = run(
-        environment() + "ORVELKIT_INFO_PLIST=" + plist + " " + PIN_GUARD_PROGRAM_PATH + " " + url(), status);
+    auto [output, status] = runCommand(environment() + "ORVELKIT_INFO_PLIST=" + plist + " " +
+                                       PIN_GUARD_PROGRAM_PATH + " " + url());
     EXPECT_EQ(status, 0);
     EXPECT_EQ(output, c.expected);
-    EXPECT_EQ(collector_.requestCount(), c.reports) << output;
+    EXPECT_EQ(reports_.requestCount(), c.reports) << output;
     EXPECT_EQ(server_->requestCount(), c.expected.find("error") == std::string::npos ? 2u : 0u);
   }
 }
@@ -129,9 +89,8 @@ TEST_F(PinningSetUpTest, InfoPlistConfigurationPinsEverySessionAndConnectionOfAP
 TEST_F(PinningSetUpTest, MalformedInfoPlistConfigurationLeavesTheProgramUnpinnedAndSaysWhy) {
   std::string plist =
       infoPlist({}, true, ZRBValue::dictionary({{kZRB_PGDSwizzleNetworkDelegates, ZRBValue(true)}}));
-  int status = 0;
-  std::string output = run(
-      environment() + "ORVELKIT_INFO_PLIST=" + plist + " " + PIN_GUARD_PROGRAM_PATH + " " + url(), status);
+  auto [output, status] =
+      runCommand(environment() + "ORVELKIT_INFO_PLIST=" + plist + " " + PIN_GUARD_PROGRAM_PATH + " " + url());
   EXPECT_EQ(status, 0);
   EXPECT_NE(output.find("PinGuard configuration invalid: PinGuard was initialized with no pinned domains"),
             std::string::npos)
@@ -159,22 +118,19 @@ TEST_F(PinningSetUpTest, OrvelGetPinsByTheConfigurationAndNamesARefusal) {
       {{foreign}, false, 0, "hello", 1},
   };
   for (const auto& c : cases) {
-    collector_.clearRequests();
+    reports_.clearRequests();
     std::string plist = infoPlist(c.pins, c.enforce);
-    int status = 0;
-    std::string output =
-        run(environment() + ORVEL_PROGRAM_PATH + " get -s --pinning-config " + plist + " " + url(), status);
+    auto [output, status] =
+        runCommand(environment() + ORVEL_PROGRAM_PATH + " get -s --pinning-config " + plist + " " + url());
     EXPECT_EQ(status, c.status) << output;
     EXPECT_TRUE(output.starts_with(c.output)) << output;
     if (c.status) {
       EXPECT_NE(output.find(plist + " configures for example.com"), std::string::npos) << output;
     }
-    EXPECT_EQ(collector_.requestCount(), c.reports) << output;
+    EXPECT_EQ(reports_.requestCount(), c.reports) << output;
   }
-  int status = 0;
-  std::string output = run(std::string(ORVEL_PROGRAM_PATH) + " get --pinning-config " +
-                               (directory_ / "missing").string() + " " + url(),
-                           status);
+  auto [output, status] = runCommand(std::string(ORVEL_PROGRAM_PATH) + " get --pinning-config " +
+                                     (directory_ / "missing").string() + " " + url());
   EXPECT_EQ(status, 2);
   EXPECT_NE(output.find("cannot read it"), std::string::npos) << output;
 }

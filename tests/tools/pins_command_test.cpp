@@ -1,9 +1,7 @@
 // `orvel pins`: the public-key pins of every certificate in PEM or DER files, checked against the
 // openssl program, and the files it cannot read.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -12,20 +10,10 @@
 
 #include "platform/foundation/crypto.h"
 #include "platform/security/sec_certificate.h"
+#include "run_command.h"
 #include "support/test_pki.h"
 
 namespace {
-
-// Output and exit status of a shell command.
-std::pair<std::string, int> run(const std::string& command) {
-  std::string text;
-  std::FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return {text, -1};
-  char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) text.append(buffer, n);
-  int status = pclose(pipe);
-  return {text, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
-}
 
 void writeFile(const std::filesystem::path& path, std::string_view bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
@@ -43,8 +31,9 @@ std::string opensslPin(const ZRBTestCertificate& certificate) {
   auto file = directory.path / "certificate.pem";
   writeFile(file, certificate.pem());
   auto [digest, status] =
-      run("openssl x509 -in '" + file.string() +
-          "' -pubkey -noout | openssl pkey -pubin -outform der | openssl dgst -sha256 -binary");
+      runCommand("openssl x509 -in '" + file.string() +
+                     "' -pubkey -noout | openssl pkey -pubin -outform der | openssl dgst -sha256 -binary",
+                 false);
   EXPECT_EQ(status, 0) << "the openssl program is needed (package openssl)";
   EXPECT_EQ(digest.size(), 32u);
   return ZRBBase64Encode(digest);
@@ -66,7 +55,7 @@ TEST(OrvelPins, PrintsTheOpensslPinsOfEveryCertificate) {
   auto der = ec.leaf.der();
   writeFile(derFile, std::string_view(reinterpret_cast<const char*>(der.data()), der.size()));
 
-  auto [out, status] = run(pinsCommand({files.chain, files.root, derFile}));
+  auto [out, status] = runCommand(pinsCommand({files.chain, files.root, derFile}), false);
   EXPECT_EQ(status, 0);
   std::string expected;
   for (const auto* certificate : {&rsa.leaf, &rsa.intermediate, &rsa.root, &ec.leaf}) {
@@ -86,9 +75,10 @@ TEST(OrvelPins, BadFilesAreNamedAndTheOthersStillPrinted) {
   writeFile(path("truncated.pem"), pem.substr(0, pem.size() - 80));
 
   auto errors = path("stderr.txt");
-  auto [out, status] =
-      run(pinsCommand({path("missing.pem"), path("garbage.der"), path("truncated.pem"), path("good.pem")}) +
-          " 2>'" + errors.string() + "'");
+  auto [out, status] = runCommand(
+      pinsCommand({path("missing.pem"), path("garbage.der"), path("truncated.pem"), path("good.pem")}) +
+          " 2>'" + errors.string() + "'",
+      false);
   EXPECT_NE(status, 0);
   EXPECT_EQ(out, "pin-sha256=\"" + opensslPin(chain.leaf) + "\" localhost\n");
   std::stringstream messages;

@@ -10,18 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "run_command.h"
 #include "support/network_namespace.h"
 
 namespace {
-
-std::string orvel(const std::string& arguments, int& status) {
-  FILE* pipe = popen((std::string(ORVEL_PROGRAM_PATH) + " " + arguments + " 2>&1").c_str(), "r");
-  std::string output;
-  char buffer[256];
-  while (size_t n = pipe ? fread(buffer, 1, sizeof buffer, pipe) : 0) output.append(buffer, n);
-  status = pipe ? pclose(pipe) : -1;
-  return output;
-}
 
 TEST(OrvelReachabilityTest, OneLinePerTargetAndStatusesForScripts) {
   struct Case {
@@ -32,13 +24,12 @@ TEST(OrvelReachabilityTest, OneLinePerTargetAndStatusesForScripts) {
       // Loopback is local in every namespace; neither line needs anything beyond reading routes.
       {"127.0.0.1", "Reachable via WiFi flags=0x00030002 reachable,is-local-address,is-direct\n", 0},
       {"[127.0.0.1] --watch -h", "usage: orvel reachability [HOST|ADDRESS] [--watch]", 0},
-      {"a..b", "Not Reachable flags=0x00000000\n", 1 << 8},  // never looked up
-      {"--later", "usage: orvel reachability", 2 << 8},
-      {"one two", "usage: orvel reachability", 2 << 8},
+      {"a..b", "Not Reachable flags=0x00000000\n", 1},  // never looked up
+      {"--later", "usage: orvel reachability", 2},
+      {"one two", "usage: orvel reachability", 2},
   };
   for (const auto& c : cases) {
-    int status = 0;
-    std::string output = orvel(std::string("reachability ") + c.arguments, status);
+    auto [output, status] = runOrvel(std::string("reachability ") + c.arguments);
     EXPECT_EQ(output.substr(0, std::string(c.output).size()), c.output) << c.arguments;
     EXPECT_EQ(status, c.status) << c.arguments;
   }
@@ -47,9 +38,9 @@ TEST(OrvelReachabilityTest, OneLinePerTargetAndStatusesForScripts) {
 TEST(OrvelReachabilityNamespaceTest, WatchPrintsATimeStampedLinePerReport) {
   if (!ZRBTestInPrivateNetworkNamespace()) return;
   ZRBTestShell("ip link set lo up");
-  int status = 0;
-  EXPECT_EQ(orvel("reachability", status), "Not Reachable flags=0x00000000\n");
-  EXPECT_EQ(status, 1 << 8);
+  auto idle = runOrvel("reachability");
+  EXPECT_EQ(idle.output, "Not Reachable flags=0x00000000\n");
+  EXPECT_EQ(idle.status, 1);
 
   // The first line is the pid to interrupt; timeout passes the interrupt on, and ends the program
   // itself should the test stop early.
