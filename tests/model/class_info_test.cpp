@@ -192,12 +192,8 @@ TEST(ModelClassInfo, OneLookupBuildsTheChainToTheRoot) {
 
 TEST(ModelClassInfo, AClassWithoutMembersHasEmptyMaps) {
   auto info = ZRBMDClassInfo::classInfoWithClass(ZRBMDClassFor<Empty>());
-  ASSERT_TRUE(info->propertyInfos());
-  ASSERT_TRUE(info->ivarInfos());
-  ASSERT_TRUE(info->methodInfos());
-  EXPECT_TRUE(info->propertyInfos()->empty());
-  EXPECT_TRUE(info->ivarInfos()->empty());
-  EXPECT_TRUE(info->methodInfos()->empty());
+  ASSERT_TRUE(info->propertyInfos() && info->ivarInfos() && info->methodInfos());
+  EXPECT_TRUE(info->propertyInfos()->empty() && info->ivarInfos()->empty() && info->methodInfos()->empty());
 }
 
 TEST(ModelClassInfo, SetNeedUpdateRefreshesAfterARunTimeChange) {
