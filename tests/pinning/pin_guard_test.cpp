@@ -21,6 +21,7 @@
 #include "platform/net/url_connection.h"
 #include "platform/runtime/method_replacement.h"
 #include "platform/system/file_manager.h"
+#include "support/recording_connection_delegate.h"
 #include "support/recording_delegate.h"
 #include "support/test_connect_proxy.h"
 #include "support/test_pki.h"
@@ -192,75 +193,32 @@ TEST_F(PinGuardTest, OnlyDelegatesOfOtherLibrariesAreWrapped) {
   bare->invalidateAndCancel();
 }
 
-// A connection delegate that answers challenges in one of the two ways the API offers, or not at
-// all, and records which of its operations ran and how the connection ended.
-class AnsweringConnectionDelegate : public ZRBURLConnectionDelegate {
- public:
-  enum class Handles { Nothing, WillSend, OlderPair };
-  explicit AnsweringConnectionDelegate(Handles handles) : handles_(handles) {}
-
-  bool respondsToOperation(ZRBURLConnectionDelegateOperation operation) const override {
-    using Op = ZRBURLConnectionDelegateOperation;
-    if (operation == Op::ConnectionWillSendRequestForAuthenticationChallenge)
-      return handles_ == Handles::WillSend;
-    if (operation == Op::ConnectionCanAuthenticateAgainstProtectionSpace ||
-        operation == Op::ConnectionDidReceiveAuthenticationChallenge) {
-      return handles_ == Handles::OlderPair;
-    }
-    return ZRBURLConnectionDelegate::respondsToOperation(operation);
-  }
-  void connectionWillSendRequestForAuthenticationChallenge(
-      const ZRBURLConnectionPtr&, const ZRBURLAuthenticationChallengePtr& challenge) override {
-    accept("will send", challenge);
-  }
-  bool connectionCanAuthenticateAgainstProtectionSpace(const ZRBURLConnectionPtr&,
-                                                       const ZRBURLProtectionSpacePtr&) override {
-    notes_ += "can authenticate, ";
-    return true;
-  }
-  void connectionDidReceiveAuthenticationChallenge(
-      const ZRBURLConnectionPtr&, const ZRBURLAuthenticationChallengePtr& challenge) override {
-    accept("did receive", challenge);
-  }
-  void connectionDidFinishLoading(const ZRBURLConnectionPtr&) override { ended_.set_value(nullptr); }
-  void connectionDidFailWithError(const ZRBURLConnectionPtr&, const ZRBErrorPtr& error) override {
-    ended_.set_value(error);
-  }
-
-  // How the connection ended (null: it finished) and the operations that answered challenges.
-  std::pair<long, std::string> wait() {
-    auto ending = ended_.get_future();
-    EXPECT_EQ(ending.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    auto error = ending.get();
-    return {error ? error->code() : 0, notes_};
-  }
-
- private:
-  void accept(const char* by, const ZRBURLAuthenticationChallengePtr& challenge) {
-    notes_ += by;
-    challenge->sender()->useCredential(
-        ZRBURLCredential::credentialForTrust(challenge->protectionSpace()->serverTrust()), challenge);
-  }
-  Handles handles_;
-  std::string notes_;  // written in the handshake, read once the connection has ended
-  std::promise<ZRBErrorPtr> ended_;
-};
-
+// A connection delegate that answers server trust in either of the two ways the API offers keeps
+// that answer; one that answers neither gets default handling, which rejects the test root.
 TEST_F(PinGuardTest, ConnectionProxyForwardsChallengesOfHostsThatAreNotPinned) {
-  using Handles = AnsweringConnectionDelegate::Handles;
   auto pinGuard = ZRB_PinGuard::initWithConfiguration(configurationFor(chain_, "example.org"));
   ZRB_PGDNSURLConnectionDelegateProxy::swizzleNSURLConnectionConstructors(pinGuard);
-  const std::tuple<Handles, long, std::string> cases[] = {
-      {Handles::WillSend, 0, "will send"},
-      {Handles::OlderPair, 0, "can authenticate, did receive"},
-      {Handles::Nothing, ZRBURLErrorServerCertificateUntrusted, ""},
+  auto trust = [](const ZRBURLAuthenticationChallengePtr& c) { ZRBTestAnswerChallenge(c, "trust"); };
+  enum class Handles { WillSend, OlderPair, Nothing };
+  const std::tuple<Handles, long, std::vector<std::string>> cases[] = {
+      {Handles::WillSend, 0, {"challenge trust", "response", "data", "finish"}},
+      {Handles::OlderPair, 0, {"can authenticate", "older challenge trust", "response", "data", "finish"}},
+      {Handles::Nothing, ZRBURLErrorServerCertificateUntrusted, {"fail"}},
   };
-  for (const auto& [handles, code, notes] : cases) {
-    auto delegate = std::make_shared<AnsweringConnectionDelegate>(handles);
+  for (const auto& [handles, code, events] : cases) {
+    auto delegate = std::make_shared<RecordingConnectionDelegate>();
+    delegate->queue = "connection";
+    if (handles == Handles::WillSend) delegate->onWillSend = trust;
+    if (handles == Handles::OlderPair) {
+      delegate->onCanAuthenticate = [] { return true; };
+      delegate->onDidReceive = trust;
+    }
     auto connection = ZRBURLConnection::initWithRequest(request(), delegate, false);
     connection->setDelegateQueue(ZRBDispatchQueue::serial("connection"));
     connection->start();
-    EXPECT_EQ(delegate->wait(), std::make_pair(code, notes));
+    ASSERT_TRUE(delegate->waitForEnd());
+    EXPECT_EQ(delegate->error ? delegate->error->code() : 0, code);
+    EXPECT_EQ(delegate->events(), events);
   }
 }
 
