@@ -269,8 +269,16 @@ TEST_F(OrvelGet, DownloadsSendTheirBodyAndTheUserAgentNamesTheProgram) {
   run = orvelGet({"-X", "PUT", "-d", "x", "-o", answer, server_.url("/sink")});
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_NE(readFile(answer).find("\"bytes\":1"), std::string::npos) << readFile(answer);
+  // What the request layer cannot express goes through the session manager, with the same body.
+  run =
+      orvelGet({"-X", "PROPFIND", "-H", "Accept-Language:", "-d", "a=b", "-o", answer, server_.url("/sink")});
+  EXPECT_EQ(run.status, 0) << run.err;
   auto requests = server_.requests();
-  ASSERT_EQ(requests.size(), 2u);
+  ASSERT_EQ(requests.size(), 3u);
+  EXPECT_EQ(requests[2].method, "PROPFIND");
+  EXPECT_EQ(requests[2].body, "a=b");
+  EXPECT_FALSE(requests[2].header("Accept-Language"));
+  EXPECT_TRUE(requests[0].header("Accept-Language"));
   EXPECT_EQ(requests[0].method, "POST");
   EXPECT_EQ(requests[0].body, "a=b");
   EXPECT_EQ(requests[1].method, "PUT");
@@ -334,6 +342,9 @@ TEST_F(OrvelGet, AWriteThatFailsHalfWayLeavesTheTargetAsItWas) {
 TEST_F(OrvelGet, ErrorPathsSayWhatFailedAndExitWithTheirStatus) {
   server_.respond("GET", "/error", ZRBTestResponse::text(500, "broken"));
   server_.redirectLoop("/loop/a", "/loop/b");
+  server_.respond(
+      "GET", "/stall",
+      ZRBTestResponse{.status = 200, .body = "late", .delayBeforeHeaders = std::chrono::seconds(2)});
   auto output = directory_.path / "out.bin";
   auto noCertificate = directory_.path / "no-certificate.pem";
   writeFile(noCertificate, "-----BEGIN NOTHING-----\n-----END NOTHING-----\n");
@@ -351,6 +362,10 @@ TEST_F(OrvelGet, ErrorPathsSayWhatFailedAndExitWithTheirStatus) {
        "orvel: cannot write " + (directory_.path / "missing" / "out.bin").string() +
            ": No such file or directory\n"},
       {{"-L", server_.url("/loop/a")}, 1, "orvel: too many HTTP redirects (ZRBURLErrorDomain -1007)\n"},
+      {{"--timeout", "0.2", server_.url("/stall")},
+       1,
+       "orvel: timed out talking to 127.0.0.1:" + std::to_string(server_.port()) +
+           " (ZRBURLErrorDomain -1001)\n"},
       {{"-C", "-o", output.string(), server_.url("/error")},
        22,
        "orvel: cannot resume " + output.string() + ": the server answered 500 Internal Server Error\n"},

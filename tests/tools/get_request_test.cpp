@@ -13,25 +13,48 @@
 #include "platform/foundation/json_serialization.h"
 #include "platform/foundation/url.h"
 #include "platform/runtime/stream.h"
+#include "request/network_agent.h"
 #include "support/test_pki.h"
 
 namespace {
 
-OrvelGetRequest build(const std::vector<std::string_view>& words) {
+// What `orvel get WORDS` sends: the URL request the network agent makes for the request object
+// (its task is made, never resumed), or the one built for the session manager.
+struct Sent {
+  ZRBURLRequestPtr request;
+  bool viaManager = false;
+};
+
+ZRBRQ_NetworkAgent& agent() {
+  static const ZRBRQ_NetworkAgentPtr agent = ZRBRQ_NetworkAgent::init();
+  return *agent;
+}
+
+Sent build(const std::vector<std::string_view>& words) {
   std::string error;
   auto options = orvelParseGetArguments(OrvelArguments(words), error);
   EXPECT_TRUE(options) << error;
-  if (!options) return {};
-  auto built = orvelBuildGetRequest(*options, error);
-  EXPECT_TRUE(built) << error;
-  return built.value_or(OrvelGetRequest{});
+  auto request = options ? OrvelGetRequest::make(*options, error) : nullptr;
+  EXPECT_TRUE(request) << error;
+  if (!request) return {};
+  if (request->needsSessionManager()) {
+    Sent sent{request->sessionRequest(agent(), error), true};
+    EXPECT_TRUE(sent.request) << error;
+    return sent;
+  }
+  ZRBErrorPtr taskError;
+  auto task = agent().sessionTaskForRequest(request, &taskError);
+  EXPECT_TRUE(task) << (taskError ? taskError->localizedDescription() : "");
+  return {task ? task->originalRequest() : nullptr, false};
 }
 
 std::string buildError(const std::vector<std::string_view>& words) {
   std::string error;
   auto options = orvelParseGetArguments(OrvelArguments(words), error);
   EXPECT_TRUE(options) << error;
-  EXPECT_FALSE(options && orvelBuildGetRequest(*options, error));
+  if (!options) return error;
+  auto request = OrvelGetRequest::make(*options, error);
+  EXPECT_FALSE(request && request->sessionRequest(agent(), error));
   return error;
 }
 
@@ -51,26 +74,40 @@ std::string readAll(const ZRBInputStreamPtr& stream) {
 }
 
 TEST(OrvelGetRequest, DataFieldsGoIntoTheQueryOrAFormBodyByMethod) {
-  const std::tuple<std::vector<std::string_view>, std::string, std::string, std::string> cases[] = {
-      // A body makes a POST, as with curl; another method keeps it.
-      {{"-d", "b=2", "-d", "a=x y", "http://h/p"}, "POST", "http://h/p", "a=x%20y&b=2"},
-      {{"-XPUT", "-d", "a=1", "http://h/p"}, "PUT", "http://h/p", "a=1"},
-      // GET (with -G) and HEAD put them into the query, after an existing one.
-      {{"-G", "-d", "a=1", "http://h/p?q=0"}, "GET", "http://h/p?q=0&a=1", ""},
-      {{"-XHEAD", "-d", "a=1", "http://h/p"}, "HEAD", "http://h/p?a=1", ""},
-      // -G moves any method's fields into the query.
-      {{"-G", "-XPOST", "-d", "a=1", "http://h/p"}, "POST", "http://h/p?a=1", ""},
-      // A repeated key repeats; a bare key goes without "=".
-      {{"-G", "-d", "t=2", "-d", "t=1", "-d", "flag", "http://h/"}, "GET", "http://h/?flag&t=1&t=2", ""},
+  struct Case {
+    std::vector<std::string_view> words;
+    std::string method, url, formBody;
+    bool viaManager;
   };
-  for (const auto& [words, method, url, formBody] : cases) {
+  const Case cases[] = {
+      // A body makes a POST, as with curl; another method keeps it.
+      {{"-d", "b=2", "-d", "a=x y", "http://h/p"}, "POST", "http://h/p", "a=x%20y&b=2", false},
+      {{"-XPUT", "-d", "a=1", "http://h/p"}, "PUT", "http://h/p", "a=1", false},
+      // GET (with -G) and HEAD put them into the query, after an existing one; DELETE, by the
+      // request layer's rule, into the body.
+      {{"-G", "-d", "a=1", "http://h/p?q=0"}, "GET", "http://h/p?q=0&a=1", "", false},
+      {{"-XHEAD", "-d", "a=1", "http://h/p"}, "HEAD", "http://h/p?a=1", "", false},
+      {{"-XDELETE", "-d", "a=1", "http://h/p"}, "DELETE", "http://h/p", "a=1", false},
+      // -G moves any method's fields into the query, which the session manager's request does.
+      {{"-G", "-XPOST", "-d", "a=1", "http://h/p"}, "POST", "http://h/p?a=1", "", true},
+      {{"-G", "-XDELETE", "-d", "a=1", "http://h/p"}, "DELETE", "http://h/p?a=1", "", true},
+      // So does a method the request layer does not know.
+      {{"-XPROPFIND", "-d", "a=1", "http://h/p"}, "PROPFIND", "http://h/p", "a=1", true},
+      // A repeated key repeats; a bare key goes without "=".
+      {{"-G", "-d", "t=2", "-d", "t=1", "-d", "flag", "http://h/"},
+       "GET",
+       "http://h/?flag&t=1&t=2",
+       "",
+       false},
+  };
+  for (const auto& [words, method, url, formBody, viaManager] : cases) {
+    SCOPED_TRACE(method + " " + url);
     auto built = build(words);
     ASSERT_TRUE(built.request);
-    EXPECT_EQ(built.request->HTTPMethod(), method) << url;
+    EXPECT_EQ(built.viaManager, viaManager);
+    EXPECT_EQ(built.request->HTTPMethod(), method);
     EXPECT_EQ(built.request->URL()->absoluteString(), url);
-    EXPECT_FALSE(built.streamedBody);
-    EXPECT_EQ(built.request->HTTPBody().isAbsent(), formBody.empty()) << url;
-    EXPECT_EQ(body(built.request), formBody) << url;
+    EXPECT_EQ(body(built.request), formBody);
     if (!formBody.empty()) {
       EXPECT_EQ(built.request->valueForHTTPHeaderField("Content-Type"), "application/x-www-form-urlencoded");
     }
@@ -99,6 +136,7 @@ TEST(OrvelGetRequest, UserAndHeaderFieldsOverrideAndRemoveDefaults) {
   auto built = build(
       {"-u", "ann:s3cr:et", "-H", "User-Agent:", "-H", "X-Trace: 1", "-H", "Accept-Language;", "http://h/"});
   ASSERT_TRUE(built.request);
+  EXPECT_TRUE(built.viaManager) << "the request layer cannot remove a field";
   // Only the first colon separates the user from the password.
   EXPECT_EQ(built.request->valueForHTTPHeaderField("Authorization"),
             "Basic " + ZRBBase64Encode("ann:s3cr:et"));
@@ -106,7 +144,10 @@ TEST(OrvelGetRequest, UserAndHeaderFieldsOverrideAndRemoveDefaults) {
   EXPECT_EQ(built.request->valueForHTTPHeaderField("X-Trace"), "1");
   EXPECT_EQ(built.request->valueForHTTPHeaderField("Accept-Language"), "");
 
-  built = build({"-u", "bob", "http://h/"});
+  built = build({"-u", "bob", "-H", "X-Trace:", "-H", "X-Trace: 2", "--timeout", "2.5", "http://h/"});
+  EXPECT_FALSE(built.viaManager) << "a later -H sets the field again";
+  EXPECT_EQ(built.request->valueForHTTPHeaderField("X-Trace"), "2");
+  EXPECT_EQ(built.request->timeoutInterval(), 2.5);
   EXPECT_EQ(built.request->valueForHTTPHeaderField("Authorization"), "Basic " + ZRBBase64Encode("bob:"));
   // Without -H the serializer's defaults are sent.
   EXPECT_TRUE(built.request->valueForHTTPHeaderField("User-Agent"));
@@ -120,7 +161,7 @@ TEST(OrvelGetRequest, FormFieldsAndFilesStreamAsMultipart) {
   auto typed = "raw=@" + file.string() + ";type=application/x-notes";
   auto built = build({"-F", "title=hello", "-F", typed, "http://h/upload"});
   ASSERT_TRUE(built.request);
-  EXPECT_TRUE(built.streamedBody);
+  EXPECT_TRUE(built.viaManager);
   EXPECT_EQ(built.request->HTTPMethod(), "POST");
   auto text = readAll(built.request->HTTPBodyStream());
   EXPECT_NE(text.find("name=\"title\"\r\n\r\nhello\r\n"), std::string::npos) << text;

@@ -1,25 +1,37 @@
-// orvel get [OPTIONS] URL: one request over a URL session, the way curl would make it. See
-// orvelGetUsage() for the options and get_resume.h for how -C picks up an interrupted download.
+// orvel get [OPTIONS] URL: one request through the library's request layer, the way curl would
+// make it. See orvelGetUsage() for the options and get_resume.h for how -C picks up an interrupted
+// download. Which path an option takes:
+//   network agent (a request object, get_request.h): the URL, -X with GET, POST, HEAD, PUT, DELETE
+//     or PATCH, -H, -d (-G with GET or HEAD), --json, -u, --timeout, -o FILE of a GET as the
+//     agent's resumable download, -C, -f (the request's status rule), -k (the agent's staging
+//     switch), --decode (the response serializers over the body the agent hands back);
+//   the agent's session manager (get_transfer.h): -F with its upload progress, another -X method,
+//     -H "Name:" removing a field, -G with a method whose fields the agent would put in the body;
+//     and on either path -L (its redirect hook), --cacert (its challenge hook), the progress bars
+//     (its byte-counter hooks);
+//   the session as the platform makes it: --resolve (the agent's session configuration),
+//     --pinning-config (the shared pin guard's delegate proxy on the agent's session).
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <future>
+#include <filesystem>
 #include <memory>
 
 #include "commands.h"
 #include "get_decode.h"
-#include "get_delegate.h"
 #include "get_options.h"
+#include "get_output.h"
 #include "get_output_target.h"
 #include "get_pinning.h"
 #include "get_request.h"
 #include "get_resume.h"
-#include "platform/foundation/exception.h"
-#include "platform/net/url_session.h"
+#include "get_transfer.h"
+#include "platform/net/url_session_task.h"
+#include "platform/system/file_manager.h"
+#include "request/network_utils.h"
 
 namespace {
 
@@ -68,6 +80,86 @@ std::string hostOf(const std::string& url) {
   return host.value_or(url);
 }
 
+// Everything after the transfer: messages, the head for -i, the body where it goes, the exit status.
+int finish(const OrvelGetOptions& options, const OrvelResumePlan& plan, bool download,
+           OrvelOutputTarget& output, const OrvelTransfer& transfer, const OrvelTransfer::Outcome& outcome,
+           const std::string& pinRefusal) {
+  if (outcome.interrupted) {
+    if (download && orvelSaveResumeData(output.name(), outcome.resumeData)) {
+      complain("interrupted; run again with -C to continue (" + orvelResumeDataPath(output.name()) + ")");
+    } else if (plan.kind == OrvelResumePlan::Range) {
+      complain("interrupted; run again with -C to continue " + output.name());
+    } else if (download) {
+      complain("interrupted; the server gave nothing to resume from");
+    } else {
+      complain("interrupted");
+    }
+    return 130;
+  }
+  const auto& response = outcome.response;
+  auto verdict =
+      response ? orvelJudgeStatus(*response, plan, options.failOnHTTPError) : OrvelStatusVerdict::Take;
+  if (!outcome.error && verdict == OrvelStatusVerdict::AlreadyComplete) {
+    complain(output.name() + " is complete already");
+    orvelDiscardResumeData(output.name());
+    return 0;
+  }
+  if (!outcome.error && verdict == OrvelStatusVerdict::Refuse) {
+    long status = response->statusCode();
+    std::string answer = std::to_string(status) + " " + orvelReasonPhrase(status);
+    complain(plan.kind != OrvelResumePlan::Fresh
+                 ? "cannot resume " + output.name() + ": the server answered " + answer
+                 : "the requested URL returned error: " + answer);
+    return status >= 400 ? 22 : 1;
+  }
+  if (transfer.trustRejected()) {
+    complain("the certificate of " + hostOf(options.url) + " does not chain to a certificate in " +
+             *options.caCertificatePath);
+    return 1;
+  }
+  if (outcome.error && !pinRefusal.empty()) {
+    complain(pinRefusal);
+    return 1;
+  }
+  if (const auto& error = outcome.error) {
+    complain(orvelTransferErrorMessage(*error));
+    if (download &&
+        orvelSaveResumeData(output.name(), error->userInfo()[ZRBURLSessionDownloadTaskResumeData])) {
+      complain("run again with -C to continue (" + orvelResumeDataPath(output.name()) + ")");
+    } else if (plan.kind == OrvelResumePlan::Range) {
+      complain("run again with -C to continue " + output.name());
+    }
+    return 1;
+  }
+
+  if (options.includeHead && response) {
+    // Always standard output: with -o the body goes to the file and the head stays on the terminal.
+    auto head = orvelResponseHead(*response);
+    std::fwrite(head.data(), 1, head.size(), stdout);
+    std::fflush(stdout);
+  }
+  if (options.decode) return orvelPrintDecodedBody(response, outcome.body, stdout, stderr);
+  std::string problem;
+  if (outcome.file) {
+    if (!output.commitDownload(outcome.file->path(), problem)) {
+      complain(problem);
+      return 1;
+    }
+  } else {
+    std::FILE* stream = output.stream();
+    // The server ignored the range: the file starts over.
+    bool restart = plan.kind == OrvelResumePlan::Range && response && response->statusCode() == 200;
+    auto bytes = outcome.body.bytes();
+    if ((restart && ftruncate(fileno(stream), 0) != 0) ||
+        std::fwrite(bytes.data(), 1, bytes.size(), stream) != bytes.size() || !output.commitStream(problem)) {
+      complain(problem.empty() ? "cannot write " + output.name() + ": " + std::strerror(errno) : problem);
+      return 1;
+    }
+  }
+  if (options.outputPath) orvelDiscardResumeData(*options.outputPath);
+  return 0;
+}
+
 }  // namespace
 
 int orvelGetCommand(OrvelArguments arguments) {
@@ -82,11 +174,10 @@ int orvelGetCommand(OrvelArguments arguments) {
   auto options = orvelParseGetArguments(arguments, problem);
   if (!options) return usageError(problem);
 
-  OrvelGetDelegate::Settings settings;
-  settings.includeHead = options->includeHead;
-  settings.failOnHTTPError = options->failOnHTTPError;
+  OrvelTransfer::Settings settings;
   settings.followRedirects = options->followRedirects;
   settings.insecure = options->insecure;
+  settings.resolve = options->resolve;
   // Like curl, no bar when the body itself goes to the same terminal.
   bool bodyOnTerminal = !options->outputPath && isatty(fileno(stdout)) != 0;
   settings.showProgress = !options->silent && isatty(fileno(stderr)) != 0 && !bodyOnTerminal;
@@ -115,164 +206,72 @@ int orvelGetCommand(OrvelArguments arguments) {
     }
   }
 
-  auto built = orvelBuildGetRequest(*options, problem);
-  if (!built) {
+  auto request = OrvelGetRequest::make(*options, problem);
+  if (!request) {
     complain(problem);
     return 2;
   }
-  auto request = built->request;
-
-  // Where the body goes (get_output_target.h): a file to replace is fetched by a download task
-  // whose file is moved into place, unless the body is an upload's answer; everything else streams
-  // into standard output, the device or FIFO named by -o, or, for a Range resume, the file itself.
   OrvelResumePlan plan;
   if (options->resume) plan = orvelPlanResume(*options->outputPath);
+  if (plan.kind == OrvelResumePlan::Range) request->setHeader("Range", orvelRangeHeaderValue(plan.offset));
+  OrvelTransfer transfer(std::move(settings));
+  ZRBURLRequestPtr sessionRequest;
+  if (request->needsSessionManager() &&
+      !(sessionRequest = request->sessionRequest(transfer.agent(), problem))) {
+    complain(problem);
+    return 2;
+  }
+
+  // Where the body goes (get_output_target.h): a file to replace is fetched by a GET as the agent's
+  // resumable download into the temporary directory, then moved into place; everything else arrives
+  // whole and is written to standard output, the device or FIFO named by -o, the staging file or,
+  // for a Range resume, the file itself.
   OrvelOutputTarget output;
   if (!output.prepare(options->outputPath, plan.kind == OrvelResumePlan::Range, problem)) {
     complain(problem);
     return 1;
   }
-  bool download = output.kind() == OrvelOutputTarget::Kind::ReplacedFile && !built->streamedBody;
-  settings.body = output.stream();
-  settings.bodyName = output.name();
-  // --decode collects the body first: it is printed once decoded.
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> decodeBuffer(nullptr, std::fclose);
-  if (options->decode) {
-    decodeBuffer.reset(std::tmpfile());
-    if (!decodeBuffer) {
-      complain(std::string("cannot buffer the body: ") + std::strerror(errno));
-      return 1;
-    }
-    settings.body = decodeBuffer.get();
-    settings.bodyName = "the body buffer";
-  }
+  bool download =
+      output.kind() == OrvelOutputTarget::Kind::ReplacedFile && !sessionRequest && request->method() == "GET";
+  std::string downloadPath;
+  ZRBURLPtr agentResumeData;
   if (download) {
-    settings.moveDownload = [&output](const std::string& location, std::string& failure) {
-      return output.commitDownload(location, failure);
-    };
-  }
-  settings.resuming = plan.kind == OrvelResumePlan::ResumeData;
-  if (plan.kind == OrvelResumePlan::Range) {
-    settings.rangeOffset = plan.offset;
-    request->setValue(orvelRangeHeaderValue(plan.offset), "Range");
-  }
-
-  auto delegate = std::make_shared<OrvelGetDelegate>(std::move(settings));
-  auto configuration = ZRBURLSessionConfiguration::ephemeralSessionConfiguration();
-  configuration->setResolveEntries(options->resolve);
-  auto session =
-      ZRBURLSession::sessionWithConfiguration(configuration, delegate, ZRBDispatchQueue::serial("orvel.get"));
-  ZRBURLSessionTaskPtr task;
-  ZRBURLSessionDownloadTaskPtr downloadTask;
-  if (built->streamedBody) {
-    task = session->uploadTaskWithStreamedRequest(request);
-  } else if (download) {
-    if (plan.kind == OrvelResumePlan::ResumeData) {
-      try {
-        downloadTask = session->downloadTaskWithResumeData(plan.resumeData);
-      } catch (const ZRBException&) {
-        complain("the resume data in " + orvelResumeDataPath(*options->outputPath) +
-                 " cannot be used; downloading from the start");
-        orvelDiscardResumeData(*options->outputPath);
-      }
+    std::string temporary = ZRBFileManager::defaultManager()->temporaryDirectory();
+    downloadPath =
+        (temporary.ends_with('/') ? temporary : temporary + "/") + "orvel-get-" + std::to_string(getpid());
+    request->setResumableDownloadPath(downloadPath);
+    if (plan.kind == OrvelResumePlan::ResumeData &&
+        !ZRBRQ_NetworkUtils::validateResumeData(plan.resumeData)) {
+      complain("the resume data in " + orvelResumeDataPath(*options->outputPath) +
+               " cannot be used; downloading from the start");
+      orvelDiscardResumeData(*options->outputPath);
+      plan = {};
     }
-    if (!downloadTask) downloadTask = session->downloadTaskWithRequest(request);
-    task = downloadTask;
-  } else {
-    task = session->dataTaskWithRequest(request);
-  }
-
-  // Ctrl-C during a download keeps what has arrived as resume data; other transfers just stop (a
-  // Range resume has been writing into the output file, which is its own resume point).
-  // The promise is shared: the resume data may come after this function has stopped waiting.
-  auto resumeDataKept = std::make_shared<std::promise<bool>>();
-  auto resumeDataDone = resumeDataKept->get_future();
-  bool interrupted = false;
-  auto onInterrupt = [&] {
-    interrupted = true;
-    if (!downloadTask) {
-      resumeDataKept->set_value(false);
-      task->cancel();
-      return;
+    // The agent continues from what its "Incomplete" folder holds for the path: what -C continues
+    // from, or nothing. orvel keeps its own copy beside the output, so the agent's goes afterwards.
+    agentResumeData = ZRBRQ_NetworkAgent::incompleteDownloadTempPathForDownloadPath(downloadPath);
+    if (agentResumeData) {
+      const auto& files = ZRBFileManager::defaultManager();
+      files->removeItemAtPath(agentResumeData->path());
+      if (plan.kind == OrvelResumePlan::ResumeData)
+        files->writeData(plan.resumeData.bytes(), agentResumeData->path(), true);
     }
-    downloadTask->cancelByProducingResumeData([resumeDataKept, output = *options->outputPath](ZRBValue data) {
-      resumeDataKept->set_value(orvelSaveResumeData(output, data));
-    });
-  };
+  }
+  request->setAcceptsStatus([&plan, fail = options->failOnHTTPError](const ZRBHTTPURLResponse& response) {
+    return orvelJudgeStatus(response, plan, fail) == OrvelStatusVerdict::Take;
+  });
+
+  OrvelTransfer::Outcome outcome;
   {
     SignalScope signals;
-    task->resume();
-    delegate->waitForCompletion([] { return gInterrupted != 0; }, onInterrupt);
+    outcome = transfer.run(request, sessionRequest, [] { return gInterrupted != 0; });
   }
-  bool keptOnInterrupt = interrupted &&
-                         resumeDataDone.wait_for(std::chrono::seconds(10)) == std::future_status::ready &&
-                         resumeDataDone.get();
-  session->invalidateAndCancel();
+  std::error_code ignored;
+  if (agentResumeData) std::filesystem::remove(agentResumeData->path(), ignored);
   // Also waits for the reports of failed validations, so they are out before the program ends.
   std::string pinRefusal = pinning ? pinning->explainRefusal(hostOf(options->url)) : "";
 
-  if (interrupted) {
-    if (keptOnInterrupt) {
-      complain("interrupted; run again with -C to continue (" + orvelResumeDataPath(*options->outputPath) +
-               ")");
-    } else if (plan.kind == OrvelResumePlan::Range) {
-      complain("interrupted; run again with -C to continue " + *options->outputPath);
-    } else if (downloadTask) {
-      complain("interrupted; the server gave nothing to resume from");
-    } else {
-      complain("interrupted");
-    }
-    return 130;
-  }
-  if (auto failure = delegate->localFailure(); !failure.empty()) {
-    complain(failure);
-    return 1;
-  }
-  if (delegate->alreadyComplete()) {
-    complain(*options->outputPath + " is complete already");
-    orvelDiscardResumeData(*options->outputPath);
-    return 0;
-  }
-  if (delegate->rejectedStatus()) {
-    auto response = delegate->response();
-    long status = response ? response->statusCode() : 0;
-    std::string answer = std::to_string(status) + " " + orvelReasonPhrase(status);
-    complain(plan.kind != OrvelResumePlan::Fresh
-                 ? "cannot resume " + *options->outputPath + ": the server answered " + answer
-                 : "the requested URL returned error: " + answer);
-    return status >= 400 ? 22 : 1;
-  }
-  if (delegate->trustRejected()) {
-    complain("the certificate of " + hostOf(options->url) + " does not chain to a certificate in " +
-             *options->caCertificatePath);
-    return 1;
-  }
-  if (delegate->error() && !pinRefusal.empty()) {
-    complain(pinRefusal);
-    return 1;
-  }
-  if (auto error = delegate->error()) {
-    complain(orvelTransferErrorMessage(*error));
-    const auto& resumeData = error->userInfo()[ZRBURLSessionDownloadTaskResumeData];
-    if (downloadTask && orvelSaveResumeData(*options->outputPath, resumeData)) {
-      complain("run again with -C to continue (" + orvelResumeDataPath(*options->outputPath) + ")");
-    } else if (plan.kind == OrvelResumePlan::Range) {
-      complain("run again with -C to continue " + *options->outputPath);
-    }
-    return 1;
-  }
-  if (decodeBuffer) {
-    std::string bytes;
-    std::rewind(decodeBuffer.get());
-    char chunk[65536];
-    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, decodeBuffer.get())) > 0;)
-      bytes.append(chunk, n);
-    return orvelPrintDecodedBody(delegate->response(), ZRBValue::data(bytes), stdout, stderr);
-  }
-  if (!download && !output.commitStream(problem)) {
-    complain(problem);
-    return 1;
-  }
-  if (options->outputPath) orvelDiscardResumeData(*options->outputPath);
-  return 0;
+  int status = finish(*options, plan, download, output, transfer, outcome, pinRefusal);
+  if (download) std::filesystem::remove(downloadPath, ignored);
+  return status;
 }

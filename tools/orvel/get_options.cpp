@@ -165,6 +165,13 @@ constexpr Option kOptions[] = {
        o.throttlePacketSize = *size;
        return true;
      }},
+    {0, "timeout", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       auto [end, failure] = std::from_chars(v.data(), v.data() + v.size(), o.timeout);
+       if (failure == std::errc() && end == v.data() + v.size() && o.timeout > 0) return true;
+       e = std::string(shown) + " " + quoted(v) + ": not a number of seconds above 0";
+       return false;
+     }},
     {0, "cacert", Option::Required,
      [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
        if (!needsText(v, shown, "a file name", e)) return false;
@@ -409,6 +416,7 @@ const char* orvelGetUsage() {
          "  -f, --fail           fail with exit status 22 on HTTP status 400 or above\n"
          "  -L, --location       follow redirects\n"
          "  -C, --continue-at [-] resume an interrupted download to -o FILE\n"
+         "      --timeout SECONDS give up when nothing arrives for SECONDS (60)\n"
          "      --cacert FILE    trust the PEM certificates in FILE instead of the system's\n"
          "  -k, --insecure       accept any server certificate\n"
          "      --resolve H:P:A  connect to address A for host H and port P (repeatable)\n"
@@ -416,8 +424,7 @@ const char* orvelGetUsage() {
          "                       property list, or an Info.plist's PGDConfiguration)\n"
          "  -s, --silent         no progress bar\n"
          "  -X, --request METHOD use METHOD instead of GET (or POST with a body)\n"
-         "  -d, --data k=v       a form field (repeatable; @FILE reads it); in the query for GET, HEAD, "
-         "DELETE\n"
+         "  -d, --data k=v       a form field (repeatable; @FILE reads it); in the query for GET, HEAD\n"
          "  -G, --get            send -d fields in the query of a GET\n"
          "      --json TEXT      send TEXT (or @FILE), a JSON document, as the body\n"
          "  -F, --form n=v|n=@f  a multipart field or file (repeatable), streamed\n"

@@ -5,9 +5,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "http/json_request_serializer.h"
 #include "http/multipart_form_data.h"
-#include "http/request_serializer.h"
 #include "platform/foundation/json_serialization.h"
 #include "platform/foundation/url.h"
 
@@ -78,81 +76,118 @@ void appendFormFields(ZRBHS_StreamingMultipartFormData& formData, const OrvelGet
   }
 }
 
+// The request layer's name for `method`; nullopt for a method it does not know.
+std::optional<ZRBRQ_RequestMethod> layerMethod(const std::string& method) {
+  static const std::map<std::string, ZRBRQ_RequestMethod, std::less<>> kMethods = {
+      {"GET", ZRBRQ_RequestMethodGET},       {"POST", ZRBRQ_RequestMethodPOST},
+      {"HEAD", ZRBRQ_RequestMethodHEAD},     {"PUT", ZRBRQ_RequestMethodPUT},
+      {"DELETE", ZRBRQ_RequestMethodDELETE}, {"PATCH", ZRBRQ_RequestMethodPATCH}};
+  auto found = kMethods.find(method);
+  if (found == kMethods.end()) return std::nullopt;
+  return found->second;
+}
+
 }  // namespace
 
-std::optional<OrvelGetRequest> orvelBuildGetRequest(const OrvelGetOptions& options, std::string& error) {
+std::shared_ptr<OrvelGetRequest> OrvelGetRequest::make(const OrvelGetOptions& options, std::string& error) {
   auto url = ZRBURL::URLWithString(options.url);
   if (!url || !url->scheme() || !url->host()) {
     error = "'" + options.url + "' is not a URL with a scheme and a host";
-    return std::nullopt;
+    return nullptr;
   }
   if (*url->scheme() != "http" && *url->scheme() != "https") {
     error = "'" + options.url + "': only http and https URLs can be fetched";
-    return std::nullopt;
+    return nullptr;
   }
-  std::string method = orvelRequestMethod(options);
-
-  ZRBValue parameters;
-  ZRBHS_HTTPRequestSerializerPtr serializer;
+  auto request = std::make_shared<OrvelGetRequest>();
+  request->options_ = options;
+  request->method_ = orvelRequestMethod(options);
   if (options.json) {
     ZRBErrorPtr jsonError;
-    parameters = ZRBJSONSerialization::JSONObjectWithData(*options.json, {}, &jsonError);
-    if (parameters.isAbsent()) {
+    request->arguments_ = ZRBJSONSerialization::JSONObjectWithData(*options.json, {}, &jsonError);
+    if (request->arguments_.isAbsent()) {
       error = "--json: " + (jsonError ? jsonError->userInfo()[ZRBDebugDescriptionErrorKey].description()
                                       : std::string("not JSON"));
-      return std::nullopt;
+      return nullptr;
     }
-    serializer = ZRBHS_JSONRequestSerializer::serializer();
-    serializer->setValueForHTTPHeaderField("application/json", "Accept");
-  } else {
-    serializer = ZRBHS_HTTPRequestSerializer::serializer();
-    if (!options.dataFields.empty()) parameters = orvelFormParameters(options.dataFields);
+    request->headers_["Accept"] = "application/json";
+  } else if (!options.dataFields.empty()) {
+    request->arguments_ = orvelFormParameters(options.dataFields);
   }
-  if (options.forceGet) {
+  // In order: a later -H for the same name wins, whether it sets or removes the field.
+  for (const auto& header : options.headers) {
+    if (header.remove) {
+      request->headers_.erase(header.name);
+      request->removedHeaders_.insert(header.name);
+    } else {
+      request->headers_[header.name] = header.value;
+      request->removedHeaders_.erase(header.name);
+    }
+  }
+  return request;
+}
+
+ZRBRQ_RequestMethod OrvelGetRequest::requestMethod() const {
+  // Another method goes through the session manager, which sends method_ itself.
+  return layerMethod(method_).value_or(ZRBRQ_RequestMethodGET);
+}
+
+bool OrvelGetRequest::needsSessionManager() const {
+  bool fieldsInQuery = method_ == "GET" || method_ == "HEAD";
+  return !options_.formFields.empty() || !layerMethod(method_) || !removedHeaders_.empty() ||
+         (options_.forceGet && !fieldsInQuery);
+}
+
+std::optional<std::vector<std::string>> OrvelGetRequest::requestAuthorizationHeaderFieldArray() const {
+  if (!options_.user) return std::nullopt;
+  auto colon = options_.user->find(':');
+  return std::vector<std::string>{options_.user->substr(0, colon),
+                                  colon == std::string::npos ? "" : options_.user->substr(colon + 1)};
+}
+
+bool OrvelGetRequest::statusCodeValidator() const {
+  auto http = response();
+  return !acceptsStatus_ || !http || acceptsStatus_(*http);
+}
+
+ZRBMutableURLRequestPtr OrvelGetRequest::sessionRequest(ZRBRQ_NetworkAgent& agent, std::string& error) {
+  auto serializer = agent.requestSerializerForRequest(self());
+  if (options_.forceGet) {
     auto methods = serializer->HTTPMethodsEncodingParametersInURI();
-    methods.insert(method);
+    methods.insert(method_);
     serializer->setHTTPMethodsEncodingParametersInURI(std::move(methods));
   }
-  if (options.user) {
-    auto colon = options.user->find(':');
-    serializer->setAuthorizationHeaderFieldWithUsername(
-        options.user->substr(0, colon), colon == std::string::npos ? "" : options.user->substr(colon + 1));
-  }
-
-  OrvelGetRequest built;
+  ZRBMutableURLRequestPtr request;
   ZRBErrorPtr serializationError;
   try {
-    if (!options.formFields.empty()) {
-      if (method == "GET" || method == "HEAD") {
-        error = "-F sends a body, which " + method + " cannot carry (use -X POST or leave -X out)";
-        return std::nullopt;
+    if (!options_.formFields.empty()) {
+      if (method_ == "GET" || method_ == "HEAD") {
+        error = "-F sends a body, which " + method_ + " cannot carry (use -X POST or leave -X out)";
+        return nullptr;
       }
       std::string formError;
-      built.request = serializer->multipartFormRequestWithMethod(
-          method, options.url, ZRBValue(),
-          [&](ZRBHS_StreamingMultipartFormData& formData) { appendFormFields(formData, options, formError); },
+      request = serializer->multipartFormRequestWithMethod(
+          method_, options_.url, ZRBValue(),
+          [&](ZRBHS_StreamingMultipartFormData& formData) {
+            appendFormFields(formData, options_, formError);
+          },
           &serializationError);
       if (!formError.empty()) {
         error = formError;
-        return std::nullopt;
+        return nullptr;
       }
-      built.streamedBody = built.request && built.request->HTTPBodyStream() != nullptr;
     } else {
-      built.request = serializer->requestWithMethod(method, options.url, parameters, &serializationError);
+      request = serializer->requestWithMethod(method_, options_.url, arguments_, &serializationError);
     }
   } catch (const std::exception& exception) {
     error = exception.what();
-    return std::nullopt;
+    return nullptr;
   }
-  if (!built.request) {
+  if (!request) {
     error =
         serializationError ? serializationError->localizedDescription() : "the request could not be built";
-    return std::nullopt;
+    return nullptr;
   }
-
-  for (const auto& header : options.headers) {
-    built.request->setValue(header.remove ? std::nullopt : std::optional<std::string>(header.value),
-                            header.name);
-  }
-  return built;
+  for (const auto& name : removedHeaders_) request->setValue(std::nullopt, name);
+  return request;
 }

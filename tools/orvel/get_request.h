@@ -1,27 +1,73 @@
-// The request `orvel get` sends, built with the library's request serializers:
-// - -d fields through the HTTP serializer: escaped for the caller (as curl's --data-urlencode),
-//   into the query for GET, HEAD and DELETE (and any method with -G), else a form body;
+// The request `orvel get` sends, described as a request object of the library's request layer; the
+// network agent builds it with its own serializers:
+// - -d fields through the HTTP serializer, escaped for the caller (as curl's --data-urlencode), into
+//   the query for GET and HEAD, else a form body (the layer's rule sends DELETE's in the body too);
 // - --json through the JSON serializer (Accept: application/json unless -H says otherwise);
-// - -F through the multipart entry point, as a body stream that reads files only while sending;
-// - -u as basic authorization, -H fields last so that they win over the serializer's defaults.
+// - -u as basic authorization, -H fields over the serializer's defaults, --timeout as the
+//   request's timeout.
+// What the request layer cannot express goes as a task of the agent's session manager instead,
+// built by sessionRequest() from the serializer the agent chooses for this request, so both paths
+// send the same fields: -F (a body stream that reads files only while sending, with upload
+// progress), a method other than the layer's six, -H "Name:" removing a default field, and -G for
+// a method whose fields the layer would put into the body.
 #pragma once
 
-#include <optional>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "get_options.h"
 #include "platform/foundation/value.h"
 #include "platform/net/url_request.h"
+#include "request/base_request.h"
+#include "request/network_agent.h"
 
-struct OrvelGetRequest {
-  ZRBMutableURLRequestPtr request;
-  // The body is the request's body stream (-F): send it with uploadTaskWithStreamedRequest.
-  bool streamedBody = false;
+class OrvelGetRequest final : public ZRBRQ_BaseRequest {
+ public:
+  // Null with `error` set when the URL or the JSON text is unusable.
+  static std::shared_ptr<OrvelGetRequest> make(const OrvelGetOptions& options, std::string& error);
+
+  const std::string& method() const { return method_; }
+  bool needsSessionManager() const;
+  // The URL request for the session manager. Null with `error` set when a form file cannot be read
+  // or the method cannot carry the -F body.
+  ZRBMutableURLRequestPtr sessionRequest(ZRBRQ_NetworkAgent& agent, std::string& error);
+
+  // Sent as well, over -H ("Range" for a resume).
+  void setHeader(const std::string& name, const std::string& value) { headers_[name] = value; }
+  // Which status codes the request succeeds with; every one until set.
+  void setAcceptsStatus(std::function<bool(const ZRBHTTPURLResponse&)> accepts) {
+    acceptsStatus_ = std::move(accepts);
+  }
+
+  std::string requestUrl() const override { return options_.url; }
+  double requestTimeoutInterval() const override { return options_.timeout; }
+  ZRBValue requestArgument() const override { return arguments_; }
+  ZRBRQ_RequestMethod requestMethod() const override;
+  ZRBRQ_RequestSerializerType requestSerializerType() const override {
+    return options_.json ? ZRBRQ_RequestSerializerTypeJSON : ZRBRQ_RequestSerializerTypeHTTP;
+  }
+  // The body as it came: --decode and the output decide what it is.
+  ZRBRQ_ResponseSerializerType responseSerializerType() const override {
+    return ZRBRQ_ResponseSerializerTypeHTTP;
+  }
+  std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const override;
+  std::optional<HeaderMap> requestHeaderFieldValueDictionary() const override { return headers_; }
+  bool statusCodeValidator() const override;
+
+  std::string className() const override { return "OrvelGetRequest"; }
+
+ private:
+  OrvelGetOptions options_;
+  std::string method_;
+  ZRBValue arguments_;
+  HeaderMap headers_;
+  std::set<std::string> removedHeaders_;
+  std::function<bool(const ZRBHTTPURLResponse&)> acceptsStatus_;
 };
-
-// Null with `error` set when the URL, the JSON text or a form file is unusable.
-std::optional<OrvelGetRequest> orvelBuildGetRequest(const OrvelGetOptions& options, std::string& error);
 
 // -d fields as serializer parameters: "k=v" a string, "k" alone the null object (written as a bare
 // name), a repeated key a set (written as the key once per value).
