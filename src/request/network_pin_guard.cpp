@@ -22,6 +22,11 @@ std::vector<std::string>& replacedPins() {
   return pins;
 }
 
+ZRBValue& policyAdditions() {
+  static ZRBValue additions;
+  return additions;
+}
+
 ZRBValue stringArray(const std::vector<std::string>& strings) {
   std::vector<ZRBValue> items;
   items.reserve(strings.size());
@@ -29,13 +34,19 @@ ZRBValue stringArray(const std::vector<std::string>& strings) {
   return ZRBValue::array(std::move(items));
 }
 
-ZRBValue domainPolicy(const ZRBValue& pins) {
-  return ZRBValue::dictionary({
-      {kZRB_PGDPublicKeyAlgorithms, ZRBValue::array({ZRBValue(kZRB_PGDAlgorithmRsa2048)})},
-      {kZRB_PGDPublicKeyHashes, pins},
-      {kZRB_PGDEnforcePinning, ZRBValue(true)},
-      {kZRB_PGDIncludeSubdomains, ZRBValue(true)},
-  });
+ZRBValue domainPolicy(const ZRBValue& pins, const ZRBValue& additions) {
+  ZRBDictionaryBuilder policy;
+  if (additions.isDictionary()) {
+    for (const auto& [key, value] : additions.entries()) {
+      if (key.isString()) policy.set(key.stringView(), value);
+    }
+  }
+  // Set last, so that an addition cannot weaken them.
+  policy.set(kZRB_PGDPublicKeyAlgorithms, ZRBValue::array({ZRBValue(kZRB_PGDAlgorithmRsa2048)}));
+  policy.set(kZRB_PGDPublicKeyHashes, pins);
+  policy.set(kZRB_PGDEnforcePinning, ZRBValue(true));
+  policy.set(kZRB_PGDIncludeSubdomains, ZRBValue(true));
+  return policy.build();
 }
 
 }  // namespace
@@ -51,6 +62,16 @@ std::vector<std::string> ZRBNetworkPinGuard::publicKeyHashes() {
 void ZRBNetworkPinGuard::setPublicKeyHashes(std::vector<std::string> hashes) {
   std::lock_guard lock(pinsMutex());
   replacedPins() = std::move(hashes);
+}
+
+ZRBValue ZRBNetworkPinGuard::domainPolicyAdditions() {
+  std::lock_guard lock(pinsMutex());
+  return policyAdditions();
+}
+
+void ZRBNetworkPinGuard::setDomainPolicyAdditions(ZRBValue additions) {
+  std::lock_guard lock(pinsMutex());
+  policyAdditions() = std::move(additions);
 }
 
 ZRB_PinGuardPtr ZRBNetworkPinGuard::trustDomains(const ZRBValue& domains) {
@@ -71,7 +92,7 @@ ZRB_PinGuardPtr ZRBNetworkPinGuard::trustDomains(const std::vector<std::string>&
 }
 
 ZRBValue ZRBNetworkPinGuard::pinGuardConfigurationForDomains(const ZRBValue& domains) {
-  const ZRBValue policy = domainPolicy(stringArray(publicKeyHashes()));
+  const ZRBValue policy = domainPolicy(stringArray(publicKeyHashes()), domainPolicyAdditions());
   std::vector<ZRBDictionaryEntry> pinned;
   for (const ZRBValue& entry : domains.isArray() ? domains.items() : std::span<const ZRBValue>{}) {
     if (!entry.isString() || entry.stringView().empty()) continue;

@@ -14,7 +14,11 @@
 //   pin guard, whose configuration then raises the "no pinned domains" exception.
 //
 // The pins are those of network_pin_guard_pins.h unless replaced by setPublicKeyHashes (a
-// deployment that reads them from elsewhere; tests use keys of their own PKI). Thread-safe.
+// deployment that reads them from elsewhere; tests use keys of their own PKI). A deployment whose
+// servers chain to a private root, or that runs its own report collector, adds policy entries with
+// setDomainPolicyAdditions ("PGDAdditionalTrustAnchors", "PGDReportUris",
+// "PGDDisableDefaultReportUri", ...); the four entries above always keep their values. Both apply
+// to pin guards made afterwards. Thread-safe.
 #pragma once
 
 #include <optional>
@@ -40,4 +44,9 @@ class ZRBNetworkPinGuard {
   // The pins put under every domain; an empty list goes back to the built-in ones.
   static std::vector<std::string> publicKeyHashes();
   static void setPublicKeyHashes(std::vector<std::string> hashes);
+
+  // Entries put into every domain's policy besides the four; keys of those four are ignored. A
+  // value that is no dictionary (the default) adds nothing.
+  static ZRBValue domainPolicyAdditions();
+  static void setDomainPolicyAdditions(ZRBValue additions);
 };

@@ -36,6 +36,7 @@ class NetworkPinGuardTest : public ::testing::Test {
     setting->setIsTrustDomainsProvider(nullptr);
     setting->setIsInternationalProvider(nullptr);
     ZRBNetworkPinGuard::setPublicKeyHashes({});
+    ZRBNetworkPinGuard::setDomainPolicyAdditions(ZRBValue());
     ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
     std::filesystem::remove_all(directory_);
   }
@@ -109,6 +110,20 @@ TEST_F(NetworkPinGuardTest, EachHostGetsTheProgramsPolicyAndLaterEntriesReplaceE
     EXPECT_FALSE(policy->reportUris);
   }
   EXPECT_EQ(hosts, (std::vector<std::string>{"api.orvel.com", "media.orvel.net"}));
+
+  // Additions join every policy but cannot weaken the program's four entries.
+  ZRBNetworkPinGuard::setDomainPolicyAdditions(ZRBValue::dictionary({
+      {"PGDReportUris", ZRBValue::array({ZRBValue("http://127.0.0.1:1/report")})},
+      {"PGDEnforcePinning", ZRBValue(false)},
+      {"PGDPublicKeyHashes", ZRBValue::array({})},
+  }));
+  const auto widened = ZRBNetworkPinGuard::addPinGuardDomains(domains);
+  for (const auto& [host, policy] : widened->configuration()->pinnedDomains) {
+    EXPECT_TRUE(policy->enforcePinning);
+    EXPECT_EQ(policy->publicKeyHashes.size(), 2u);
+    ASSERT_TRUE(policy->reportUris);
+    EXPECT_EQ(policy->reportUris->size(), 1u);
+  }
 
   // Nothing usable: the pin guard is still made, and its configuration refuses.
   try {
