@@ -10,6 +10,7 @@
 #include "platform/foundation/text_encoding.h"
 #include "platform/foundation/url.h"
 #include "platform/net/url_authentication.h"
+#include "platform/runtime/notification_center.h"
 #include "platform/system/file_manager.h"
 #include "request/network_log.h"
 #include "request/network_pin_guard.h"
@@ -44,6 +45,52 @@ std::optional<std::string> decodeBody(const ZRBValue& data, const ZRBRQ_BaseRequ
   const auto bytes = data.bytes();
   return ZRBStringFromBytes(bytes, ZRBRQ_NetworkUtils::stringEncodingWithResponse(request->response()));
 }
+
+// The session layer completes a download whose file could not be moved into place as a success and
+// only posts the move error; a download request must fail instead. Watches one task for that post.
+class DownloadMoveWatch {
+ public:
+  static ZRBErrorPtr errorFromUserInfo(const ZRBValue& userInfo) {
+    // The post carries the user info alone; its system error and path give back the move's record.
+    const auto underlying = userInfo[ZRBUnderlyingErrorKey].objectAs<ZRBError>();
+    const ZRBValue& path = userInfo[ZRBFilePathErrorKey];
+    if (underlying && underlying->domain() == ZRBPOSIXErrorDomain && path.isString())
+      return ZRBFileErrorFromErrno(static_cast<int>(underlying->code()), path.string(), true);
+    return ZRBError::make(ZRBCocoaErrorDomain, ZRBFileWriteUnknownError, userInfo);
+  }
+
+  static void watch(const std::shared_ptr<DownloadMoveWatch>& self, const ZRBURLSessionTaskPtr& task) {
+    std::weak_ptr<DownloadMoveWatch> weak = self;
+    auto observer = ZRBNotificationCenter::defaultCenter()->addObserver(
+        ZRBHS_URLSessionDownloadTaskDidFailToMoveFileNotification, ZRBValue(task), nullptr,
+        [weak](const ZRBNotificationPtr& notification) {
+          if (auto watch = weak.lock()) {
+            std::lock_guard lock(watch->mutex_);
+            watch->error_ = errorFromUserInfo(notification->userInfo());
+          }
+        });
+    std::lock_guard lock(self->mutex_);
+    self->observer_ = std::move(observer);
+  }
+
+  // Called once, from the task's completion: the move error, if there was one.
+  ZRBErrorPtr finish() {
+    ZRBNotificationObserverPtr observer;
+    ZRBErrorPtr error;
+    {
+      std::lock_guard lock(mutex_);
+      observer = std::move(observer_);
+      error = std::move(error_);
+    }
+    if (observer) ZRBNotificationCenter::defaultCenter()->removeObserver(observer);
+    return error;
+  }
+
+ private:
+  std::mutex mutex_;
+  ZRBNotificationObserverPtr observer_;
+  ZRBErrorPtr error_;
+};
 
 }  // namespace
 
@@ -260,7 +307,9 @@ ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::dataTask(std::string_view method,
       block ? serializer->multipartFormRequestWithMethod(method, URLString, parameters, block,
                                                          &serializationError)
             : serializer->requestWithMethod(method, URLString, parameters, &serializationError);
-  if (!urlRequest) {
+  // A serializer may hand back a request without the body it could not encode, error set: that
+  // request is not sent.
+  if (!urlRequest || serializationError) {
     ZRBSetError(error, serializationError);
     return nullptr;
   }
@@ -280,7 +329,7 @@ ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::downloadTask(const std::string& downloa
   ZRBErrorPtr serializationError;
   ZRBURLRequestPtr urlRequest =
       serializer->requestWithMethod("GET", URLString, parameters, &serializationError);
-  if (!urlRequest) {
+  if (!urlRequest || serializationError) {
     ZRBSetError(error, serializationError);
     return nullptr;
   }
@@ -307,18 +356,27 @@ ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::downloadTask(const std::string& downloa
   const ZRBURLPtr destinationURL = ZRBURL::fileURLWithPath(target, false);
   auto destination = [destinationURL](const ZRBURLPtr&, const ZRBURLResponsePtr&) { return destinationURL; };
   auto identifier = std::make_shared<unsigned long>(0);
+  auto moveWatch = std::make_shared<DownloadMoveWatch>();
+  ZRBHS_TaskCompletionHandler completion = [handle = completionFor(identifier), moveWatch](
+                                               ZRBURLResponsePtr response, ZRBValue object,
+                                               ZRBErrorPtr taskError) {
+    ZRBErrorPtr moveError = moveWatch->finish();
+    handle(std::move(response), std::move(object), taskError ? std::move(taskError) : std::move(moveError));
+  };
   ZRBURLSessionDownloadTaskPtr task;
   if (canResume) {
     try {
-      task =
-          manager()->downloadTaskWithResumeData(resumeData, progress, destination, completionFor(identifier));
+      task = manager()->downloadTaskWithResumeData(resumeData, progress, destination, completion);
     } catch (const ZRBException& exception) {
       ZRBNetworkLog("Resume download failed, reason = %@", exception.reason());
     }
   }
-  if (!task)
-    task = manager()->downloadTaskWithRequest(urlRequest, progress, destination, completionFor(identifier));
-  if (task) *identifier = task->taskIdentifier();
+  if (!task) task = manager()->downloadTaskWithRequest(urlRequest, progress, destination, completion);
+  if (task) {
+    *identifier = task->taskIdentifier();
+    // Before the task resumes, so the post cannot be missed.
+    DownloadMoveWatch::watch(moveWatch, task);
+  }
   return task;
 }
 

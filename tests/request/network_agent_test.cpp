@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
@@ -466,18 +467,66 @@ TEST_F(NetworkAgentTest, BadInputEndsInOneFailureOrTheAssertion) {
   EXPECT_EQ(quiet->requestTask(), nullptr);
 }
 
-TEST_F(NetworkAgentTest, DownloadToAnUnwritablePathCallsBackOnce) {
+TEST_F(NetworkAgentTest, DownloadToAnUnwritablePathFails) {
   server_.respond("GET", "/f", ZRBTestResponse::text(200, "payload"));
-  auto request = makeRequest(server_.url("/f"));
-  request->setResumableDownloadPath("/proc/no-such-dir/file");
-  auto recorder = record(request);
-  request->start();
-  recorder->waitFor("success");
+  const auto directory = ZRBTestPKI::makeTemporaryDirectory();
+  std::ofstream(directory / "plain") << "x";
+  // No such folder, and a folder that is a file: the transfer succeeds, the move into place fails.
+  for (const std::string& path :
+       {std::string("/proc/no-such-dir/file"), (directory / "plain" / "file").string()}) {
+    SCOPED_TRACE(path);
+    auto request = makeRequest(server_.url("/f"));
+    request->setResumableDownloadPath(path);
+    auto recorder = record(request);
+    request->start();
+    recorder->waitFor("failure");
+    settle();
+    EXPECT_EQ(recorder->events(),
+              (std::vector<std::string>{"willStart", "willStop", "failed", "failure", "didStop"}));
+    ASSERT_NE(request->error(), nullptr);
+    EXPECT_EQ(request->error()->domain(), ZRBCocoaErrorDomain);
+    EXPECT_EQ(request->error()->code(), ZRBFileNoSuchFileError);
+    EXPECT_EQ(request->error()->userInfo()[ZRBFilePathErrorKey].string(), path);
+    EXPECT_FALSE(request->responseObject());
+    EXPECT_FALSE(std::filesystem::exists(path));
+  }
+  std::filesystem::remove_all(directory);
+}
+
+// Input that no URL request can be made of fails before any traffic: a JSON body that cannot be
+// written through the failure path, a URL that does not parse through the serializer's assertion
+// (and, with assertions off, one failure all the same).
+TEST_F(NetworkAgentTest, UnusableUrlOrArgumentsFailWithoutTraffic) {
+  auto unwritable = makeRequest(server_.url("/j"));
+  unwritable->method = ZRBRQ_RequestMethodPOST;
+  unwritable->requestKind = ZRBRQ_RequestSerializerTypeJSON;
+  unwritable->argument = ZRBValue::dictionary({{"ratio", ZRBValue(std::nan(""))}});
+  auto recorder = record(unwritable);
+  unwritable->start();
+  recorder->waitFor("failure");
   settle();
-  // The transfer itself succeeded; the file could not be placed, and the session reported that in
-  // its file-manager notification. One callback all the same.
-  EXPECT_EQ(recorder->events(), (std::vector<std::string>{"willStart", "willStop", "finished", "success"}));
-  EXPECT_FALSE(std::filesystem::exists("/proc/no-such-dir/file"));
+  EXPECT_EQ(recorder->events(), (std::vector<std::string>{"willStop", "failed", "failure", "didStop"}));
+  ASSERT_NE(unwritable->error(), nullptr);
+  EXPECT_EQ(unwritable->error()->domain(), ZRBCocoaErrorDomain);  // the JSON writer's own error
+
+  auto unparsable = makeRequest("http://[::1/x");
+  try {
+    unparsable->start();
+    ADD_FAILURE() << "no assertion";
+  } catch (const ZRBAssertionFailure& failure) {
+    EXPECT_STREQ(failure.what(), "Invalid parameter not satisfying: url");
+  }
+  ZRBSetAssertionMode(ZRBAssertionMode::LogAndContinue);
+  auto quiet = makeRequest("http://[::1/x");
+  recorder = record(quiet);
+  quiet->start();
+  ZRBSetAssertionMode(ZRBAssertionMode::Throw);
+  recorder->waitFor("failure");
+  settle();
+  const auto events = recorder->events();
+  EXPECT_EQ(std::count(events.begin(), events.end(), "failure"), 1);
+  EXPECT_NE(quiet->error(), nullptr);
+  EXPECT_EQ(server_.requestCount(), 0u);
 }
 
 // Completion, stop, cancelRequest and cancelAllRequests race; a request gets at most one callback,
