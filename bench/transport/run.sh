@@ -4,10 +4,14 @@
 # The "json" cases are the third side: GETs of a 200-byte JSON body through ZRBHS_HTTPSessionManager
 # (JSON response serializer, completion queue) against libcurl parsing each body with the same JSON
 # library; in those rows "ours" is the session manager.
-# The "pinned" cases are HTTPS GETs to a pinned name (bench.example.com, resolved to 127.0.0.1)
-# through the shared pin guard's delegate proxy with a warm hash cache, against the same session
-# program without pinning: in those rows "curl" is the unpinned session. Notes give the handshakes
-# (server-trust decisions) each side needed.
+# The "agent" cases run the json GETs as request objects through the network agent; over HTTPS they
+# go to a pinned name (bench.example.com, resolved to 127.0.0.1) with the agent's own pinning on
+# and a warm hash cache. Their baseline is the json case's, and an "extra CPU" row gives the
+# agent's CPU per request over the session manager's (the json row's "ours") in microseconds.
+# The "pinned" cases are HTTPS GETs to the pinned name through the shared pin guard's delegate
+# proxy with a warm hash cache, against the same session program without pinning: in those rows
+# "curl" is the unpinned session. Notes give the handshakes (server-trust decisions) each side
+# needed.
 #
 #   bench/transport/run.sh [BUILD_DIR]
 #
@@ -71,7 +75,8 @@ trap 'exit 130' INT TERM
 # ---- throw-away PKI: a CA and a server certificate for 127.0.0.1 and localhost ----
 pki="$work/pki"
 mkdir -p "$pki"
-openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 \
+# The CA's key is RSA 2048: the agent's pinning pins keys of that kind (the CA's here).
+openssl req -x509 -newkey rsa:2048 -nodes -days 2 \
   -keyout "$pki/ca.key" -out "$pki/ca.pem" -subj "/CN=orvelkit transport bench CA" \
   -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign,cRLSign" \
   2>/dev/null
@@ -209,6 +214,7 @@ fi
 
 http_url="http://127.0.0.1:$http_port"
 https_url="https://127.0.0.1:$https_port"
+pinned_resolve="bench.example.com:$https_port:127.0.0.1"
 
 # ---- measuring ----
 # value KEY LINE: the number after KEY= in a report line.
@@ -260,7 +266,7 @@ check_download() {
 }
 
 # measure_json ROUNDS ARGS...: as measure, for the json cases: the baseline against the manager.
-# With WITH_AGENT=1 the agent runs too, into agent_lines.
+# With WITH_AGENT=1 the agent runs too, into agent_lines (at AGENT_URL when that is set).
 measure_json() {
   local rounds="$1" side
   shift
@@ -272,7 +278,13 @@ measure_json() {
       case "$side" in
         curl) baseline_lines+=("$(run "$baseline_program" "$@")") ;;
         manager) our_lines+=("$(run "$manager_program" "$@")") ;;
-        agent) if [ "${WITH_AGENT:-0}" = 1 ]; then agent_lines+=("$(run "$agent_program" "$@")"); fi ;;
+        agent)
+          if [ "${WITH_AGENT:-0}" = 1 ]; then
+            # The same arguments but for the URL, which is AGENT_URL when set.
+            agent_lines+=("$(run env "BENCH_RESOLVE=$pinned_resolve" "XDG_CACHE_HOME=$work/cache" \
+              "$agent_program" "$1" "${AGENT_URL:-$2}" "${@:3}")")
+          fi
+          ;;
       esac
     done
   done
@@ -356,7 +368,8 @@ rows=()
 # row CASE METRIC BASELINE OURS KIND TARGET
 #   KIND "higher": ratio = ours/baseline, the target is a minimum ratio;
 #   KIND "lower": ratio = ours/baseline, the target is a maximum ratio;
-#   KIND "limit": no ratio, the target is a maximum for ours.
+#   KIND "limit": no ratio, the target is a maximum for ours;
+#   KIND "extra": no baseline and no ratio, ours is a difference to show.
 row() { rows+=("$1|$2|$3|$4|$5|$6"); }
 
 # Each figure is the best of the rounds (the highest rate, the lowest CPU time), except peak RSS,
@@ -376,7 +389,9 @@ for scheme in http https; do
   same_request "$scheme json" "$base" "${ca[@]}"
   for c in $concurrency; do
     WITH_AGENT=0
-    if [ "$scheme" = http ] && [ -n "$agent_program" ]; then WITH_AGENT=1; fi
+    if [ -n "$agent_program" ]; then WITH_AGENT=1; fi
+    AGENT_URL=""
+    if [ "$scheme" = https ]; then AGENT_URL="https://bench.example.com:$https_port/small.json"; fi
     measure_json "$request_rounds" json-requests "$base/small.json" "$requests" "$c" "${ca[@]}"
     same_protocol "$scheme c=$c json"
     row "$scheme c=$c json" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
@@ -390,14 +405,18 @@ for scheme in http https; do
         "$(best requests_per_s max "${agent_lines[@]}")" higher 0.85
       row "$scheme c=$c agent" "CPU us/request" "$(best cpu_us_per_request min "${baseline_lines[@]}")" \
         "$agent_cpu" lower 1.35
+      extra_cpu=""
       if [ -n "$agent_cpu" ] && [ -n "$manager_cpu" ]; then
-        notes+=("$scheme c=$c: the agent costs $(awk -v a="$agent_cpu" -v m="$manager_cpu" 'BEGIN { printf "%.1f", a - m }') us CPU per request over the session manager")
+        extra_cpu="$(awk -v a="$agent_cpu" -v m="$manager_cpu" 'BEGIN { printf "%.2f", a - m }')"
+      fi
+      row "$scheme c=$c agent" "extra CPU us/req" "" "$extra_cpu" extra ""
+      if [ "$scheme" = https ]; then
+        notes+=("https c=$c agent: handshakes per run $(value handshakes "${agent_lines[0]}")")
       fi
     fi
   done
 done
 
-pinned_resolve="bench.example.com:$https_port:127.0.0.1"
 for c in $concurrency; do
   measure_pinned "$request_rounds" requests "https://bench.example.com:$https_port/small" "$requests" "$c" \
     "$pki/ca.pem"
@@ -428,12 +447,12 @@ echo "transport: $requests requests per case (best of $request_rounds rounds), $
   "(best of $big_rounds), nginx on 127.0.0.1"
 printf '%s\n' "${rows[@]}" | awk -F'|' '
   function shown(v, kind) {
-    if (v == "") return "n/a";
+    if (v == "") return kind == "extra" ? "-" : "n/a";
     if (kind == "limit") return sprintf("%.1f", v / 1024);  # KiB -> MiB
     return sprintf("%.1f", v);
   }
   BEGIN {
-    printf "%-17s %-15s %12s %12s %8s  %-18s %s\n", "case", "metric", "curl", "ours", "ratio", "target", "met"
+    printf "%-17s %-16s %12s %12s %8s  %-18s %s\n", "case", "metric", "curl", "ours", "ratio", "target", "met"
   }
   {
     kind = $5; target = $6; ratio = "-"; met = "-"; goal = "-";
@@ -445,13 +464,15 @@ printf '%s\n' "${rows[@]}" | awk -F'|' '
       if (target != "") met = (kind == "higher" ? (r >= target) : (r <= target)) ? "yes" : "NO";
     }
     if (kind == "limit" && $4 != "") met = ($4 / 1024 < target) ? "yes" : "NO";
-    printf "%-17s %-15s %12s %12s %8s  %-18s %s\n", $1, $2, shown($3, kind), shown($4, kind), ratio, goal, met
+    printf "%-17s %-16s %12s %12s %8s  %-18s %s\n", $1, $2, shown($3, kind), shown($4, kind), ratio, goal, met
   }'
 
 for note in "${notes[@]}"; do echo "note: $note"; done
 
 for r in "${rows[@]}"; do
-  IFS='|' read -r _ _ baseline_value our_value _ _ <<<"$r"
+  IFS='|' read -r _ _ baseline_value our_value kind _ <<<"$r"
+  # An extra-CPU row has no baseline; its value is checked through the two rows it comes from.
+  [ "$kind" = extra ] && continue
   [ -n "$baseline_value" ] || status=1
   [ -z "$our_program" ] || [ -z "$manager_program" ] || [ -n "$our_value" ] || status=1
 done
