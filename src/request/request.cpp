@@ -179,13 +179,15 @@ bool ZRBRQ_Request::loadCacheWithError(ZRBErrorPtr* error) {
     ZRBSetError(error, cacheError(ZRBRequestCacheErrorInvalidCacheTime, "Invalid cache time"));
     return false;
   }
-  if (!loadCacheMetadata()) {
+  // Both files of the entry from one look-up of the directory.
+  const std::string bodyPath = cacheFilePath();
+  if (!loadCacheMetadata(bodyPath + ".metadata")) {
     ZRBSetError(error,
                 cacheError(ZRBRequestCacheErrorInvalidMetadata, "Invalid metadata. Cache may not exist"));
     return false;
   }
   if (!validateCacheWithError(error)) return false;
-  if (!loadCacheData()) {
+  if (!loadCacheData(bodyPath)) {
     ZRBSetError(error, cacheError(ZRBRequestCacheErrorInvalidCacheData, "Invalid cache data"));
     return false;
   }
@@ -199,10 +201,11 @@ bool ZRBRQ_Request::validateCacheWithError(ZRBErrorPtr* error) {
                 cacheError(ZRBRequestCacheErrorInvalidMetadata, "Invalid metadata. Cache may not exist"));
     return false;
   }
-  // A record without a creation date could otherwise never expire.
+  // Written so that a record without a creation date, or with one that is not a number, counts as
+  // expired rather than as never expiring.
   const auto created = metadata->creationDate();
   const double age = created ? ZRBDate::now().secondsSince1970 - created->secondsSince1970 : -1;
-  if (age < 0 || age > static_cast<double>(cacheTimeInSeconds())) {
+  if (!(age >= 0 && age <= static_cast<double>(cacheTimeInSeconds()))) {
     ZRBSetError(error, cacheError(ZRBRequestCacheErrorExpired, "Cache expired"));
     return false;
   }
@@ -225,8 +228,9 @@ bool ZRBRQ_Request::validateCacheWithError(ZRBErrorPtr* error) {
   return true;
 }
 
-bool ZRBRQ_Request::loadCacheMetadata() {
-  const std::string path = cacheMetadataFilePath();
+bool ZRBRQ_Request::loadCacheMetadata() { return loadCacheMetadata(cacheMetadataFilePath()); }
+
+bool ZRBRQ_Request::loadCacheMetadata(const std::string& path) {
   const auto& fileManager = ZRBFileManager::defaultManager();
   ZRBErrorPtr error;
   ZRBRQ_CacheMetadataPtr metadata;
@@ -245,8 +249,10 @@ bool ZRBRQ_Request::loadCacheMetadata() {
   return true;
 }
 
-bool ZRBRQ_Request::loadCacheData() {
-  auto bytes = ZRBFileManager::defaultManager()->contentsAtPath(cacheFilePath());
+bool ZRBRQ_Request::loadCacheData() { return loadCacheData(cacheFilePath()); }
+
+bool ZRBRQ_Request::loadCacheData(const std::string& path) {
+  auto bytes = ZRBFileManager::defaultManager()->contentsAtPath(path);
   if (!bytes) return false;
   const ZRBValue data = ZRBValue::data(std::move(*bytes));
   const ZRBRQ_CacheMetadataPtr metadata = cacheMetadata();
@@ -283,7 +289,7 @@ void ZRBRQ_Request::saveResponseDataToCacheFile(const ZRBValue& data) {
   try {
     const auto& fileManager = ZRBFileManager::defaultManager();
     const std::string bodyPath = cacheFilePath();
-    const std::string metadataPath = cacheMetadataFilePath();
+    const std::string metadataPath = bodyPath + ".metadata";
     ZRBErrorPtr error;
     // The old record goes first: until the new one is in place the entry is a miss, so no
     // interruption can leave a new body under the old record (or the reverse).
@@ -319,9 +325,7 @@ std::string ZRBRQ_Request::cacheFileName() {
 
 std::string ZRBRQ_Request::cacheFilePath() { return appendPathComponent(cacheBasePath(), cacheFileName()); }
 
-std::string ZRBRQ_Request::cacheMetadataFilePath() {
-  return appendPathComponent(cacheBasePath(), cacheFileName() + ".metadata");
-}
+std::string ZRBRQ_Request::cacheMetadataFilePath() { return cacheFilePath() + ".metadata"; }
 
 std::string ZRBRQ_Request::cacheBasePath() {
   std::string path =

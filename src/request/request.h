@@ -32,7 +32,7 @@
 //   -5 "Invalid cache time"                      cacheTimeInSeconds() < 0
 //   -6 "Invalid metadata. Cache may not exist"   no metadata file, or not an archive of the record
 //   -1 "Cache expired"                           age negative or above the cache time (a missing
-//                                                creation date counts as expired)
+//                                                or non-numeric creation date counts as expired)
 //   -2 "Cache version mismatch"                  (a missing version matches no cacheVersion)
 //   -3 "Cache sensitive data mismatch"
 //   -4 "App version mismatch"
@@ -144,6 +144,9 @@ class ZRBRQ_Request : public ZRBRQ_BaseRequest {
   bool validateCacheWithError(ZRBErrorPtr* error);
   bool loadCacheMetadata();
   bool loadCacheData();
+  // The same steps on paths already computed.
+  bool loadCacheMetadata(const std::string& path);
+  bool loadCacheData(const std::string& path);
   void createDirectoryIfNeeded(const std::string& path);
   void createBaseDirectoryAtPath(const std::string& path);
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -270,7 +271,7 @@ TEST_F(RequestCacheTest, EntryFromAMovedClockOrWithoutDatesIsExpired) {
   rewrite(ZRBDate{now - 60});
   EXPECT_EQ(cacheErrorCode(request), 0);
   for (auto date : {std::optional<ZRBDate>(ZRBDate{now - 7200}), std::optional<ZRBDate>(ZRBDate{now + 600}),
-                    std::optional<ZRBDate>()}) {
+                    std::optional<ZRBDate>(ZRBDate{std::nan("")}), std::optional<ZRBDate>()}) {
     rewrite(date);
     EXPECT_EQ(cacheErrorCode(request), ZRBRequestCacheErrorExpired);
   }
