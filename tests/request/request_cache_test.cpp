@@ -221,6 +221,31 @@ TEST_F(RequestCacheTest, HitAnswersOnTheMainQueueWithoutAccessoriesOrNetwork) {
   }
 }
 
+TEST_F(RequestCacheTest, HitDecodesWithTheStoredEncodingAndTheRequestsSerializerKind) {
+  ZRBTestResponse latin1 = ZRBTestResponse::text(200, "<p>caf\xe9</p>", "text/xml; charset=iso-8859-1");
+  server_.respond("GET", "/latin1", latin1);
+  for (auto kind : {ZRBRQ_ResponseSerializerTypeHTTP, ZRBRQ_ResponseSerializerTypeXMLParser}) {
+    SCOPED_TRACE(kind);
+    fs::remove_all(library_ / "RequestCache");
+    std::shared_ptr<CachedRequest> hit;
+    for (int i = 0; i < 2; ++i) {
+      hit = makeRequest();
+      hit->url = server_.url("/latin1");
+      hit->responseKind = kind;
+      EXPECT_EQ(run(hit)->events.back(), "success")
+          << (hit->error() ? hit->error()->description() : "no error");
+    }
+    ASSERT_TRUE(hit->isDataFromCache());
+    EXPECT_EQ(hit->responseString(), "<p>caf\u00e9</p>");
+    EXPECT_FALSE(hit->responseJSONObject());
+    if (kind == ZRBRQ_ResponseSerializerTypeXMLParser) {
+      EXPECT_TRUE(hit->responseObject().objectAs<ZRBXMLParser>());
+    } else {
+      EXPECT_EQ(hit->responseObject(), hit->responseData());
+    }
+  }
+}
+
 TEST_F(RequestCacheTest, ChangedConditionsInvalidateTheEntryAndGoToTheNetwork) {
   struct Case {
     const char* name;
