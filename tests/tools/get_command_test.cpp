@@ -246,6 +246,41 @@ TEST_F(OrvelGet, FollowsRedirectsOnlyWithL) {
   EXPECT_EQ(orvelGet({"-L", server_.url("/old")}).out, "new place");
 }
 
+// --cache answers a repeated request from the request cache (in a data directory of the test's own)
+// while the same header fields go with it, and says so on standard error.
+TEST_F(OrvelGet, CacheAnswersRepeatsWithTheSameFields) {
+  server_.respond("GET", "/doc", ZRBTestResponse::text(200, "cached words"));
+  auto cached = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {ORVEL_PROGRAM_PATH, "get", "--cache", "60"});
+    words.push_back(server_.url("/doc"));
+    return runProgram(words, false, {}, [&] { setenv("XDG_DATA_HOME", directory_.path.c_str(), 1); });
+  };
+  const std::string hit = "orvel: answered from the request cache (";
+  struct Case {
+    std::vector<std::string> words;
+    bool fromCache;
+  };
+  const Case cases[] = {
+      {{}, false},
+      {{}, true},
+      {{"-o", (directory_.path / "doc.txt").string()}, true},
+      {{"-H", "X-Trace: 1"}, false},  // other fields, another answer
+      {{"-H", "X-Trace: 1"}, true},
+  };
+  std::size_t served = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.words));
+    auto run = cached(c.words);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err.starts_with(hit), c.fromCache) << run.err;
+    EXPECT_EQ(server_.requestCount(), served += c.fromCache ? 0 : 1);
+  }
+  EXPECT_EQ(readFile(directory_.path / "doc.txt"), "cached words");
+  EXPECT_EQ(cached({}).out, "cached words");
+  EXPECT_EQ(cached({"-F", "a=b"}).status, 2);
+  EXPECT_EQ(cached({"-X", "PROPFIND"}).status, 2);
+}
+
 // Progress bars need a terminal on standard error and a long transfer; -s keeps the terminal quiet.
 TEST_F(OrvelGet, DrawsProgressBarsForLongTransfersOnATerminal) {
   auto file = directory_.path / "upload.bin";

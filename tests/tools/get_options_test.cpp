@@ -36,6 +36,8 @@ TEST(OrvelGetOptions, EveryOptionSpellingReachesItsField) {
        [](auto& o) {
          return o.dataFields == std::vector<std::string>{"a=1", "b=2"};
        }},
+      {{"--timeout", "2.5", "--cache=90", "http://h/"},
+       [](auto& o) { return o.timeout == 2.5 && o.cacheSeconds == 90; }},
       // After "--" a word starting with "-" is the URL.
       {{"--", "-not-an-option"}, [](auto& o) { return o.url == "-not-an-option"; }},
   };
@@ -117,6 +119,10 @@ TEST(OrvelGetOptions, MissingAndMalformedValuesNameTheirOption) {
       {{"-F", "a=b", "--throttle", "-1", "http://h/"}, "--throttle '-1': not a packet size"},
       {{"-F", "a=b", "--throttle=0", "http://h/"}, "--throttle '0': not a packet size"},
       {{"-C", "100", "-o", "f", "http://h/"}, "-C '100': only \"-C -\""},
+      {{"--timeout", "0", "http://h/"}, "--timeout '0': not a number of seconds above 0"},
+      {{"--timeout", "1s", "http://h/"}, "--timeout '1s': not a number"},
+      {{"--cache", "-5", "http://h/"}, "--cache '-5': not a whole number of seconds"},
+      {{"--cache", "60", "-C", "-o", "f", "http://h/"}, "--cache keeps whole answers"},
   };
   for (const auto& testCase : cases) {
     SCOPED_TRACE(testing::PrintToString(testCase.words));

@@ -4,7 +4,8 @@
 //   network agent (a request object, get_request.h): the URL, -X with GET, POST, HEAD, PUT, DELETE
 //     or PATCH, -H, -d (-G with GET or HEAD), --json, -u, --timeout, -o FILE of a GET as the
 //     agent's resumable download, -C, -f (the request's status rule), -k (the agent's staging
-//     switch), --decode (the response serializers over the body the agent hands back);
+//     switch), --decode (the response serializers over the body the agent hands back), --cache (the
+//     request's response cache, which answers without the agent while its entry is valid);
 //   the agent's session manager (get_transfer.h): -F with its upload progress, another -X method,
 //     -H "Name:" removing a field, -G with a method whose fields the agent would put in the body;
 //     and on either path -L (its redirect hook), --cacert (its challenge hook), the progress bars
@@ -81,9 +82,9 @@ std::string hostOf(const std::string& url) {
 }
 
 // Everything after the transfer: messages, the head for -i, the body where it goes, the exit status.
-int finish(const OrvelGetOptions& options, const OrvelResumePlan& plan, bool download,
-           OrvelOutputTarget& output, const OrvelTransfer& transfer, const OrvelTransfer::Outcome& outcome,
-           const std::string& pinRefusal) {
+int finish(OrvelGetRequest& request, const OrvelGetOptions& options, const OrvelResumePlan& plan,
+           bool download, OrvelOutputTarget& output, const OrvelTransfer& transfer,
+           const OrvelTransfer::Outcome& outcome, const std::string& pinRefusal) {
   if (outcome.interrupted) {
     if (download && orvelSaveResumeData(output.name(), outcome.resumeData)) {
       complain("interrupted; run again with -C to continue (" + orvelResumeDataPath(output.name()) + ")");
@@ -96,6 +97,7 @@ int finish(const OrvelGetOptions& options, const OrvelResumePlan& plan, bool dow
     }
     return 130;
   }
+  if (outcome.fromCache) complain("answered from the request cache (" + request.cacheFilePath() + ")");
   const auto& response = outcome.response;
   auto verdict =
       response ? orvelJudgeStatus(*response, plan, options.failOnHTTPError) : OrvelStatusVerdict::Take;
@@ -216,6 +218,12 @@ int orvelGetCommand(OrvelArguments arguments) {
   if (plan.kind == OrvelResumePlan::Range) request->setHeader("Range", orvelRangeHeaderValue(plan.offset));
   OrvelTransfer transfer(std::move(settings));
   ZRBURLRequestPtr sessionRequest;
+  if (options->cacheSeconds && request->needsSessionManager()) {
+    complain(
+        "--cache: this request goes through the session manager, which keeps no cache (another method, "
+        "-H 'Name:', or -G with a method that sends a body)");
+    return 2;
+  }
   if (request->needsSessionManager() &&
       !(sessionRequest = request->sessionRequest(transfer.agent(), problem))) {
     complain(problem);
@@ -231,8 +239,8 @@ int orvelGetCommand(OrvelArguments arguments) {
     complain(problem);
     return 1;
   }
-  bool download =
-      output.kind() == OrvelOutputTarget::Kind::ReplacedFile && !sessionRequest && request->method() == "GET";
+  bool download = output.kind() == OrvelOutputTarget::Kind::ReplacedFile && !sessionRequest &&
+                  request->method() == "GET" && !options->cacheSeconds;
   std::string downloadPath;
   ZRBURLPtr agentResumeData;
   if (download) {
@@ -271,7 +279,7 @@ int orvelGetCommand(OrvelArguments arguments) {
   // Also waits for the reports of failed validations, so they are out before the program ends.
   std::string pinRefusal = pinning ? pinning->explainRefusal(hostOf(options->url)) : "";
 
-  int status = finish(*options, plan, download, output, transfer, outcome, pinRefusal);
+  int status = finish(*request, *options, plan, download, output, transfer, outcome, pinRefusal);
   if (download) std::filesystem::remove(downloadPath, ignored);
   return status;
 }

@@ -172,6 +172,16 @@ constexpr Option kOptions[] = {
        e = std::string(shown) + " " + quoted(v) + ": not a number of seconds above 0";
        return false;
      }},
+    {0, "cache", Option::Required,
+     [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
+       auto seconds = parseByteCount(v);
+       if (!seconds || *seconds > 100000000) {
+         e = std::string(shown) + " " + quoted(v) + ": not a whole number of seconds above 0";
+         return false;
+       }
+       o.cacheSeconds = static_cast<long>(*seconds);
+       return true;
+     }},
     {0, "cacert", Option::Required,
      [](OrvelGetOptions& o, std::string_view v, std::string_view shown, std::string& e) {
        if (!needsText(v, shown, "a file name", e)) return false;
@@ -394,6 +404,10 @@ std::optional<OrvelGetOptions> orvelParseGetArguments(OrvelArguments arguments, 
     error = "-C resumes downloads only; it does not go with -d, --json or -F";
     return std::nullopt;
   }
+  if (options.cacheSeconds && (options.resume || !options.formFields.empty())) {
+    error = "--cache keeps whole answers to requests without a streamed body; it does not go with -C or -F";
+    return std::nullopt;
+  }
   if (options.decode && options.outputPath) {
     error = "--decode prints the decoded body; it does not go with -o";
     return std::nullopt;
@@ -417,6 +431,7 @@ const char* orvelGetUsage() {
          "  -L, --location       follow redirects\n"
          "  -C, --continue-at [-] resume an interrupted download to -o FILE\n"
          "      --timeout SECONDS give up when nothing arrives for SECONDS (60)\n"
+         "      --cache SECONDS  answer from the request cache while its entry is younger (and fill it)\n"
          "      --cacert FILE    trust the PEM certificates in FILE instead of the system's\n"
          "  -k, --insecure       accept any server certificate\n"
          "      --resolve H:P:A  connect to address A for host H and port P (repeatable)\n"

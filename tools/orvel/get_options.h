@@ -24,6 +24,7 @@ struct OrvelGetOptions {
   bool decode = false;                           // --decode: print the body as the serializers decode it
   std::uint64_t throttlePacketSize = 16384;      // N: bytes per packet
   double timeout = 60;                           // --timeout: seconds without progress before giving up
+  std::optional<long> cacheSeconds;              // --cache: answers stay in the request cache this long
   std::optional<std::string> caCertificatePath;  // --cacert: PEM anchors replacing the system's
   std::optional<std::string> pinningConfigPath;  // --pinning-config: pin by this configuration
   std::optional<std::string> method;             // -X

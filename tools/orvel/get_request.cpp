@@ -145,6 +145,12 @@ std::optional<std::vector<std::string>> OrvelGetRequest::requestAuthorizationHea
                                   colon == std::string::npos ? "" : options_.user->substr(colon + 1)};
 }
 
+ZRBValue OrvelGetRequest::cacheSensitiveData() const {
+  std::string fields = options_.user.value_or("");
+  for (const auto& [name, value] : headers_) fields += "\n" + name + ": " + value;
+  return ZRBValue(fields);
+}
+
 bool OrvelGetRequest::statusCodeValidator() const {
   auto http = response();
   return !acceptsStatus_ || !http || acceptsStatus_(*http);

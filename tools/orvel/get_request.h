@@ -22,10 +22,13 @@
 #include "get_options.h"
 #include "platform/foundation/value.h"
 #include "platform/net/url_request.h"
-#include "request/base_request.h"
 #include "request/network_agent.h"
+#include "request/request.h"
 
-class OrvelGetRequest final : public ZRBRQ_BaseRequest {
+// --cache: the request layer's response cache keeps the body of a successful answer for the given
+// time, under the method, URL and arguments, for the same header fields and user; a GET to -o FILE
+// then arrives as data rather than as a download, which the cache does not keep.
+class OrvelGetRequest final : public ZRBRQ_Request {
  public:
   // Null with `error` set when the URL or the JSON text is unusable.
   static std::shared_ptr<OrvelGetRequest> make(const OrvelGetOptions& options, std::string& error);
@@ -57,6 +60,10 @@ class OrvelGetRequest final : public ZRBRQ_BaseRequest {
   std::optional<std::vector<std::string>> requestAuthorizationHeaderFieldArray() const override;
   std::optional<HeaderMap> requestHeaderFieldValueDictionary() const override { return headers_; }
   bool statusCodeValidator() const override;
+  long cacheTimeInSeconds() const override { return options_.cacheSeconds.value_or(-1); }
+  ZRBValue cacheSensitiveData() const override;
+  // Written before the answer is handed over, so that the program never ends before its entry is in.
+  bool writeCacheAsynchronously() const override { return false; }
 
   std::string className() const override { return "OrvelGetRequest"; }
 

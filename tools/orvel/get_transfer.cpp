@@ -129,6 +129,11 @@ OrvelTransfer::Outcome OrvelTransfer::run(const std::shared_ptr<OrvelGetRequest>
       return failed;
     }
     task->resume();
+  } else if (request->cacheTimeInSeconds() > 0 && request->loadCacheWithError()) {
+    Outcome hit;
+    hit.body = request->responseData();
+    hit.fromCache = true;
+    return hit;
   } else {
     auto completion = [ended](const ZRBRQ_BaseRequestPtr& finished) {
       // A failed download's file is gone already; its bytes are the body.

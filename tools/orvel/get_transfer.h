@@ -35,6 +35,7 @@ class OrvelTransfer {
     ZRBErrorPtr error;  // null when only the status was refused
     bool interrupted = false;
     ZRBValue resumeData;  // what an interrupted download left to continue from
+    bool fromCache = false;
   };
 
   explicit OrvelTransfer(Settings settings);
@@ -47,8 +48,10 @@ class OrvelTransfer {
   bool trustRejected() const;
 
   // Sends `request` through the agent, or `sessionRequest` when there is one through the session
-  // manager, and waits until it has ended. `interrupted` is asked every 100 ms; the first time it
-  // answers true the transfer is cancelled (a download producing resume data) and the wait goes on.
+  // manager, and waits until it has ended. A request with a cache time is answered from the
+  // request cache when that holds a valid entry (the body only: no response). `interrupted` is asked every
+  // 100 ms; the first time it answers true the transfer is cancelled (a download producing resume data) and
+  // the wait goes on.
   Outcome run(const std::shared_ptr<OrvelGetRequest>& request, const ZRBURLRequestPtr& sessionRequest,
               const std::function<bool()>& interrupted);
 
