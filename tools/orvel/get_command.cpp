@@ -244,9 +244,8 @@ int orvelGetCommand(OrvelArguments arguments) {
   std::string downloadPath;
   ZRBURLPtr agentResumeData;
   if (download) {
-    std::string temporary = ZRBFileManager::defaultManager()->temporaryDirectory();
     downloadPath =
-        (temporary.ends_with('/') ? temporary : temporary + "/") + "orvel-get-" + std::to_string(getpid());
+        ZRBFileManager::defaultManager()->temporaryDirectory() + "/orvel-get-" + std::to_string(getpid());
     request->setResumableDownloadPath(downloadPath);
     if (plan.kind == OrvelResumePlan::ResumeData &&
         !ZRBRQ_NetworkUtils::validateResumeData(plan.resumeData)) {

@@ -96,10 +96,6 @@ OrvelTransfer::OrvelTransfer(Settings settings) : state_(std::make_shared<State>
                                                    std::int64_t done, std::int64_t total) {
     if (auto state = weak.lock()) state->draw(state->downloadBar, done, total);
   });
-  manager->setDownloadTaskDidResumeBlock([weak](const ZRBURLSessionPtr&, const ZRBURLSessionDownloadTaskPtr&,
-                                                std::int64_t offset, std::int64_t total) {
-    if (auto state = weak.lock()) state->draw(state->downloadBar, offset, total);
-  });
 }
 
 OrvelTransfer::~OrvelTransfer() { agent_->manager()->invalidateSessionCancelingTasks(true); }
