@@ -98,7 +98,6 @@ void ZRBTestConnectProxy::serve(int client) {
     ::send(client, "HTTP/1.1 502 Bad Gateway\r\n\r\n", 28, MSG_NOSIGNAL);
     return;
   }
-  ++tunnels_;
   const char established[] = "HTTP/1.1 200 Connection established\r\n\r\n";
   ::send(client, established, sizeof established - 1, MSG_NOSIGNAL);
   std::thread back([client, server] { relay(server, client); });

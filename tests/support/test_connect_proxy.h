@@ -23,8 +23,6 @@ class ZRBTestConnectProxy {
 
   std::uint16_t port() const { return port_; }
   std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
-  // Tunnels opened so far.
-  int tunnelCount() const { return tunnels_.load(); }
   void stop();
 
  private:
@@ -33,7 +31,6 @@ class ZRBTestConnectProxy {
   int listener_ = -1;
   std::uint16_t port_ = 0;
   std::atomic<bool> stopping_{false};
-  std::atomic<int> tunnels_{0};
   std::thread acceptor_;
   std::mutex mutex_;
   std::vector<int> sockets_;

@@ -41,6 +41,9 @@ namespace {
 
 constexpr auto kNoThrow = asio::as_tuple(asio::use_awaitable);
 constexpr std::size_t kWriteSlice = 64 * 1024;
+constexpr int kThreads = 2;
+constexpr std::uint32_t kHeaderLimit = 64 * 1024;
+constexpr std::uint64_t kEndlessHeaderCap = 64ull << 20;
 // Bounds on waiting for a peer during a graceful close; the peer normally answers at once.
 constexpr auto kCloseGrace = std::chrono::seconds(2);
 constexpr auto kStopGrace = std::chrono::seconds(10);
@@ -92,7 +95,6 @@ bool statusHasNoBody(int status) { return (status >= 100 && status < 200) || sta
 
 struct ZRBTestServer::Impl {
   explicit Impl(ZRBTestServerOptions serverOptions) : options(std::move(serverOptions)) {
-    if (options.threads < 1) options.threads = 1;
     if (options.tls) {
       sslContext.emplace(ssl::context::tls_server);
       sslContext->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
@@ -135,10 +137,8 @@ struct ZRBTestServer::Impl {
   mutable std::mutex requestsMutex;
   mutable std::condition_variable requestsChanged;
   std::vector<ZRBTestRecordedRequest> recorded;
-  std::uint64_t nextRequestIndex = 0;
 
   std::atomic<std::uint64_t> accepted{0};
-  std::atomic<std::uint64_t> handshakeFailures{0};
   mutable std::mutex connectionsMutex;
   std::condition_variable connectionsChanged;
   std::map<std::uint64_t, std::weak_ptr<Connection>> live;
@@ -169,7 +169,7 @@ void ZRBTestServer::Impl::start() {
     acceptLoopRunning = true;
   }
   asio::co_spawn(*acceptorStrand, acceptLoop(), [](std::exception_ptr) {});
-  for (int i = 0; i < options.threads; ++i) {
+  for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([this] {
       for (;;) {
         try {
@@ -250,7 +250,6 @@ asio::awaitable<void> ZRBTestServer::Impl::serve(std::shared_ptr<Connection> con
       connection->tls = std::make_unique<ssl::stream<tcp::socket&>>(connection->socket, *sslContext);
       auto [ec] = co_await connection->tls->async_handshake(ssl::stream_base::server, kNoThrow);
       if (ec) {
-        ++handshakeFailures;
         connection->close();
         co_return;
       }
@@ -269,7 +268,7 @@ asio::awaitable<void> ZRBTestServer::Impl::serveRequests(Connection& connection,
   std::vector<char> piece(kWriteSlice);
   for (std::uint64_t onConnection = 0; !connection.closed; ++onConnection) {
     http::request_parser<http::buffer_body> parser;
-    parser.header_limit(static_cast<std::uint32_t>(std::min<std::size_t>(options.headerLimit, UINT32_MAX)));
+    parser.header_limit(kHeaderLimit);
     parser.body_limit(boost::none);
     auto [headerError, headerBytes] = co_await http::async_read_header(stream, buffer, parser, kNoThrow);
     if (headerError) co_return;
@@ -282,7 +281,6 @@ asio::awaitable<void> ZRBTestServer::Impl::serveRequests(Connection& connection,
     request.method = std::string(message.method_string());
     request.target = std::string(message.target());
     request.path = request.target.substr(0, request.target.find('?'));
-    request.version = static_cast<int>(message.version());
     for (const auto& field : message) {
       request.headers.add(std::string(field.name_string()), std::string(field.value()));
     }
@@ -311,7 +309,6 @@ asio::awaitable<void> ZRBTestServer::Impl::serveRequests(Connection& connection,
         std::size_t keep = static_cast<std::size_t>(std::min<std::uint64_t>(
             got, keepLimit - std::min<std::uint64_t>(keepLimit, request.body.size())));
         request.body.append(part.substr(0, keep));
-        request.bodyTruncated = request.bodyTruncated || keep < got;
         if (route && route->onBodyPart && got > 0) route->onBodyPart(request, part, false);
         if (ec) {
           failed = true;
@@ -339,7 +336,7 @@ asio::awaitable<void> ZRBTestServer::Impl::serveRequests(Connection& connection,
         response = ZRBTestResponse::text(500, std::string("handler threw: ") + error.what() + "\n");
       }
     }
-    bool keepAlive = parser.keep_alive() && readBody && response.keepAlive && !response.closeDelimited;
+    bool keepAlive = parser.keep_alive() && readBody && response.keepAlive;
     bool kept = co_await writeResponse(connection, stream, response, request.method == "HEAD", keepAlive);
     if (!kept) co_return;
     if (!keepAlive) {
@@ -386,7 +383,7 @@ asio::awaitable<bool> ZRBTestServer::Impl::writeResponse(Connection& connection,
     if (!co_await write(text)) co_return false;
     const std::string filler(1000, 'x');
     std::uint64_t sent = text.size();
-    for (std::uint64_t n = 0; sent < response.endlessHeaderCap; ++n) {
+    for (std::uint64_t n = 0; sent < kEndlessHeaderCap; ++n) {
       std::string field = "X-Filler-" + std::to_string(n) + ": " + filler + "\r\n";
       if (!co_await write(field)) co_return false;
       sent += field.size();
@@ -400,11 +397,9 @@ asio::awaitable<bool> ZRBTestServer::Impl::writeResponse(Connection& connection,
       response.headers.has("Content-Length") || response.headers.has("Transfer-Encoding");
   for (const auto& [name, value] : response.headers.fields()) text += name + ": " + value + "\r\n";
   if (!userFraming && !noBody) {
-    if (response.chunked) {
-      text += "Transfer-Encoding: chunked\r\n";
-    } else if (!response.closeDelimited) {
-      text += "Content-Length: " + std::to_string(response.declaredContentLength.value_or(size)) + "\r\n";
-    }
+    text += response.chunked
+                ? std::string("Transfer-Encoding: chunked\r\n")
+                : "Content-Length: " + std::to_string(response.declaredContentLength.value_or(size)) + "\r\n";
   }
   if (!keepAlive && !response.headers.has("Connection")) text += "Connection: close\r\n";
   text += "\r\n";
@@ -425,7 +420,6 @@ asio::awaitable<bool> ZRBTestServer::Impl::writeResponse(Connection& connection,
   std::vector<char> scratch(response.generatedBody ? kWriteSlice : 0);
   std::uint64_t sent = 0;
   for (std::uint64_t pieceStart = 0; pieceStart < size; pieceStart += pieceSize) {
-    if (pieceStart > 0 && !co_await wait(response.delayBetweenChunks)) co_return false;
     const std::uint64_t pieceEnd = std::min(size, pieceStart + pieceSize);
     if (response.chunked) {
       char line[32];
@@ -506,7 +500,6 @@ std::shared_ptr<const ZRBTestRoute> ZRBTestServer::Impl::findRoute(std::string_v
 
 void ZRBTestServer::Impl::record(ZRBTestRecordedRequest& request) {
   std::lock_guard lock(requestsMutex);
-  request.index = nextRequestIndex++;
   recorded.push_back(request);
   requestsChanged.notify_all();
 }
@@ -524,12 +517,10 @@ void ZRBTestServer::start() { impl_->start(); }
 
 void ZRBTestServer::stop() { impl_->stop(); }
 
-bool ZRBTestServer::isTLS() const { return impl_->sslContext.has_value(); }
-
 std::uint16_t ZRBTestServer::port() const { return impl_->port.load(); }
 
 std::string ZRBTestServer::baseURL() const {
-  return (isTLS() ? "https://localhost:" : "http://127.0.0.1:") + std::to_string(port());
+  return (impl_->sslContext ? "https://localhost:" : "http://127.0.0.1:") + std::to_string(port());
 }
 
 void ZRBTestServer::route(ZRBTestRoute route) {
@@ -564,5 +555,3 @@ std::uint64_t ZRBTestServer::openConnectionCount() const {
   std::lock_guard lock(impl_->connectionsMutex);
   return impl_->live.size();
 }
-
-std::uint64_t ZRBTestServer::tlsHandshakeFailures() const { return impl_->handshakeFailures.load(); }

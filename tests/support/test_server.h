@@ -10,7 +10,7 @@
 // Only HTTP/1.1 is spoken; TLS offers no ALPN, so clients always fall back to HTTP/1.1. The server
 // binds 127.0.0.1 on an ephemeral port and nothing else.
 //
-// Threads: the server runs its own io_context on `threads` threads of its own. Handlers and body
+// Threads: the server runs its own io_context on two threads of its own. Handlers and body
 // callbacks run on those threads, possibly concurrently for different connections, and must not
 // block for long (a blocked handler also blocks stop()). Everything else may be called from any
 // thread. The Beast/Asio machinery stays in the .cpp files so including this header is cheap.
@@ -19,7 +19,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <span>
@@ -35,9 +34,6 @@ class ZRBTestHeaders {
  public:
   using Field = std::pair<std::string, std::string>;
 
-  ZRBTestHeaders() = default;
-  ZRBTestHeaders(std::initializer_list<Field> fields) : fields_(fields) {}
-
   void add(std::string name, std::string value) { fields_.emplace_back(std::move(name), std::move(value)); }
   // Replaces every field of that name with one field.
   void set(std::string_view name, std::string value);
@@ -45,11 +41,8 @@ class ZRBTestHeaders {
   bool has(std::string_view name) const;
   // The first value of that name.
   std::optional<std::string> get(std::string_view name) const;
-  // Every value of that name, in order.
-  std::vector<std::string> all(std::string_view name) const;
 
   const std::vector<Field>& fields() const { return fields_; }
-  bool empty() const { return fields_.empty(); }
 
  private:
   std::vector<Field> fields_;
@@ -63,8 +56,6 @@ struct ZRBTestBodySource {
 
   // `size` bytes of the deterministic pattern below.
   static ZRBTestBodySource pattern(std::uint64_t size, std::uint64_t seed = 0);
-  // Fixed bytes, shared between all requests that serve them.
-  static ZRBTestBodySource bytes(std::string data);
 };
 
 // The deterministic body pattern: every byte depends on its offset (and the seed) without a short
@@ -92,7 +83,6 @@ struct ZRBTestResponse {
   std::size_t chunkSize = 0;
   std::chrono::milliseconds delayBeforeHeaders{0};
   std::chrono::milliseconds delayBeforeBody{0};
-  std::chrono::milliseconds delayBetweenChunks{0};
   // Throttles the body to about this many bytes per second (0: as fast as the socket takes it).
   std::uint64_t bytesPerSecond = 0;
 
@@ -101,17 +91,13 @@ struct ZRBTestResponse {
   std::optional<std::uint64_t> closeAfterBodyBytes{};
   // Sent verbatim (plus CRLF) instead of the status line; the connection closes after the answer.
   std::optional<std::string> malformedStatusLine{};
-  // Sends header fields without end until the client goes away or `endlessHeaderCap` bytes are out,
-  // then closes.
+  // Sends header fields without end until the client goes away or 64 MiB are out, then closes.
   bool endlessHeader = false;
-  std::uint64_t endlessHeaderCap = 64ull << 20;
   // Chunked bodies only: leaves out the last (empty) chunk and closes.
   bool truncateChunkedBody = false;
   // Declares this Content-Length instead of the real one; when it is larger the connection closes
   // after the real body.
   std::optional<std::uint64_t> declaredContentLength{};
-  // Neither Content-Length nor chunked: the body ends when the connection closes.
-  bool closeDelimited = false;
   // false answers with Connection: close and closes after the response.
   bool keepAlive = true;
 
@@ -125,20 +111,17 @@ struct ZRBTestResponse {
 
 // A request as the server received it.
 struct ZRBTestRecordedRequest {
-  std::uint64_t index = 0;         // order of arrival at the server, from 0
   std::uint64_t connectionID = 0;  // the same for requests on one connection, from 1
   std::uint64_t indexOnConnection = 0;
   bool tls = false;
   std::string method;
   std::string target;  // as sent: path and query
   std::string path;    // target without the query
-  int version = 11;    // 10 or 11
   ZRBTestHeaders headers;
   std::string body;  // the body up to the route's keep limit
   std::uint64_t bodySize = 0;
-  std::string bodySHA256;      // lower-case hex, of the whole body
-  bool bodyTruncated = false;  // more than `body` arrived
-  bool bodyComplete = false;   // the whole body was read (false for routes that do not read it)
+  std::string bodySHA256;     // lower-case hex, of the whole body
+  bool bodyComplete = false;  // the whole body was read (false for routes that do not read it)
 
   std::optional<std::string> header(std::string_view name) const { return headers.get(name); }
 };
@@ -167,8 +150,7 @@ struct ZRBTestRoute {
 struct ZRBTestRangeOptions {
   ZRBTestBodySource body = ZRBTestBodySource::pattern(64 * 1024);
   std::string contentType = "application/octet-stream";
-  std::optional<std::string> etag{};          // sent as given, e.g. "\"v1\""
-  std::optional<std::string> lastModified{};  // an HTTP date
+  std::optional<std::string> etag{};  // sent as given, e.g. "\"v1\""
   // Answers 200 with the whole body whatever Range says.
   bool ignoreRange = false;
   // Applied to every answer (delays, throttling, chunk size, closes); status, headers and body are
@@ -185,9 +167,7 @@ struct ZRBTestUploadSinkOptions {
 struct ZRBTestServerOptions {
   // TLS with this chain's leaf and intermediate; clients trust the chain's root.
   std::optional<ZRBTestChain> tls{};
-  int threads = 2;
   std::uint64_t bodyKeepLimit = 1 << 20;
-  std::size_t headerLimit = 64 * 1024;
 };
 
 class ZRBTestServer {
@@ -204,7 +184,6 @@ class ZRBTestServer {
   // server's threads and returns. Idempotent; not to be called from a handler.
   void stop();
 
-  bool isTLS() const;
   std::uint16_t port() const;
   // "http://127.0.0.1:PORT", or "https://localhost:PORT" so host checks match the leaf's names.
   std::string baseURL() const;
@@ -223,8 +202,8 @@ class ZRBTestServer {
   // `pathA` redirects to `pathB` and back, for ever.
   void redirectLoop(std::string pathA, std::string pathB, int status = 302);
   // GET and HEAD at `path` serve the body honouring a single `Range: bytes=a-b`, `a-` or `-n`
-  // (206 with Content-Range; 416 when unsatisfiable) unless If-Range names another validator
-  // (strong ETag comparison, or the exact Last-Modified text), in which case the answer is 200.
+  // (206 with Content-Range; 416 when unsatisfiable) unless If-Range names another entity tag
+  // (strong comparison) or a date, in which case the answer is 200.
   // Several ranges in one header are answered with the whole body.
   void serveRanges(std::string path, ZRBTestRangeOptions options);
   // Any method at `path` reads the body streamingly and answers JSON {"bytes":N,"sha256":"hex"};
@@ -244,7 +223,6 @@ class ZRBTestServer {
   // Connections accepted so far (TLS ones count even when the handshake fails) and open now.
   std::uint64_t connectionCount() const;
   std::uint64_t openConnectionCount() const;
-  std::uint64_t tlsHandshakeFailures() const;
 
   struct Impl;
 
