@@ -1,7 +1,6 @@
-// The loopback test server, driven by a small Beast client: canned and scripted answers, framing,
-// ranges, uploads, request capture and stopping mid-transfer. Only behaviour other tests rely on
-// without checking it themselves is covered here: misbehaving answers show in the session fault
-// test's error codes, and the TLS chain in its anchored trust evaluations.
+// The loopback test server, driven by a small Beast client. Only what could let another test pass
+// wrongly is covered here (routes that ignore the method, ranges served whatever If-Range says,
+// connections miscounted); a server that breaks in other ways fails the tests that use it.
 #include "support/test_server.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +22,6 @@ using boost::system::error_code;
 struct Reply {
   error_code error;
   http::response<http::string_body> message;
-  bool chunked = false;
   std::string header(std::string_view name) const { return std::string(message[beast::string_view(name)]); }
 };
 
@@ -36,7 +34,7 @@ class Client {
     run([&](auto done) { stream_.async_connect(endpoint, done); });  // a failure shows in send()
   }
 
-  Reply send(http::request<http::string_body> request, bool headerOnly = false) {
+  Reply send(http::request<http::string_body> request) {
     request.version(11);
     request.set(http::field::host, "localhost");
     request.prepare_payload();
@@ -46,26 +44,11 @@ class Client {
     parser_.emplace();
     parser_->body_limit(boost::none);
     parser_->skip(request.method() == http::verb::head);
-    reply.error = run([&](auto done) {
-      if (headerOnly) {
-        http::async_read_header(stream_, buffer_, *parser_, done);
-      } else {
-        http::async_read(stream_, buffer_, *parser_, done);
-      }
-    });
-    reply.chunked = parser_->chunked();
-    reply.message = parser_->get();
-    return reply;
-  }
-  Reply get(std::string target) { return send({http::verb::get, target, 11}); }
-
-  // Reads the rest of a response whose head send(..., true) read.
-  Reply finish() {
-    Reply reply;
     reply.error = run([&](auto done) { http::async_read(stream_, buffer_, *parser_, done); });
     reply.message = parser_->get();
     return reply;
   }
+  Reply get(std::string target) { return send({http::verb::get, target, 11}); }
 
  private:
   // Starts one operation and runs until it completes; a generous expiry stands guard against hangs.
@@ -101,24 +84,13 @@ class TestServerTest : public testing::Test {
   ZRBTestServer server;
 };
 
-TEST_F(TestServerTest, CannedAnswersKeepTheirStatusHeadersAndFraming) {
+// Or tests of method handling would pass against any route.
+TEST_F(TestServerTest, RoutesMatchTheMethodToo) {
   server.respond("PUT", "/canned", ZRBTestResponse::text(201, "made it"));
-  ZRBTestResponse chunked = ZRBTestResponse::generated(10'000, 7);
-  chunked.chunked = true;
-  chunked.chunkSize = 999;
-  server.respond("GET", "/chunked", chunked);
-
   Client client(server);
   Reply reply = client.send({http::verb::put, "/canned", 11});
-  ASSERT_FALSE(reply.error) << reply.error.message();
   EXPECT_EQ(reply.message.result_int(), 201u);
   EXPECT_EQ(reply.message.body(), "made it");
-
-  reply = client.get("/chunked");
-  ASSERT_FALSE(reply.error) << reply.error.message();
-  EXPECT_TRUE(reply.chunked);
-  EXPECT_EQ(reply.message.body(), ZRBTestPatternBytes(0, 10'000, 7));
-  // Routes match the method too, or tests of method handling would pass against any route.
   EXPECT_EQ(client.get("/canned").message.result_int(), 404u);
 }
 
@@ -149,31 +121,6 @@ TEST_F(TestServerTest, RangesAnswer206UnlessIgnoredOrTheValidatorChanged) {
   EXPECT_EQ(reply.message.body().size(), 1000u);
 }
 
-TEST_F(TestServerTest, UploadSinkCountsHashesAndHandsOverTheStreamedBody) {
-  std::mutex mutex;
-  std::string parts;
-  int lastCalls = 0;
-  server.uploadSink("/upload",
-                    {.keepLimit = 1000, .onBodyPart = [&](const auto&, std::string_view part, bool last) {
-                       std::lock_guard lock(mutex);
-                       parts.append(part);
-                       lastCalls += last ? 1 : 0;
-                     }});
-  const std::string body = ZRBTestPatternBytes(0, 3'000'000, 3);
-  Reply reply = Client(server).send(post("/upload", body));
-  ASSERT_FALSE(reply.error) << reply.error.message();
-  const std::string hash = ZRBTestSHA256Hex(body);
-  EXPECT_EQ(reply.message.body(), "{\"bytes\":3000000,\"sha256\":\"" + hash + "\"}");
-
-  ZRBTestRecordedRequest recorded = server.requests().at(0);
-  EXPECT_EQ(recorded.bodySize, body.size());
-  EXPECT_EQ(recorded.bodySHA256, hash);
-  EXPECT_EQ(recorded.body, body.substr(0, 1000));
-  std::lock_guard lock(mutex);
-  EXPECT_EQ(parts, body);
-  EXPECT_EQ(lastCalls, 1);
-}
-
 TEST_F(TestServerTest, RecordsRequestsWithTheirConnection) {
   server.echo("/echo");
   Client first(server);
@@ -190,21 +137,6 @@ TEST_F(TestServerTest, RecordsRequestsWithTheirConnection) {
   EXPECT_EQ(requests[1].indexOnConnection, 1u);
   EXPECT_NE(requests[2].connectionID, requests[0].connectionID);
   EXPECT_EQ(server.connectionCount(), 2u);
-}
-
-TEST_F(TestServerTest, StopDuringASlowBodyClosesTheTransfer) {
-  ZRBTestResponse slow = ZRBTestResponse::generated(10'000'000);
-  slow.bytesPerSecond = 1000;
-  server.respond("GET", "/slow", slow);
-  Client client(server);
-  Reply head = client.send({http::verb::get, "/slow", 11}, true);
-  ASSERT_FALSE(head.error) << head.error.message();
-  EXPECT_EQ(head.header("Content-Length"), "10000000");
-
-  server.stop();
-  EXPECT_EQ(server.openConnectionCount(), 0u);
-  EXPECT_TRUE(client.finish().error);
-  server.stop();
 }
 
 }  // namespace
