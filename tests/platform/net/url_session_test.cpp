@@ -58,10 +58,6 @@ TEST_F(URLSessionTest, DataTaskDeliversResponseDataAndCompletionInOrder) {
   EXPECT_EQ(response->valueForHTTPHeaderField("content-type"), "text/plain");
 }
 
-}  // namespace
-
-namespace {
-
 ZRBURLSessionDataCompletion capture(
     std::promise<std::tuple<ZRBValue, ZRBURLResponsePtr, ZRBErrorPtr>>& promise) {
   return [&promise](ZRBValue data, ZRBURLResponsePtr response, ZRBErrorPtr error) {
@@ -439,14 +435,6 @@ TEST_F(URLSessionTest, ResumeAndSuspendRunThroughReplaceableSlots) {
   ZRBURLSessionTask::suspendSlot().reset();
   std::lock_guard lock(mutex);
   EXPECT_EQ(calls, (std::vector<std::string>{"resume from 1", "suspend from 0", "resume from 1"}));
-}
-
-TEST_F(URLSessionTest, DelegatesAnswerTheirClassNameAsObjectsDo) {
-  // Code that wraps delegates tells them apart by class name.
-  ZRBURLSessionDelegatePtr delegate = session_->delegate();
-  ASSERT_TRUE(delegate);
-  EXPECT_EQ(delegate->className(), "RecordingDelegate");
-  EXPECT_EQ(delegate->description().rfind("<RecordingDelegate: 0x", 0), 0u) << delegate->description();
 }
 
 }  // namespace
