@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/foundation/assert.h"
-#include "platform/foundation/exception.h"
 
 namespace {
 
@@ -29,13 +28,6 @@ TEST(ErrorTest, UnderlyingChainIsSearchable) {
   EXPECT_TRUE(status->hasCodeInChain("resp", -1011));
   EXPECT_FALSE(status->hasCodeInChain("other", -1016));
   EXPECT_FALSE(contentType->hasCodeInChain("resp", -1011));
-}
-
-TEST(ErrorTest, ErrnoRecordsCarryThePath) {
-  auto error = ZRBError::fromErrno(ENOENT, "/nowhere");
-  EXPECT_EQ(error->domain(), ZRBPOSIXErrorDomain);
-  EXPECT_EQ(error->code(), ENOENT);
-  EXPECT_EQ(error->userInfo()[ZRBFilePathErrorKey], ZRBValue("/nowhere"));
 }
 
 TEST(AssertTest, DefaultHandlerThrowsTheExactText) {
@@ -65,16 +57,6 @@ TEST(AssertTest, ReplaceableHandlerAndLogMode) {
             std::string::npos);
   ZRBSetAssertionMode(ZRBAssertionMode::Throw);
   EXPECT_THROW(ZRBAssert(value == 1), ZRBAssertionFailure);
-}
-
-TEST(ExceptionTest, CarriesNameAndReason) {
-  try {
-    throw ZRBException("PinGuard configuration invalid", "no pins for example.com");
-  } catch (const ZRBException& e) {
-    EXPECT_EQ(e.name(), "PinGuard configuration invalid");
-    EXPECT_EQ(e.reason(), "no pins for example.com");
-    EXPECT_TRUE(e.userInfo().isAbsent());
-  }
 }
 
 }  // namespace
