@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <thread>
 
@@ -11,16 +10,12 @@
 #include "platform/foundation/property_list_serialization.h"
 #include "platform/net/url_session.h"
 #include "support/recording_delegate.h"
+#include "support/temporary_directory.h"
 #include "support/test_server.h"
 
 namespace {
 
 constexpr std::uint64_t kSize = 3 << 20;
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 class URLSessionDownloadTest : public ::testing::Test {
  protected:
@@ -36,7 +31,7 @@ class URLSessionDownloadTest : public ::testing::Test {
     delegate_->onDownloaded = [this](const ZRBURLSessionDownloadTaskPtr&, const ZRBURLPtr& location) {
       std::lock_guard lock(mutex_);
       location_ = location->path();
-      contents_ = readFile(location_);
+      contents_ = ZRBTestReadFile(location_);
     };
     session_ = ZRBURLSession::sessionWithConfiguration(nullptr, delegate_, nullptr);
   }
@@ -141,11 +136,12 @@ TEST_F(URLSessionDownloadTest, FailedDownloadCarriesResumeDataAndBadDataIsRefuse
 
 TEST_F(URLSessionDownloadTest, CompletionHandlerGetsTheFileWhileItExists) {
   std::promise<std::pair<std::string, bool>> promise;
-  auto task = session_->downloadTaskWithRequest(
-      requestFor(server_.url("/file")), [&](ZRBURLPtr location, ZRBURLResponsePtr, ZRBErrorPtr error) {
-        EXPECT_EQ(error, nullptr);
-        promise.set_value({location->path(), readFile(location->path()) == ZRBTestPatternBytes(0, kSize)});
-      });
+  auto task = session_->downloadTaskWithRequest(requestFor(server_.url("/file")), [&](ZRBURLPtr location,
+                                                                                      ZRBURLResponsePtr,
+                                                                                      ZRBErrorPtr error) {
+    EXPECT_EQ(error, nullptr);
+    promise.set_value({location->path(), ZRBTestReadFile(location->path()) == ZRBTestPatternBytes(0, kSize)});
+  });
   task->resume();
   auto [path, intact] = promise.get_future().get();
   EXPECT_TRUE(intact);

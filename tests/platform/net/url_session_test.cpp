@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <thread>
 
@@ -13,6 +11,7 @@
 #include "platform/foundation/json_serialization.h"
 #include "platform/net/http_cookie_storage.h"
 #include "support/recording_delegate.h"
+#include "support/temporary_directory.h"
 #include "support/test_server.h"
 
 namespace {
@@ -73,13 +72,13 @@ std::string fieldOf(const std::string& json, const std::string& key) {
 TEST_F(URLSessionTest, BodiesGoOutFromBytesFilesAndStreams) {
   server_.uploadSink("/sink");
   std::string payload = ZRBTestPatternBytes(0, 300000);
-  auto file = ZRBTestPKI::makeTemporaryDirectory() / "body.bin";
-  { std::ofstream(file, std::ios::binary) << payload; }
+  ZRBTestTemporaryDirectory directory;
+  std::string file = directory.write("body.bin", payload);
 
   auto request = requestFor(server_.url("/sink"), "PUT");
   std::vector<ZRBURLSessionTaskPtr> tasks = {
       session_->uploadTaskWithRequest(request, ZRBValue::data(payload)),
-      session_->uploadTaskWithRequest(request, ZRBURL::fileURLWithPath(file.string())),
+      session_->uploadTaskWithRequest(request, ZRBURL::fileURLWithPath(file)),
   };
   auto streamed = requestFor(server_.url("/sink"), "POST");
   streamed->setHTTPBodyStream(ZRBInputStream::inputStreamWithData(ZRBValue::data(payload)));
@@ -105,7 +104,6 @@ TEST_F(URLSessionTest, BodiesGoOutFromBytesFilesAndStreams) {
     EXPECT_FALSE(recorded.header("Content-Type")) << "no content type is invented";
     EXPECT_FALSE(recorded.header("Expect"));
   }
-  std::filesystem::remove_all(file.parent_path());
 }
 
 TEST_F(URLSessionTest, DataAndDownloadTasksSendTheRequestsBodyOrBodyStream) {
@@ -261,9 +259,9 @@ TEST_F(URLSessionTest, ResponseDispositionHoldsTheBodyCancelsOrTurnsIntoADownloa
   std::mutex mutex;
   std::string downloaded;
   delegate_->onDownloaded = [&](const ZRBURLSessionDownloadTaskPtr&, const ZRBURLPtr& location) {
-    std::ifstream in(location->path(), std::ios::binary);
+    std::string contents = ZRBTestReadFile(location->path());
     std::lock_guard lock(mutex);
-    downloaded.assign(std::istreambuf_iterator<char>(in), {});
+    downloaded = std::move(contents);
   };
   for (auto disposition : answers) {
     delegate_->onResponse = [disposition](const ZRBURLResponsePtr&, auto completion) {

@@ -1,15 +1,14 @@
 #include "platform/runtime/stream.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <string>
+
+#include "support/temporary_directory.h"
 
 namespace {
 
@@ -29,19 +28,6 @@ std::string drain(ZRBInputStream& stream, std::size_t chunk, bool* failed = null
     out.append(reinterpret_cast<const char*>(buffer.data()), static_cast<std::size_t>(n));
   }
   return out;
-}
-
-// A fresh directory, removed with everything in it.
-struct TempDir {
-  std::string pattern = (fs::temp_directory_path() / "orvelkit-stream-XXXXXX").string();
-  const fs::path path = mkdtemp(pattern.data());
-  ~TempDir() { fs::remove_all(path); }
-  std::string operator/(const std::string& name) const { return (path / name).string(); }
-};
-
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 TEST(InputStreamTest, DataStreamReadsInChunksAndReportsItsEnd) {
@@ -78,12 +64,11 @@ TEST(InputStreamTest, DataStreamReadsInChunksAndReportsItsEnd) {
 }
 
 TEST(InputStreamTest, FileStreamReadsTheWholeFileAndSeeks) {
-  TempDir dir;
+  ZRBTestTemporaryDirectory dir;
   std::string content(100'000, '\0');
   std::mt19937 random(7);
   for (char& c : content) c = static_cast<char>(random());
-  std::ofstream(dir / "body.bin", std::ios::binary) << content;
-  auto stream = ZRBInputStream::inputStreamWithFileAtPath(dir / "body.bin");
+  auto stream = ZRBInputStream::inputStreamWithFileAtPath(dir.write("body.bin", content));
   stream->open();
   EXPECT_EQ(drain(*stream, 4096), content);
   EXPECT_EQ(stream->streamStatus(), ZRBStreamStatusAtEnd);
@@ -96,7 +81,7 @@ TEST(InputStreamTest, FileStreamReadsTheWholeFileAndSeeks) {
 }
 
 TEST(InputStreamTest, UnreadableFilesGiveAnErrorRecordNotACrash) {
-  TempDir dir;
+  ZRBTestTemporaryDirectory dir;
   auto missing = ZRBInputStream::inputStreamWithFileAtPath(dir / "missing");
   missing->open();
   EXPECT_EQ(missing->streamStatus(), ZRBStreamStatusError);
@@ -172,7 +157,7 @@ TEST(OutputStreamTest, MemoryStreamCollectsWhatIsWritten) {
 }
 
 TEST(OutputStreamTest, FileStreamTruncatesOrAppendsAndReportsFailures) {
-  TempDir dir;
+  ZRBTestTemporaryDirectory dir;
   auto path = dir / "out.txt";
   auto write = [&](std::string_view text, bool append) {
     auto stream = ZRBOutputStream::outputStreamToFileAtPath(path, append);
@@ -184,9 +169,9 @@ TEST(OutputStreamTest, FileStreamTruncatesOrAppendsAndReportsFailures) {
   };
   write("abc", false);
   write("def", true);
-  EXPECT_EQ(readFile(path), "abcdef");
+  EXPECT_EQ(ZRBTestReadFile(path), "abcdef");
   write("x", false);
-  EXPECT_EQ(readFile(path), "x");
+  EXPECT_EQ(ZRBTestReadFile(path), "x");
 
   auto nowhere = ZRBOutputStream::outputStreamToFileAtPath(dir / "no/such/dir", false);
   nowhere->open();

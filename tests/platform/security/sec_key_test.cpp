@@ -9,11 +9,10 @@
 #include <sys/wait.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 
 #include "platform/foundation/crypto.h"
 #include "platform/security/sec_certificate.h"
+#include "support/temporary_directory.h"
 #include "support/test_pki.h"
 
 namespace {
@@ -29,23 +28,13 @@ std::pair<std::string, int> run(const std::string& command) {
   return {text, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
 }
 
-void writeFile(const std::filesystem::path& path, std::string_view bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-struct TemporaryDirectory {
-  std::filesystem::path path = ZRBTestPKI::makeTemporaryDirectory();
-  ~TemporaryDirectory() { std::filesystem::remove_all(path); }
-};
-
 // The pin as the openssl program computes it: the certificate's public key as DER
 // SubjectPublicKeyInfo, hashed with SHA-256, in base64.
 std::string opensslPin(const ZRBTestCertificate& certificate) {
-  TemporaryDirectory directory;
-  auto file = directory.path / "certificate.pem";
-  writeFile(file, certificate.pem());
+  ZRBTestTemporaryDirectory directory;
+  auto file = directory.write("certificate.pem", certificate.pem());
   auto [digest, status] =
-      run("openssl x509 -in '" + file.string() +
+      run("openssl x509 -in '" + file +
           "' -pubkey -noout | openssl pkey -pubin -outform der | openssl dgst -sha256 -binary");
   EXPECT_EQ(status, 0) << "the openssl program is needed (package openssl)";
   EXPECT_EQ(digest.size(), 32u);

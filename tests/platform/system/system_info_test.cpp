@@ -16,24 +16,11 @@
 #include "platform/system/localized_string.h"
 #include "platform/system/mime_type.h"
 #include "platform/system/process_info.h"
+#include "support/temporary_directory.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-// A fresh folder per test, removed afterwards.
-struct TempFolder {
-  static inline int counter = 0;
-  const std::string path =
-      testing::TempDir() + "system-info-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
-  TempFolder() { fs::remove_all(path), fs::create_directories(path); }
-  ~TempFolder() { fs::remove_all(path); }
-  std::string operator/(const std::string& name) const { return path + "/" + name; }
-  std::string write(const std::string& name, std::string_view content) const {
-    std::ofstream(*this / name, std::ios::binary) << content;
-    return *this / name;
-  }
-};
 
 // Sets (or, with a null value, unsets) an environment variable for one scope.
 class ScopedEnv {
@@ -58,7 +45,7 @@ std::string plistBytes(const ZRBValue& value, ZRBPropertyListFormat format) {
 class BundleTest : public testing::Test {
  protected:
   void TearDown() override { ZRBBundle::mainBundle()->resetInfoDictionary(); }
-  TempFolder folder_;
+  ZRBTestTemporaryDirectory folder_;
 };
 
 // Bad, missing or non-dictionary files give an empty map.
@@ -100,7 +87,7 @@ TEST_F(BundleTest, LibraryBundleFollowsTheResourceDirectory) {
   } else {
     EXPECT_TRUE(fs::exists(fs::path(library->bundlePath()) / "liborvelkit.so.1")) << library->bundlePath();
   }
-  ZRBBundle bundle(folder_.path, folder_ / "Info.plist");
+  ZRBBundle bundle(folder_.path.string(), folder_ / "Info.plist");
   EXPECT_FALSE(bundle.localePath());
   fs::create_directories(folder_ / "locale");
   EXPECT_EQ(bundle.localePath(), folder_ / "locale");
@@ -110,7 +97,7 @@ TEST_F(BundleTest, LibraryBundleFollowsTheResourceDirectory) {
 }
 
 TEST(MIMETypeTest, SystemFileFirstThenBuiltInTableThenOctetStream) {
-  TempFolder folder;
+  ZRBTestTemporaryDirectory folder;
   ZRBSetMIMETypesFilePath(folder.write("mime.types",
                                        "# comment line\n"
                                        "application/x-custom\t\tcst CST2\n"
@@ -205,7 +192,7 @@ class DeviceTest : public testing::Test {
     device_.setOSReleasePath(std::nullopt);
   }
   ZRBDevice device_;
-  TempFolder folder_;
+  ZRBTestTemporaryDirectory folder_;
 };
 
 TEST_F(DeviceTest, ModelAndSystemFromDMIAndOSRelease) {
@@ -238,7 +225,7 @@ class FileManagerTest : public testing::Test {
  protected:
   void TearDown() override { ZRBBundle::mainBundle()->resetInfoDictionary(); }
   ZRBFileManager manager_;
-  TempFolder folder_;
+  ZRBTestTemporaryDirectory folder_;
 };
 
 TEST_F(FileManagerTest, StandardDirectoriesFollowXDGAndTheBundle) {
