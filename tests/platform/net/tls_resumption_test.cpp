@@ -1,6 +1,7 @@
 // Every new TLS connection asks the session's challenge path about the server's chain, even when an
 // earlier connection to the same server could have been resumed: a trust decision that changed in
-// between (a pin removed, enforcement turned on) applies to the next connection.
+// between (a pin removed, enforcement turned on) applies to the next connection. A kept-alive
+// connection is judged once.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,10 +11,6 @@
 #include "support/test_server.h"
 
 namespace {
-
-ZRBURLRequestPtr getRequest(const std::string& url) {
-  return ZRBURLRequest::requestWithURL(ZRBURL::URLWithString(url));
-}
 
 // A delegate that trusts the server until told not to, counting the challenges it answers.
 std::shared_ptr<RecordingDelegate> switchableDelegate(std::atomic<bool>& trusted, std::atomic<int>& asked) {
@@ -28,10 +25,29 @@ std::shared_ptr<RecordingDelegate> switchableDelegate(std::atomic<bool>& trusted
   return delegate;
 }
 
-TEST(TLSResumptionTest, EveryNewConnectionIsJudgedAgain) {
-  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
-  ZRBTestServer server(ZRBTestServerOptions{.tls = chain});
-  server.start();
+class TLSResumptionTest : public testing::Test {
+ protected:
+  void SetUp() override { server.start(); }
+  ZRBTestServer server{ZRBTestServerOptions{.tls = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256)}};
+};
+
+TEST_F(TLSResumptionTest, AKeptAliveConnectionIsReusedAndJudgedOnce) {
+  server.respond("GET", "/", ZRBTestResponse::text(200, "x"));
+  std::atomic<bool> trusted{true};
+  std::atomic<int> asked{0};
+  auto delegate = switchableDelegate(trusted, asked);
+  auto session = ZRBURLSession::sessionWithConfiguration(nullptr, delegate, nullptr);
+  for (int i = 1; i <= 5; ++i) {
+    session->dataTaskWithRequest(requestFor(server.url("/")))->resume();
+    ASSERT_TRUE(delegate->waitForCompletions(i));
+  }
+  EXPECT_EQ(server.connectionCount(), 1u);
+  EXPECT_EQ(asked, 1);
+  session->invalidateAndCancel();
+  EXPECT_TRUE(delegate->waitForInvalidation());
+}
+
+TEST_F(TLSResumptionTest, EveryNewConnectionIsJudgedAgain) {
   // Each answer closes its connection, so every request needs a new handshake.
   ZRBTestResponse closing = ZRBTestResponse::text(200, "ok");
   closing.keepAlive = false;
@@ -48,7 +64,7 @@ TEST(TLSResumptionTest, EveryNewConnectionIsJudgedAgain) {
     trusted = trust;
     int askedBefore = asked;
     std::size_t requestsBefore = server.requestCount();
-    auto task = session->dataTaskWithRequest(getRequest(server.url("/")));
+    auto task = session->dataTaskWithRequest(requestFor(server.url("/")));
     task->resume();
     ASSERT_TRUE(delegate->waitForCompletions(++completions));
     auto completion = delegate->completion(task);
@@ -68,10 +84,7 @@ TEST(TLSResumptionTest, EveryNewConnectionIsJudgedAgain) {
 
 // A second session with a delegate of its own is judged by that delegate, whatever the first one
 // decided about the same server.
-TEST(TLSResumptionTest, AnotherSessionIsJudgedByItsOwnDelegate) {
-  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
-  ZRBTestServer server(ZRBTestServerOptions{.tls = chain});
-  server.start();
+TEST_F(TLSResumptionTest, AnotherSessionIsJudgedByItsOwnDelegate) {
   server.respond("GET", "/", ZRBTestResponse::text(200, "ok"));
 
   std::atomic<bool> trustedA{true}, trustedB{false};
@@ -80,11 +93,11 @@ TEST(TLSResumptionTest, AnotherSessionIsJudgedByItsOwnDelegate) {
   auto delegateB = switchableDelegate(trustedB, askedB);
   auto sessionA = ZRBURLSession::sessionWithConfiguration(nullptr, delegateA, nullptr);
   auto sessionB = ZRBURLSession::sessionWithConfiguration(nullptr, delegateB, nullptr);
-  auto taskA = sessionA->dataTaskWithRequest(getRequest(server.url("/")));
+  auto taskA = sessionA->dataTaskWithRequest(requestFor(server.url("/")));
   taskA->resume();
   ASSERT_TRUE(delegateA->waitForCompletions(1));
   EXPECT_EQ(delegateA->completion(taskA).error, nullptr);
-  auto taskB = sessionB->dataTaskWithRequest(getRequest(server.url("/")));
+  auto taskB = sessionB->dataTaskWithRequest(requestFor(server.url("/")));
   taskB->resume();
   ASSERT_TRUE(delegateB->waitForCompletions(1));
   ASSERT_TRUE(delegateB->completion(taskB).error);
