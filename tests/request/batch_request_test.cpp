@@ -1,0 +1,288 @@
+// Batch requests against the loopback test server: one report per start, the first failure
+// stopping every member, stop and an empty batch reporting nothing, the restart guard, members
+// from the cache, the refused initializer and the agent holding a running batch.
+#include "request/batch_request.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <future>
+#include <thread>
+#include <utility>
+
+#include "platform/runtime/dispatch.h"
+#include "request/batch_request_agent.h"
+#include "request/network_agent.h"
+#include "request/network_config.h"
+#include "settings/app_sdk_log_manager.h"
+#include "settings/sdk_config.h"
+#include "support/test_pki.h"
+#include "support/test_server.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Events = std::vector<std::string>;
+
+struct Member : ZRBRQ_Request {
+  Member(std::string address, long seconds) : url(std::move(address)), cacheTime(seconds) {}
+  std::string requestUrl() const override { return url; }
+  long cacheTimeInSeconds() const override { return cacheTime; }
+  bool writeCacheAsynchronously() const override { return false; }
+  std::string url;
+  long cacheTime;
+};
+
+// Everything a batch or a member hears, in order; results must arrive on the main queue.
+class Recorder : public ZRBRQ_BatchRequestDelegate,
+                 public ZRBRQ_BatchRequestAccessory,
+                 public ZRBRQ_RequestAccessory {
+ public:
+  void batchRequestFinished(const ZRBRQ_BatchRequestPtr&) override { put("finished"); }
+  void batchRequestFailed(const ZRBRQ_BatchRequestPtr&) override { put("failed"); }
+  void requestWillStart(const ZRBRQ_BatchRequestPtr&) override { put("willStart"); }
+  void requestWillStop(const ZRBRQ_BatchRequestPtr&) override { put("willStop"); }
+  void requestDidStop(const ZRBRQ_BatchRequestPtr&) override { put("didStop"); }
+  void requestWillStart(const ZRBRQ_BaseRequestPtr&) override { put("willStart"); }
+  void requestWillStop(const ZRBRQ_BaseRequestPtr&) override { put("willStop"); }
+  void requestDidStop(const ZRBRQ_BaseRequestPtr&) override { put("didStop"); }
+
+  void put(const std::string& event) {
+    std::lock_guard lock(mutex_);
+    events_.push_back(event);
+    EXPECT_TRUE(ZRBDispatch::isMainQueue() || !(event.starts_with("f") || event.starts_with("s"))) << event;
+    changed_.notify_all();
+  }
+  void waitFor(const std::string& event) {
+    std::unique_lock lock(mutex_);
+    EXPECT_TRUE(
+        changed_.wait_for(lock, 30s, [&] { return std::count(events_.begin(), events_.end(), event); }))
+        << "no " << event;
+  }
+  Events events() {
+    std::lock_guard lock(mutex_);
+    return events_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  Events events_;
+};
+
+// Delegate, accessory and both callbacks of `batch` go to one recorder.
+std::shared_ptr<Recorder> record(const ZRBRQ_BatchRequestPtr& batch) {
+  auto recorder = std::make_shared<Recorder>();
+  batch->setDelegate(recorder);
+  batch->addAccessory(recorder);
+  batch->setCompletionBlockWithSuccess([recorder](const auto&) { recorder->put("success"); },
+                                       [recorder](const auto&) { recorder->put("failure"); });
+  return recorder;
+}
+
+bool held(const ZRBRQ_BatchRequestPtr& batch) {
+  const auto running = ZRBRQ_BatchRequestAgent::sharedAgent()->requestArray();
+  return std::find(running.begin(), running.end(), batch) != running.end();
+}
+
+// Until the network agent holds no request and has handled every result, and the main queue has
+// run what that posted (the agent's clean-up of a finished run included).
+void settle() {
+  const auto& agent = ZRBRQ_NetworkAgent::sharedAgent();
+  for (int i = 0; i < 3000 && agent->requestCount() != 0; ++i) std::this_thread::sleep_for(10ms);
+  agent->processingQueue()->syncBarrier([] {});
+  ZRBDispatch::mainQueue()->sync([] {});
+}
+
+class BatchRequestTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ZRBSDKConfig::sharedInstance()->setLogLevel(0);
+    server_.start();
+    server_.respondPrefix("GET", "/ok/", ZRBTestResponse::json(200, R"({"ok":true})"));
+    server_.respond("GET", "/fail", ZRBTestResponse::json(500, "{}"));
+    // "/held" does not answer within a test; "/gated-fail" fails once the test opens its gate.
+    ZRBTestResponse held = ZRBTestResponse::json(200, "{}");
+    held.delayBeforeHeaders = std::chrono::hours(1);
+    server_.respond("GET", "/held", held);
+    server_.handle("GET", "/gated-fail", [opened = failing_.get_future().share()](const auto&) {
+      opened.wait();
+      return ZRBTestResponse::json(500, "{}");
+    });
+    logs_->setCollector([this](long, const std::string&, const std::string& line) {
+      std::lock_guard lock(logMutex_);
+      if (line.starts_with("Error")) log_.push_back(line);  // the batch's own lines
+    });
+    logs_->setCollectAppSdkLogEnable(true);
+  }
+  void TearDown() override {
+    logs_->setCollectAppSdkLogEnable(false);
+    logs_->setCollector(nullptr);
+    if (!opened_) failing_.set_value();
+    settle();
+  }
+  void openGate() {
+    failing_.set_value();
+    opened_ = true;
+  }
+  std::shared_ptr<Member> member(const std::string& path, long cacheTime = -1) {
+    return std::make_shared<Member>(server_.url(path), cacheTime);
+  }
+  Events takeLog() {
+    std::lock_guard lock(logMutex_);
+    return std::exchange(log_, {});
+  }
+
+  ZRBTestServer server_;
+  std::promise<void> failing_;
+  bool opened_ = false;
+  const std::shared_ptr<ZRBAppSdkLogManager>& logs_ = ZRBAppSdkLogManager::sharedInstance();
+  std::mutex logMutex_;
+  Events log_;
+};
+
+TEST_F(BatchRequestTest, InitializerTakesOnlyCachedRequests) {
+  const auto request = member("/ok/1");
+  const auto plain = std::make_shared<ZRBRQ_BaseRequest>();
+  for (const auto& [members, accepted] :
+       std::vector<std::pair<std::vector<ZRBRQ_BaseRequestPtr>, bool>>{{{}, true},
+                                                                       {{request, request}, true},
+                                                                       {{plain}, false},
+                                                                       {{request, plain}, false},
+                                                                       {{nullptr}, false}}) {
+    SCOPED_TRACE(members.size());
+    const auto batch = ZRBRQ_BatchRequest::initWithRequestArray(members);
+    EXPECT_EQ(batch != nullptr, accepted);
+    EXPECT_EQ(takeLog(), accepted ? Events{} : Events{"Error, request item must be KVRequest instance."});
+    EXPECT_EQ(batch ? batch->requestArray().size() : 0, accepted ? members.size() : 0);
+  }
+}
+
+TEST_F(BatchRequestTest, AllMembersSucceedingReportOnceAndTheBatchCannotStartAgain) {
+  const std::vector<std::shared_ptr<Member>> members = {member("/ok/1"), member("/ok/2"), member("/ok/3")};
+  std::atomic<int> memberCallbacks = 0;  // the batch discards them
+  for (const auto& request : members) {
+    request->setCompletionBlockWithSuccess([&](const auto&) { ++memberCallbacks; }, nullptr);
+  }
+  const auto batch = ZRBRQ_BatchRequest::initWithRequestArray({members[0], members[1], members[2]});
+  const auto recorder = record(batch);
+  batch->start();
+  recorder->waitFor("didStop");
+  settle();
+  EXPECT_EQ(recorder->events(), (Events{"willStart", "willStop", "finished", "success", "didStop"}));
+  EXPECT_EQ(batch->finishedCount(), 3);
+  EXPECT_EQ(batch->failedRequest(), nullptr);
+  EXPECT_FALSE(batch->isDataFromCache());
+  EXPECT_EQ(memberCallbacks, 0);
+  EXPECT_FALSE(held(batch));
+
+  batch->setCompletionBlockWithSuccess([&](const auto&) { recorder->put("success"); }, nullptr);
+  batch->start();
+  settle();
+  EXPECT_EQ(takeLog(), Events{"Error! Batch request has already started."});
+  EXPECT_EQ(server_.requestCount(), 3u);
+  EXPECT_EQ(recorder->events().size(), 5u);
+}
+
+TEST_F(BatchRequestTest, SecondMemberFailingStopsEveryMemberAndReportsOnce) {
+  const std::vector<std::shared_ptr<Member>> members = {member("/ok/1"), member("/gated-fail"),
+                                                        member("/held")};
+  std::vector<std::shared_ptr<Recorder>> heard;
+  for (const auto& request : members) request->addAccessory(heard.emplace_back(std::make_shared<Recorder>()));
+  const auto batch = ZRBRQ_BatchRequest::initWithRequestArray({members[0], members[1], members[2]});
+  const auto recorder = record(batch);
+  batch->start();
+  heard[0]->waitFor("willStop");  // the first member has succeeded
+  openGate();
+  recorder->waitFor("didStop");
+  settle();
+  EXPECT_EQ(batch->failedRequest(), members[1]);
+  EXPECT_EQ(batch->finishedCount(), 1);
+  EXPECT_EQ(recorder->events(), (Events{"willStart", "willStop", "failed", "failure", "didStop"}));
+  // The agent's own will-stop (and did-stop on failure) around the stop the batch sends every member.
+  EXPECT_EQ(heard[0]->events(), (Events{"willStart", "willStop", "willStop", "didStop"}));
+  EXPECT_EQ(heard[1]->events(), (Events{"willStart", "willStop", "willStop", "didStop", "didStop"}));
+  // The third, still held by the server, was stopped; its cancelled transfer may reach its
+  // accessories once more, but never the batch.
+  const auto third = heard[2]->events();
+  EXPECT_EQ(Events(third.begin(), third.begin() + std::min<long>(3, std::ssize(third))),
+            (Events{"willStart", "willStop", "didStop"}));
+  for (const auto& request : members) EXPECT_EQ(request->delegate(), nullptr);
+  EXPECT_FALSE(held(batch));
+
+  // No member succeeded in a batch that fails at once, so it may run again.
+  const auto again = ZRBRQ_BatchRequest::initWithRequestArray({member("/fail")});
+  const auto againHeard = record(again);
+  again->start();
+  againHeard->waitFor("didStop");
+  settle();
+  again->start();
+  settle();
+  const auto events = againHeard->events();
+  EXPECT_EQ(std::count(events.begin(), events.end(), "failed"), 2);  // the delegate outlives the callbacks
+  EXPECT_EQ(takeLog(), Events{});
+}
+
+TEST_F(BatchRequestTest, StopAndAnEmptyBatchReportNothing) {
+  const auto running = ZRBRQ_BatchRequest::initWithRequestArray({member("/held"), member("/held")});
+  const auto empty = ZRBRQ_BatchRequest::initWithRequestArray({});
+  const auto runningHeard = record(running);
+  const auto emptyHeard = record(empty);
+  running->start();
+  empty->start();
+  for (const auto& request : running->requestArray()) EXPECT_TRUE(request->isExecuting());
+  running->stop();
+  settle();
+  EXPECT_EQ(runningHeard->events(), (Events{"willStart", "willStop", "didStop"}));
+  EXPECT_FALSE(held(running));
+  EXPECT_EQ(running->successCompletionBlock(), nullptr);
+  // Never reports, and stays with the agent until stopped.
+  EXPECT_EQ(emptyHeard->events(), Events{"willStart"});
+  EXPECT_TRUE(held(empty));
+  EXPECT_TRUE(empty->isDataFromCache());
+  empty->stop();
+  EXPECT_FALSE(held(empty));
+}
+
+TEST_F(BatchRequestTest, MembersFromTheCacheMakeTheBatchCached) {
+  struct Into : ZRBRQ_CacheDirPathFilterProtocol {
+    std::string path = ZRBTestPKI::makeTemporaryDirectory().string();
+    std::string filterCacheDirPath(const std::string&, const ZRBRQ_BaseRequestPtr&) override { return path; }
+  };
+  const auto directory = std::make_shared<Into>();
+  ZRBRQ_NetworkConfig::sharedConfig()->addCacheDirPathFilter(directory);
+  const auto cached = [](const std::vector<ZRBRQ_BaseRequestPtr>& members) {
+    const auto batch = ZRBRQ_BatchRequest::initWithRequestArray(members);
+    const auto recorder = record(batch);
+    batch->start();
+    recorder->waitFor("success");
+    return batch->isDataFromCache();
+  };
+  EXPECT_FALSE(cached({member("/ok/cached", 600)}));  // fills the cache
+  EXPECT_TRUE(cached({member("/ok/cached", 600), member("/ok/cached", 600)}));
+  EXPECT_FALSE(cached({member("/ok/cached", 600), member("/ok/fresh")}));
+  ZRBRQ_NetworkConfig::sharedConfig()->clearCacheDirPathFilter();
+  std::filesystem::remove_all(directory->path);
+}
+
+TEST_F(BatchRequestTest, TheAgentKeepsARunningBatchAndItsEndStopsTheMembers) {
+  const auto request = member("/ok/1");
+  const auto heard = std::make_shared<Recorder>();
+  request->addAccessory(heard);
+  std::weak_ptr<ZRBRQ_BatchRequest> weak;
+  {
+    const auto batch = ZRBRQ_BatchRequest::initWithRequestArray({request});
+    weak = batch;
+    batch->startWithCompletionBlockWithSuccess([heard](const auto&) { heard->put("batch success"); },
+                                               nullptr);
+  }
+  heard->waitFor("batch success");
+  settle();
+  EXPECT_TRUE(weak.expired());
+  // Destruction stopped the member again after its success.
+  EXPECT_EQ(heard->events(), (Events{"willStart", "willStop", "batch success", "willStop", "didStop"}));
+  EXPECT_EQ(request->delegate(), nullptr);
+}
+
+}  // namespace
