@@ -1,7 +1,9 @@
-// camera_client: three requests of the device-and-camera service, written as request subclasses
-// and run against a loopback server, so no network is needed.
+// camera_client: requests of the device-and-camera service, written as request subclasses and run
+// against a loopback server, so no network is needed.
 //
-// - DeviceStatus: a GET whose JSON answer must have the shape its validator describes;
+// - DeviceStatus: a cached GET whose JSON answer must have the shape its validator describes; asked
+//   twice, the second answer comes from the response cache without reaching the server;
+// - a batch of three cached GETs (status, camera settings, firmware) that reports once;
 // - SnapshotUpload: a multipart POST carrying a JPEG snapshot and the capture time;
 // - RecordingDownload: a resumable download with progress, stopped half-way and started again, so
 //   the second run continues from the partial data the first one left behind.
@@ -19,22 +21,37 @@
 #include "http/multipart_form_data.h"
 #include "platform/foundation/url.h"
 #include "request/base_request.h"
+#include "request/batch_request.h"
 #include "request/network_agent.h"
 #include "request/network_config.h"
 #include "request/network_utils.h"
+#include "request/request.h"
 #include "support/test_pki.h"
 #include "support/test_server.h"
 
 namespace {
 
-class DeviceStatus : public ZRBRQ_BaseRequest {
+// Fresh for five minutes; written before the callback so that the next request finds it.
+class DeviceStatus : public ZRBRQ_Request {
  public:
   std::string requestUrl() const override { return "devices/42/status"; }
+  long cacheTimeInSeconds() const override { return 300; }
+  bool writeCacheAsynchronously() const override { return false; }
   ZRBValue jsonValidator() const override {
     return ZRBValue::dictionary(
         {{"online", ZRBValue::classTag(ZRBValueClass::Bool)},
          {"camera", ZRBValue::dictionary({{"fps", ZRBValue::classTag(ZRBValueClass::Number)}})}});
   }
+};
+
+class DeviceInfo : public ZRBRQ_Request {
+ public:
+  explicit DeviceInfo(std::string path) : path_(std::move(path)) {}
+  std::string requestUrl() const override { return path_; }
+  long cacheTimeInSeconds() const override { return 300; }
+
+ private:
+  std::string path_;
 };
 
 class SnapshotUpload : public ZRBRQ_BaseRequest {
@@ -75,6 +92,18 @@ class SigningFilter : public ZRBRQ_UrlFilterProtocol {
   }
 };
 
+// Keeps the example's response cache in a temporary folder rather than the Library directory.
+class TemporaryCacheFolder : public ZRBRQ_CacheDirPathFilterProtocol {
+ public:
+  explicit TemporaryCacheFolder(std::string path) : path_(std::move(path)) {}
+  std::string filterCacheDirPath(const std::string&, const std::shared_ptr<ZRBRQ_BaseRequest>&) override {
+    return path_;
+  }
+
+ private:
+  std::string path_;
+};
+
 // Starts the request and waits for its one callback; true on success.
 bool run(const std::shared_ptr<ZRBRQ_BaseRequest>& request) {
   auto done = std::make_shared<std::promise<bool>>();
@@ -92,6 +121,8 @@ int main() {
   server.start();
   server.respond("GET", "/api/v1/devices/42/status",
                  ZRBTestResponse::json(200, R"({"online":true,"camera":{"fps":30,"name":"Porch"}})"));
+  server.respond("GET", "/api/v1/devices/42/camera", ZRBTestResponse::json(200, R"({"fps":30,"hdr":false})"));
+  server.respond("GET", "/api/v1/devices/42/firmware", ZRBTestResponse::json(200, R"({"version":"4.2.1"})"));
   server.uploadSink("/api/v1/devices/42/snapshots");
   constexpr std::uint64_t kRecordingSize = 4 << 20;
   ZRBTestRangeOptions recording;
@@ -106,12 +137,38 @@ int main() {
   config->setBaseUrl(server.url("/api/v1"));
   config->addUrlFilter(std::make_shared<SigningFilter>());
 
-  auto status = std::make_shared<DeviceStatus>();
-  const bool statusOK = run(status);
-  std::printf("camera_client: GET %s -> %ld %s, fps %lld\n", status->requestUrl().c_str(),
-              status->responseStatusCode(), statusOK ? "valid" : "rejected",
-              status->responseJSONObject()["camera"]["fps"].intValue());
-  std::printf("camera_client:   sent as %s\n", server.requests().front().target.c_str());
+  const auto directory = ZRBTestPKI::makeTemporaryDirectory();
+  config->addCacheDirPathFilter(
+      std::make_shared<TemporaryCacheFolder>((directory / "RequestCache").string()));
+
+  bool statusOK = true;
+  for (int round = 1; round <= 2; ++round) {
+    auto status = std::make_shared<DeviceStatus>();
+    statusOK = run(status) && statusOK;
+    std::printf("camera_client: GET %s -> %s, fps %lld, %s\n", status->requestUrl().c_str(),
+                statusOK ? "valid" : "rejected", status->responseJSONObject()["camera"]["fps"].intValue(),
+                status->isDataFromCache() ? "answered from the cache (the server was not asked)"
+                                          : "from the server, now cached");
+  }
+  std::printf("camera_client:   sent as %s; the server saw %zu status request(s)\n",
+              server.requests().front().target.c_str(), server.requestCount());
+  statusOK = statusOK && server.requestCount() == 1;
+
+  auto batch = ZRBRQ_BatchRequest::initWithRequestArray(
+      {std::make_shared<DeviceStatus>(), std::make_shared<DeviceInfo>("devices/42/camera"),
+       std::make_shared<DeviceInfo>("devices/42/firmware")});
+  std::promise<bool> batchDone;
+  batch->startWithCompletionBlockWithSuccess(
+      [&](const ZRBRQ_BatchRequestPtr&) { batchDone.set_value(true); },
+      [&](const ZRBRQ_BatchRequestPtr&) { batchDone.set_value(false); });
+  const bool batchOK = batchDone.get_future().get();
+  std::printf("camera_client: batch of %zu -> %s, %ld finished, all from the cache: %s\n",
+              batch->requestArray().size(), batchOK ? "ok" : "failed", batch->finishedCount(),
+              batch->isDataFromCache() ? "yes" : "no");
+  for (const auto& request : batch->requestArray()) {
+    std::printf("camera_client:   %-20s %s\n", request->requestUrl().c_str(),
+                request->isDataFromCache() ? "cache" : "server");
+  }
 
   auto upload = std::make_shared<SnapshotUpload>(std::string(48 * 1024, '\xd8'));
   const bool uploadOK = run(upload);
@@ -119,7 +176,6 @@ int main() {
               upload->requestUrl().c_str(), upload->responseStatusCode(), uploadOK ? "ok" : "failed",
               upload->responseJSONObject()["bytes"].intValue());
 
-  const auto directory = ZRBTestPKI::makeTemporaryDirectory();
   const std::string target = (directory / "7.mp4").string();
   auto first = std::make_shared<RecordingDownload>();
   first->setResumableDownloadPath(target);
@@ -153,5 +209,5 @@ int main() {
               downloadOK ? "ok" : "failed", static_cast<unsigned long long>(size),
               size == kRecordingSize ? "complete" : "incomplete");
   std::filesystem::remove_all(directory);
-  return statusOK && uploadOK && downloadOK && size == kRecordingSize ? 0 : 1;
+  return statusOK && batchOK && uploadOK && downloadOK && size == kRecordingSize ? 0 : 1;
 }
