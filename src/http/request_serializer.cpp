@@ -77,14 +77,51 @@ std::string ZRBHS_DefaultUserAgent() {
   return userAgent;
 }
 
+namespace {
+
+// The default headers of a fresh serializer, shared by all of them (a serializer replaces its
+// headers whole when they change). Derived once per process and again only after the language
+// override, a bundle's information map or the device facts changed: serializers are made per
+// request, and deriving the two values costs more than the rest of building a request.
+std::shared_ptr<const ZRBHS_HTTPRequestSerializer::HeaderFields> defaultHeaderFields() {
+  struct Generations {
+    std::uint64_t locale, bundle, device;
+    bool operator==(const Generations&) const = default;
+  };
+  static std::mutex mutex;
+  static std::optional<Generations> derivedAt;
+  static std::shared_ptr<const ZRBHS_HTTPRequestSerializer::HeaderFields> fields;
+
+  // Read before the values: a change that lands while they are derived leaves an older mark, so
+  // the next serializer derives them again.
+  const Generations now{ZRBLocale::overrideGeneration(), ZRBBundle::infoGeneration(),
+                        ZRBDevice::generation()};
+  {
+    std::lock_guard lock(mutex);
+    if (derivedAt == now) return fields;
+  }
+  auto derived = std::make_shared<const ZRBHS_HTTPRequestSerializer::HeaderFields>(
+      ZRBHS_HTTPRequestSerializer::HeaderFields{
+          {"Accept-Language", ZRBHS_AcceptLanguageHeaderValue(ZRBLocale::preferredLanguages())},
+          {"User-Agent", ZRBHS_DefaultUserAgent()}});
+  std::lock_guard lock(mutex);
+  derivedAt = now;
+  fields = derived;
+  return derived;
+}
+
+const std::shared_ptr<const std::set<std::string>>& defaultMethodsInURI() {
+  static const auto methods =
+      std::make_shared<const std::set<std::string>>(std::set<std::string>{"GET", "HEAD", "DELETE"});
+  return methods;
+}
+
+}  // namespace
+
 // ---- ZRBHS_HTTPRequestSerializer ----
 
 ZRBHS_HTTPRequestSerializer::ZRBHS_HTTPRequestSerializer()
-    : methodsInURI_(
-          std::make_shared<const std::set<std::string>>(std::set<std::string>{"GET", "HEAD", "DELETE"})),
-      headers_(std::make_shared<const HeaderFields>(
-          HeaderFields{{"Accept-Language", ZRBHS_AcceptLanguageHeaderValue(ZRBLocale::preferredLanguages())},
-                       {"User-Agent", ZRBHS_DefaultUserAgent()}})) {}
+    : methodsInURI_(defaultMethodsInURI()), headers_(defaultHeaderFields()) {}
 
 ZRBHS_HTTPRequestSerializerPtr ZRBHS_HTTPRequestSerializer::serializer() {
   return std::make_shared<ZRBHS_HTTPRequestSerializer>();
@@ -303,7 +340,13 @@ ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::requestWithMethod(
   lock.unlock();
 
   ZRBURLRequestPtr serialized = requestBySerializingRequest(request, parameters, error);
-  return serialized ? serialized->mutableCopy() : nullptr;
+  if (!serialized) return nullptr;
+  // The serialized request is usually a fresh mutable copy nobody else holds: hand it out as it is.
+  if (serialized.use_count() == 1) {
+    if (auto mutableRequest = std::dynamic_pointer_cast<ZRBMutableURLRequest>(serialized))
+      return mutableRequest;
+  }
+  return serialized->mutableCopy();
 }
 
 ZRBURLRequestPtr ZRBHS_HTTPRequestSerializer::requestBySerializingRequest(const ZRBURLRequestPtr& request,

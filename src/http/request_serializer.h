@@ -18,7 +18,10 @@
 // "en-US;q=1, de;q=0.9, ..."); "User-Agent" is "<executable>/<version> (<model>; iOS <system
 // version>; Scale/<scale with two decimals>)", reduced to ASCII when needed, from the main bundle's
 // information map (CFBundleExecutable, else CFBundleIdentifier, else the executable's file name;
-// CFBundleShortVersionString, else CFBundleVersion) and ZRBDevice.
+// CFBundleShortVersionString, else CFBundleVersion) and ZRBDevice. Both are derived once per
+// process (the environment's languages as they are then) and shared by the fresh serializers; a
+// language override, a change of a bundle's information map or of the device facts makes the next
+// fresh serializer derive them again.
 //
 // Programming errors (a missing method, URL string or request, an unparsable URL) are ZRBAssert
 // failures naming "method", "URLString", "url" or "request".

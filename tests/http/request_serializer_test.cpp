@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,37 @@ TEST_F(RequestSerializer, DefaultHeadersCarryLanguagesAndTheUserAgent) {
         ZRBValue::dictionary({{"CFBundleExecutable", c.name}, {"CFBundleVersion", "1"}}));
     std::string userAgent = ZRBHS_DefaultUserAgent();
     EXPECT_EQ(userAgent.substr(0, userAgent.find('/')), c.product);
+  }
+}
+
+// The defaults are derived once and shared; each thing they derive from, changed, shows in the next
+// serializer, while one made before keeps what it had.
+TEST_F(RequestSerializer, DefaultHeadersFollowChangesOfWhatTheyDeriveFrom) {
+  struct Case {
+    const char* change;
+    std::function<void()> apply;
+    const char* field;
+    std::string expected;
+  };
+  const std::vector<Case> cases{
+      {"language override", [] { ZRBLocale::setPreferredLanguages(std::vector<std::string>{"fr"}); },
+       "Accept-Language", "fr;q=1"},
+      {"information map",
+       [] {
+         ZRBBundle::mainBundle()->setInfoDictionary(
+             ZRBValue::dictionary({{"CFBundleExecutable", "Other"}, {"CFBundleVersion", "9"}}));
+       },
+       "User-Agent", "Other/9 ("},
+      {"screen scale", [] { ZRBDevice::currentDevice()->setScreenScale(3); }, "User-Agent", "Scale/3.00)"},
+  };
+  for (const Case& c : cases) {
+    auto before = ZRBHS_HTTPRequestSerializer::serializer();
+    const std::string previous = before->valueForHTTPHeaderField(c.field).value_or("");
+    c.apply();
+    const std::string now =
+        ZRBHS_HTTPRequestSerializer::serializer()->valueForHTTPHeaderField(c.field).value_or("");
+    EXPECT_NE(now.find(c.expected), std::string::npos) << c.change << ": " << now;
+    EXPECT_EQ(before->valueForHTTPHeaderField(c.field), previous) << c.change;
   }
 }
 

@@ -1,6 +1,7 @@
 #include "platform/foundation/locale.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <mutex>
 
@@ -10,6 +11,8 @@ std::mutex& overrideMutex() {
   static std::mutex mutex;
   return mutex;
 }
+
+std::atomic<std::uint64_t> overrideChanges{0};
 
 std::optional<std::vector<std::string>>& overrideList() {
   static std::optional<std::vector<std::string>> list;
@@ -120,4 +123,7 @@ void ZRBLocale::setPreferredLanguages(std::optional<std::vector<std::string>> la
   std::lock_guard lock(overrideMutex());
   if (languages && languages->empty()) languages.reset();
   overrideList() = std::move(languages);
+  overrideChanges.fetch_add(1, std::memory_order_release);
 }
+
+std::uint64_t ZRBLocale::overrideGeneration() { return overrideChanges.load(std::memory_order_acquire); }

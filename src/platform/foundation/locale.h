@@ -8,6 +8,7 @@
 // itself (tests do).
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,9 @@ class ZRBLocale {
   static std::vector<std::string> preferredLanguages();
   // A non-empty list replaces the environment's; nullopt or an empty list returns to it.
   static void setPreferredLanguages(std::optional<std::vector<std::string>> languages);
+  // Counts setPreferredLanguages calls, so that values derived from the list once per process
+  // (the serializers' "Accept-Language") know when to derive them again.
+  static std::uint64_t overrideGeneration();
 
   // The language tag of a POSIX locale name; nullopt for an empty or unusable name. "C" and
   // "POSIX" (with any codeset) give "en".

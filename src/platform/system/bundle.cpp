@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -13,6 +14,8 @@
 #include "platform/system/localized_string.h"
 
 namespace {
+
+std::atomic<std::uint64_t> infoChanges{0};
 
 // An information map is small; anything larger than this is not one.
 constexpr std::streamsize kMaximumInfoPlistSize = 16 << 20;
@@ -157,12 +160,16 @@ std::string ZRBBundle::executableName() const {
 void ZRBBundle::setInfoDictionary(ZRBValue dictionary) {
   std::lock_guard lock(mutex_);
   info_ = dictionary.isDictionary() ? std::move(dictionary) : ZRBValue::dictionary({});
+  infoChanges.fetch_add(1, std::memory_order_release);
 }
 
 void ZRBBundle::resetInfoDictionary() {
   std::lock_guard lock(mutex_);
   info_.reset();
   if (followsEnvironment_) infoPlistPath_ = mainInfoPlistPath(bundlePath_);
+  infoChanges.fetch_add(1, std::memory_order_release);
 }
+
+std::uint64_t ZRBBundle::infoGeneration() { return infoChanges.load(std::memory_order_acquire); }
 
 std::string ZRBBundle::description() const { return "ZRBBundle <" + bundlePath_ + "> (loaded)"; }

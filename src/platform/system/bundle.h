@@ -13,6 +13,7 @@
 // All operations are safe from any thread.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -62,6 +63,9 @@ class ZRBBundle final : public ZRBObject {
   // Forgets the map, also one set by the host, so the next use reads the file again. For the
   // main bundle the file's path is looked up again too (ORVELKIT_INFO_PLIST may have changed).
   void resetInfoDictionary();
+  // Counts the calls of the two above on any bundle, so that values derived from a map once per
+  // process (the serializers' "User-Agent") know when to derive them again.
+  static std::uint64_t infoGeneration();
 
   std::string className() const override { return "ZRBBundle"; }
   // "ZRBBundle <path> (loaded)", as the platform words it.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -12,6 +13,8 @@
 #include "platform/foundation/crypto.h"
 
 namespace {
+
+std::atomic<std::uint64_t> factChanges{0};
 
 constexpr const char* kDefaultDMIProductNamePath = "/sys/class/dmi/id/product_name";
 constexpr const char* kDefaultOSReleasePath = "/etc/os-release";
@@ -167,12 +170,14 @@ void ZRBDevice::setDMIProductNamePath(std::optional<std::string> path) {
   std::lock_guard lock(mutex_);
   dmiProductNamePath_ = std::move(path);
   facts_.reset();
+  factChanges.fetch_add(1, std::memory_order_release);
 }
 
 void ZRBDevice::setOSReleasePath(std::optional<std::string> path) {
   std::lock_guard lock(mutex_);
   osReleasePath_ = std::move(path);
   facts_.reset();
+  factChanges.fetch_add(1, std::memory_order_release);
 }
 
 double ZRBDevice::screenScale() const {
@@ -183,4 +188,7 @@ double ZRBDevice::screenScale() const {
 void ZRBDevice::setScreenScale(double scale) {
   std::lock_guard lock(mutex_);
   if (scale > 0) screenScale_ = scale;
+  factChanges.fetch_add(1, std::memory_order_release);
 }
+
+std::uint64_t ZRBDevice::generation() { return factChanges.load(std::memory_order_acquire); }

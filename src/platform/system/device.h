@@ -4,6 +4,7 @@
 // may point the readers at other files (which drops what was kept).
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -45,6 +46,10 @@ class ZRBDevice final : public ZRBObject {
   // Pixels per point of the main screen: 1 unless the host sets another (positive) value.
   double screenScale() const;
   void setScreenScale(double scale);
+  // Counts the calls of the setters of the model, the system facts and the scale, so that values
+  // derived from them once per process (the serializers' "User-Agent") know when to derive them
+  // again.
+  static std::uint64_t generation();
 
   std::string className() const override { return "ZRBDevice"; }
 
