@@ -589,6 +589,10 @@ void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& r
 void ZRBRQ_NetworkAgent::cancelRequest(const ZRBRQ_BaseRequestPtr& request) {
   ZRBAssertNamed(request != nullptr, "request != nil");
   if (!request) return;
+  // Let go of the request before cancelling: the cancelled task's completion may run on another
+  // thread at once, and must find nothing to deliver to.
+  removeRequestFromRecord(request);
+  request->clearCompletionBlock();
   const auto task = request->requestTask();
   const auto downloadPath = request->resumableDownloadPath();
   auto download = std::dynamic_pointer_cast<ZRBURLSessionDownloadTask>(task);
@@ -598,8 +602,6 @@ void ZRBRQ_NetworkAgent::cancelRequest(const ZRBRQ_BaseRequestPtr& request) {
   } else if (task) {
     task->cancel();
   }
-  removeRequestFromRecord(request);
-  request->clearCompletionBlock();
 }
 
 void ZRBRQ_NetworkAgent::cancelAllRequests() {

@@ -10,14 +10,17 @@
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <mutex>
 #include <random>
 #include <thread>
 
+#include "http/url_session_manager.h"
 #include "platform/foundation/assert.h"
 #include "platform/foundation/url.h"
 #include "platform/net/url_request.h"
 #include "platform/runtime/dispatch.h"
+#include "platform/runtime/notification_center.h"
 #include "platform/system/file_manager.h"
 #include "request/base_request.h"
 #include "request/network_config.h"
@@ -290,23 +293,31 @@ TEST(NetworkAgentSerializerTest, SerializerFollowsTheRequest) {
 }
 
 TEST_F(NetworkAgentTest, StopBeforeCompletionDeliversOnlyTheAccessoryStops) {
-  ZRBTestResponse slow = ZRBTestResponse::json(200, "{}");
-  slow.delayBeforeHeaders = 300ms;
-  server_.respond("GET", "/slow", slow);
-  auto group = std::make_shared<ZRBDispatchGroup>();
-  ZRBRQ_NetworkAgent::sharedAgent()->manager()->setCompletionGroup(group);
-  auto request = makeRequest(server_.url("/slow"));
+  // The answer waits for the test, so the stop comes first however slowly this thread runs.
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  server_.handle("GET", "/held", [released](const ZRBTestRecordedRequest&) {
+    released.wait_for(30s);
+    return ZRBTestResponse::json(200, "{}");
+  });
+  auto request = makeRequest(server_.url("/held"));
   auto recorder = record(request);
   auto second = std::make_shared<Recorder>("2:");
   request->addAccessory(second);
   request->start();
+  // Posted on the main queue once the cancelled task's completion has run.
+  auto completed = std::make_shared<Recorder>();
+  auto observer = ZRBNotificationCenter::defaultCenter()->addObserver(
+      ZRBHS_NetworkingTaskDidCompleteNotification, ZRBValue(request->requestTask()), nullptr,
+      [completed](const ZRBNotificationPtr&) { completed->put("completed"); });
   request->stop();
-  EXPECT_TRUE(group->wait(30s));  // the cancelled task's completion has run
+  release.set_value();
+  EXPECT_EQ(completed->waitFor("completed").size(), 1u);
+  ZRBNotificationCenter::defaultCenter()->removeObserver(observer);
   settle();
   EXPECT_EQ(recorder->events(), (std::vector<std::string>{"willStart", "willStop", "didStop"}));
   EXPECT_EQ(second->events(), (std::vector<std::string>{"2:willStart", "2:willStop", "2:didStop"}));
   EXPECT_EQ(request->delegate(), nullptr);
-  ZRBRQ_NetworkAgent::sharedAgent()->manager()->setCompletionGroup(nullptr);
 }
 
 TEST_F(NetworkAgentTest, SuccessCallsDidStopOnlyFromLogLevelThree) {
