@@ -97,9 +97,11 @@ int watch(const ZRBHS_NetworkReachabilityManagerPtr& manager) {
   manager->setReachabilityStatusChangeBlock([weakManager](ZRBHS_NetworkReachabilityStatus status) {
     auto self = weakManager.lock();
     if (!self) return;
-    // Re-read for the flags: on the main queue this never waits for a name server.
+    // Re-read for the flags: on the main queue this never waits for a name server. The report may
+    // predate a change that the re-read already sees (its own report follows), so the status is
+    // taken from the flags printed beside it.
     ZRBNetworkReachabilityFlags flags = 0;
-    self->networkReachability()->getFlags(flags);
+    if (self->networkReachability()->getFlags(flags)) status = ZRBHS_NetworkReachabilityStatusForFlags(flags);
     std::printf("%s %s %s\n", timestamp().c_str(), ZRBHS_StringFromNetworkReachabilityStatus(status),
                 flagsText(flags).c_str());
     std::fflush(stdout);
