@@ -2,9 +2,6 @@
 // delivered, the file names and directory, damaged entries, and entries left by a writer killed
 // half-way.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,14 +12,12 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
-#include <random>
-#include <thread>
+#include <tuple>
 
 #include "http/security_policy.h"
 #include "platform/foundation/keyed_archiver.h"
 #include "platform/system/bundle.h"
 #include "platform/system/file_manager.h"
-#include "request/network_agent.h"
 #include "request/network_config.h"
 #include "request/request.h"
 #include "settings/app_sdk_log_manager.h"
@@ -53,41 +48,26 @@ class CachedRequest : public ZRBRQ_Request {
   bool writeCacheAsynchronously() const override { return async; }
 };
 
-// What reached a request, in order, and whether all of it ran on the main queue.
+// What reached a request, in order, and whether any of it (but willStart) ran off the main queue.
 class Recorder : public ZRBRQ_RequestDelegate, public ZRBRQ_RequestAccessory {
  public:
   void requestFinished(const ZRBRQ_BaseRequestPtr&) override { put("finished"); }
-  void requestFailed(const ZRBRQ_BaseRequestPtr&) override { put("failed"); }
   void requestWillStart(const ZRBRQ_BaseRequestPtr&) override { put("willStart"); }
   void requestWillStop(const ZRBRQ_BaseRequestPtr&) override { put("willStop"); }
-  void requestDidStop(const ZRBRQ_BaseRequestPtr&) override { put("didStop"); }
-
   void put(const std::string& event) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(mutex);
     events.push_back(event);
-    if (event != "willStart" && !ZRBDispatch::isMainQueue()) offMain = true;
-    changed_.notify_all();
+    offMain = offMain || (event != "willStart" && !ZRBDispatch::isMainQueue());
+    changed.notify_all();
   }
-  // Waits for the success or failure callback, then for the main queue to be idle.
-  void waitForOutcome() {
-    {
-      std::unique_lock lock(mutex_);
-      changed_.wait_for(lock, 30s, [&] {
-        return std::find_if(events.begin(), events.end(),
-                            [](const auto& e) { return e == "success" || e == "failure"; }) != events.end();
-      });
-    }
-    ZRBDispatch::mainQueue()->sync([] {});
-  }
-
   std::vector<std::string> events;
   bool offMain = false;
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
+  std::mutex mutex;
+  std::condition_variable changed;
 };
 
+// Starts the request and waits for its callback. A write (synchronous, or queued on the writing
+// queue) is under way before the callback is queued, so it is done once the writing queue is idle.
 std::shared_ptr<Recorder> run(const std::shared_ptr<CachedRequest>& request) {
   auto recorder = std::make_shared<Recorder>();
   request->setDelegate(recorder);
@@ -95,12 +75,13 @@ std::shared_ptr<Recorder> run(const std::shared_ptr<CachedRequest>& request) {
   request->startWithCompletionBlockWithSuccess(
       [recorder](const ZRBRQ_BaseRequestPtr&) { recorder->put("success"); },
       [recorder](const ZRBRQ_BaseRequestPtr&) { recorder->put("failure"); });
-  recorder->waitForOutcome();
-  // The agent's clean-up follows the callbacks on the main queue; asynchronous writes follow on
-  // the writing queue.
-  for (int i = 0; i < 3000 && ZRBRQ_NetworkAgent::sharedAgent()->requestCount() != 0; ++i) {
-    std::this_thread::sleep_for(1ms);
-  }
+  std::unique_lock lock(recorder->mutex);
+  recorder->changed.wait_for(lock, 30s, [&] {
+    const auto& e = recorder->events;
+    return !e.empty() && (e.back() == "success" || e.back() == "failure");
+  });
+  lock.unlock();
+  ZRBDispatch::mainQueue()->sync([] {});
   KVrequest_cache_writing_queue()->sync([] {});
   return recorder;
 }
@@ -181,8 +162,7 @@ class RequestCacheTest : public testing::Test {
 
 TEST_F(RequestCacheTest, DefaultCacheTimeAlwaysGoesToTheNetworkAndWritesNothing) {
   for (int i = 0; i < 2; ++i) {
-    auto request = std::make_shared<CachedRequest>();
-    request->url = server_.url("/status");
+    auto request = makeRequest();
     request->cacheTime = -1;
     run(request);
     EXPECT_EQ(cacheErrorCode(request), ZRBRequestCacheErrorInvalidCacheTime);
@@ -246,124 +226,98 @@ TEST_F(RequestCacheTest, HitDecodesWithTheStoredEncodingAndTheRequestsSerializer
   }
 }
 
+// Rewrites the entry's metadata as it would be, but with another creation date.
+void writtenAt(CachedRequest& request, std::optional<ZRBDate> date) {
+  ZRBRQ_CacheMetadata metadata;
+  metadata.setVersion(0);
+  metadata.setStringEncoding(ZRBUTF8StringEncoding);
+  metadata.setAppVersionString("1.0");
+  metadata.setCreationDate(date);
+  ASSERT_TRUE(ZRBKeyedArchiver::archiveRootObjectToFile(metadata, request.cacheMetadataFilePath()));
+}
+
+void appVersion(const char* version) {
+  ZRBBundle::mainBundle()->setInfoDictionary(
+      version ? ZRBValue::dictionary({{"CFBundleShortVersionString", version}}) : ZRBValue());
+}
+
 TEST_F(RequestCacheTest, ChangedConditionsInvalidateTheEntryAndGoToTheNetwork) {
-  struct Case {
-    const char* name;
-    std::function<void(CachedRequest&)> change;
-    long code;
-  };
-  const std::vector<Case> cases = {
+  const double now = ZRBDate::now().secondsSince1970;
+  const std::vector<std::tuple<const char*, std::function<void(CachedRequest&)>, long>> cases = {
+      {"written a minute ago", [&](CachedRequest& r) { writtenAt(r, ZRBDate{now - 60}); }, 0},
       {"cache time 0", [](CachedRequest& r) { r.cacheTime = 0; }, ZRBRequestCacheErrorExpired},
+      {"written two hours ago", [&](CachedRequest& r) { writtenAt(r, ZRBDate{now - 7200}); },
+       ZRBRequestCacheErrorExpired},
+      {"clock moved back", [&](CachedRequest& r) { writtenAt(r, ZRBDate{now + 600}); },
+       ZRBRequestCacheErrorExpired},
+      {"date not a number", [](CachedRequest& r) { writtenAt(r, ZRBDate{std::nan("")}); },
+       ZRBRequestCacheErrorExpired},
+      {"no date", [](CachedRequest& r) { writtenAt(r, std::nullopt); }, ZRBRequestCacheErrorExpired},
       {"version", [](CachedRequest& r) { r.version = 2; }, ZRBRequestCacheErrorVersionMismatch},
       {"sensitive data", [](CachedRequest& r) { r.sensitive = ZRBValue("user-2"); },
        ZRBRequestCacheErrorSensitiveDataMismatch},
-      {"app version",
-       [](CachedRequest&) {
-         ZRBBundle::mainBundle()->setInfoDictionary(
-             ZRBValue::dictionary({{"CFBundleShortVersionString", "1.1"}}));
-       },
-       ZRBRequestCacheErrorAppVersionMismatch},
-      {"app version gone", [](CachedRequest&) { ZRBBundle::mainBundle()->setInfoDictionary(ZRBValue()); },
+      {"app version", [](CachedRequest&) { appVersion("1.1"); }, ZRBRequestCacheErrorAppVersionMismatch},
+      {"app version gone", [](CachedRequest&) { appVersion(nullptr); },
        ZRBRequestCacheErrorAppVersionMismatch},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    ZRBBundle::mainBundle()->setInfoDictionary(ZRBValue::dictionary({{"CFBundleShortVersionString", "1.0"}}));
+  for (const auto& [name, change, code] : cases) {
+    SCOPED_TRACE(name);
+    appVersion("1.0");
     fs::remove_all(library_ / "RequestCache");
     filled();
     auto request = makeRequest();
-    c.change(*request);
-    EXPECT_EQ(cacheErrorCode(request), c.code);
+    change(*request);
+    EXPECT_EQ(cacheErrorCode(request), code);
     const std::size_t before = server_.requestCount();
     EXPECT_EQ(run(request)->events.back(), "success");
-    EXPECT_EQ(server_.requestCount(), before + 1);
-    EXPECT_FALSE(request->isDataFromCache());
+    EXPECT_EQ(server_.requestCount(), before + (code ? 1 : 0));
+    EXPECT_EQ(request->isDataFromCache(), code == 0);
   }
 }
 
-TEST_F(RequestCacheTest, EntryFromAMovedClockOrWithoutDatesIsExpired) {
-  auto request = filled();
-  const std::string path = request->cacheMetadataFilePath();
-  const auto rewrite = [&](std::optional<ZRBDate> date) {
-    ZRBRQ_CacheMetadata metadata;
-    metadata.setVersion(0);
-    metadata.setStringEncoding(ZRBUTF8StringEncoding);
-    metadata.setAppVersionString("1.0");
-    metadata.setCreationDate(date);
-    ASSERT_TRUE(ZRBKeyedArchiver::archiveRootObjectToFile(metadata, path));
-  };
-  const double now = ZRBDate::now().secondsSince1970;
-  rewrite(ZRBDate{now - 60});
-  EXPECT_EQ(cacheErrorCode(request), 0);
-  for (auto date : {std::optional<ZRBDate>(ZRBDate{now - 7200}), std::optional<ZRBDate>(ZRBDate{now + 600}),
-                    std::optional<ZRBDate>(ZRBDate{std::nan("")}), std::optional<ZRBDate>()}) {
-    rewrite(date);
-    EXPECT_EQ(cacheErrorCode(request), ZRBRequestCacheErrorExpired);
-  }
-}
-
-TEST_F(RequestCacheTest, FileNameUsesTheConfigurationsBaseUrlNeverTheRequests) {
+TEST_F(RequestCacheTest, FilesAreNamedWithTheConfigurationsBaseUrlInAMarkedDirectory) {
+  writeFile((library_ / "RequestCache").string(), "a plain file where the directory should be");
   auto a = makeRequest();
   auto b = makeRequest();
   b->base = "http://127.0.0.1:1/elsewhere/";
   EXPECT_EQ(a->cacheFilePath(), b->cacheFilePath());
   EXPECT_EQ(b->cacheMetadataFilePath(), b->cacheFilePath() + ".metadata");
   EXPECT_EQ(fs::path(a->cacheFilePath()).parent_path(), library_ / "RequestCache");
+  EXPECT_TRUE(fs::is_directory(library_ / "RequestCache"));
+  EXPECT_TRUE(ZRBFileManager::defaultManager()->isExcludedFromBackup((library_ / "RequestCache").string()));
   const std::string before = a->cacheFileName();
-  EXPECT_EQ(before.size(), 32u);
   ZRBRQ_NetworkConfig::sharedConfig()->setBaseUrl("http://127.0.0.1:2/");
   EXPECT_NE(a->cacheFileName(), before);
 }
 
-TEST_F(RequestCacheTest, PlainFileWhereTheDirectoryShouldBeIsReplacedByAMarkedDirectory) {
-  writeFile((library_ / "RequestCache").string(), "not a directory");
-  auto request = filled();
-  EXPECT_TRUE(fs::is_directory(library_ / "RequestCache"));
-  EXPECT_TRUE(ZRBFileManager::defaultManager()->isExcludedFromBackup((library_ / "RequestCache").string()));
-  EXPECT_EQ(cacheErrorCode(request), 0);
-}
-
 TEST_F(RequestCacheTest, DamagedEntriesMissWithTheirCodeAndGoToTheNetwork) {
+  const auto policy =
+      ZRBKeyedArchiver::archivedDataWithRootObject(*ZRBHS_SecurityPolicy::defaultPolicy(), true);
+  const std::string otherClass(policy->begin(), policy->end());
+  const std::string directory = "a directory";  // unreadable as a file
   struct Case {
     const char* name;
-    std::function<void(CachedRequest&)> damage;
+    bool metadata;  // else the body
+    std::optional<std::string> contents;
     long code;
   };
-  const auto policyArchive = [] {
-    auto bytes = ZRBKeyedArchiver::archivedDataWithRootObject(*ZRBHS_SecurityPolicy::defaultPolicy(), true);
-    return std::string(bytes->begin(), bytes->end());
-  };
-  const std::vector<Case> cases = {
-      {"metadata not an archive", [](CachedRequest& r) { writeFile(r.cacheMetadataFilePath(), "garbage"); },
-       ZRBRequestCacheErrorInvalidMetadata},
-      {"metadata of another class",
-       [&](CachedRequest& r) { writeFile(r.cacheMetadataFilePath(), policyArchive()); },
-       ZRBRequestCacheErrorInvalidMetadata},
-      {"metadata unreadable",
-       [](CachedRequest& r) {
-         fs::remove(r.cacheMetadataFilePath());
-         fs::create_directory(r.cacheMetadataFilePath());
-       },
-       ZRBRequestCacheErrorInvalidMetadata},
-      {"JSON body no longer parses", [](CachedRequest& r) { writeFile(r.cacheFilePath(), "<html>"); },
-       ZRBRequestCacheErrorInvalidCacheData},
-      {"truncated body", [](CachedRequest& r) { writeFile(r.cacheFilePath(), kBody.substr(0, 9)); },
-       ZRBRequestCacheErrorInvalidCacheData},
-      {"body missing", [](CachedRequest& r) { fs::remove(r.cacheFilePath()); },
-       ZRBRequestCacheErrorInvalidCacheData},
-      {"body unreadable",
-       [](CachedRequest& r) {
-         fs::remove(r.cacheFilePath());
-         fs::create_directory(r.cacheFilePath());
-       },
-       ZRBRequestCacheErrorInvalidCacheData},
-  };
-  for (const Case& c : cases) {
+  for (const Case& c :
+       {Case{"metadata not an archive", true, "garbage", ZRBRequestCacheErrorInvalidMetadata},
+        Case{"metadata of another class", true, otherClass, ZRBRequestCacheErrorInvalidMetadata},
+        Case{"metadata unreadable", true, directory, ZRBRequestCacheErrorInvalidMetadata},
+        Case{"JSON body no longer parses", false, "<html>", ZRBRequestCacheErrorInvalidCacheData},
+        Case{"truncated body", false, std::string(kBody.substr(0, 9)), ZRBRequestCacheErrorInvalidCacheData},
+        Case{"body missing", false, std::nullopt, ZRBRequestCacheErrorInvalidCacheData},
+        Case{"body unreadable", false, directory, ZRBRequestCacheErrorInvalidCacheData}}) {
     SCOPED_TRACE(c.name);
     fs::remove_all(library_ / "RequestCache");
-    filled();
-    auto request = makeRequest();
-    c.damage(*request);
+    auto request = filled();
+    const std::string path = c.metadata ? request->cacheMetadataFilePath() : request->cacheFilePath();
+    fs::remove(path);
+    if (c.contents == directory)
+      fs::create_directory(path);
+    else if (c.contents)
+      writeFile(path, *c.contents);
     EXPECT_EQ(cacheErrorCode(request), c.code);
     const std::size_t before = server_.requestCount();
     EXPECT_EQ(run(request)->events.size(), 4u);  // willStart, willStop, finished, success
@@ -398,32 +352,12 @@ class MistypedMetadata : public ZRBCoding {
   std::string codingClassName() const override { return "ZRBRQ_CacheMetadata"; }
 };
 
-TEST(RequestCacheMetadata, ArchivesItsFiveKeysAndReadsMistypedEntriesAsNull) {
-  ZRBRQ_CacheMetadata metadata;
-  metadata.setVersion(-7);
-  metadata.setSensitiveDataString("token");
-  metadata.setStringEncoding(ZRBISOLatin1StringEncoding);
-  metadata.setCreationDate(ZRBDate{1700000000.25});
-  metadata.setAppVersionString("2.3");
-  const auto bytes = ZRBKeyedArchiver::archivedDataWithRootObject(metadata, true);
-  ASSERT_TRUE(bytes);
-  const auto back = ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBRQ_CacheMetadata>(*bytes);
-  ASSERT_TRUE(back);
-  EXPECT_EQ(back->version(), -7);
-  EXPECT_EQ(back->sensitiveDataString(), "token");
-  EXPECT_EQ(back->stringEncoding(), ZRBISOLatin1StringEncoding);
-  EXPECT_EQ(back->creationDate(), ZRBDate{1700000000.25});
-  EXPECT_EQ(back->appVersionString(), "2.3");
-
+TEST(RequestCacheMetadata, MistypedEntriesReadAsNull) {
   const auto mistyped = ZRBKeyedArchiver::archivedDataWithRootObject(MistypedMetadata(), false);
-  ASSERT_TRUE(mistyped);
   const auto nulls = ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBRQ_CacheMetadata>(*mistyped);
   ASSERT_TRUE(nulls);
-  EXPECT_FALSE(nulls->version());
-  EXPECT_FALSE(nulls->sensitiveDataString());
-  EXPECT_FALSE(nulls->stringEncoding());
-  EXPECT_FALSE(nulls->creationDate());
-  EXPECT_FALSE(nulls->appVersionString());
+  EXPECT_FALSE(nulls->version() || nulls->sensitiveDataString() || nulls->stringEncoding() ||
+               nulls->creationDate() || nulls->appVersionString());
 }
 
 }  // namespace
