@@ -2,8 +2,10 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <exception>
+#include <functional>
 #include <utility>
 
 #include "platform/foundation/foundation_version.h"
@@ -40,6 +42,14 @@ std::string failureReason(const ZRBErrorPtr& error) {
 // The same test for sensitive data and application versions: either present and not equal.
 bool stringsDiffer(const std::optional<std::string>& stored, const std::optional<std::string>& current) {
   return (stored || current) && stored != current;
+}
+
+// Writers of one entry in this process take turns: asynchronous writes share the serial writing
+// queue, but synchronous ones run on the agent's concurrent queue, and two interleaved writers
+// could pair one's body with the other's record.
+std::mutex& writeLockFor(const std::string& path) {
+  static std::array<std::mutex, 16> locks;
+  return locks[std::hash<std::string>{}(path) % locks.size()];
 }
 
 }  // namespace
@@ -290,6 +300,7 @@ void ZRBRQ_Request::saveResponseDataToCacheFile(const ZRBValue& data) {
     const auto& fileManager = ZRBFileManager::defaultManager();
     const std::string bodyPath = cacheFilePath();
     const std::string metadataPath = bodyPath + ".metadata";
+    std::lock_guard turn(writeLockFor(bodyPath));
     ZRBErrorPtr error;
     // The old record goes first: until the new one is in place the entry is a miss, so no
     // interruption can leave a new body under the old record (or the reverse).

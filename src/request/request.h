@@ -46,6 +46,7 @@
 // file is removed first, then the body and then the new metadata are each written to a temporary
 // file and renamed into place: a writer killed at any point leaves the old entry, the new one, or a
 // body without metadata (a miss), never a body under metadata that was written for another one.
+// Writers of one entry in one process take turns.
 // Write failures are logged ("Save cache failed, reason = %@") and otherwise ignored.
 //
 // Log texts (through ZRBNetworkLog): "Load cache metadata failed, reason = %@",

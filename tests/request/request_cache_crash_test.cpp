@@ -13,8 +13,10 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <latch>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/foundation/keyed_archiver.h"
@@ -126,6 +128,36 @@ TEST(RequestCacheCrash, KilledWriterLeavesTheOldEntryTheNewOneOrARefusedOne) {
   }
   EXPECT_GT(iterations, 0);
   EXPECT_GT(loaded, 0) << "no kill left a complete entry in " << iterations << " runs";
+  ZRBFileManager::defaultManager()->setLibraryDirectory(std::nullopt);
+  fs::remove_all(library);
+}
+
+// Within one process, synchronous writes run side by side on the agent's queue: two writers of one
+// entry started together, twenty times, each time leave a body and a record from the same writer.
+TEST(RequestCacheCrash, ConcurrentWritersOfOneEntryLeaveAMatchingPair) {
+  const fs::path library =
+      fs::temp_directory_path() / ("orvelkit-cache-writers-" + std::to_string(::getpid()));
+  ZRBFileManager::defaultManager()->setLibraryDirectory(library.string());
+  for (long long round = 0; round < 20; ++round) {
+    std::latch start(2);
+    std::vector<std::thread> writers;
+    for (long long version : {round * 2 + 1, round * 2 + 2}) {
+      writers.emplace_back([&start, version] {
+        auto request = std::make_shared<VersionedRequest>();
+        request->version = version;
+        const ZRBValue body = bodyFor(version);
+        start.arrive_and_wait();
+        request->saveResponseDataToCacheFile(body);
+      });
+    }
+    for (auto& writer : writers) writer.join();
+    auto probe = std::make_shared<VersionedRequest>();
+    const auto bytes = ZRBFileManager::defaultManager()->contentsAtPath(probe->cacheMetadataFilePath());
+    probe->version =
+        ZRBKeyedUnarchiver::unarchivedObjectOfClass<ZRBRQ_CacheMetadata>(*bytes)->version().value();
+    ASSERT_TRUE(probe->loadCacheWithError());
+    EXPECT_EQ(probe->cacheJSON()["v"].intValue(), probe->version);
+  }
   ZRBFileManager::defaultManager()->setLibraryDirectory(std::nullopt);
   fs::remove_all(library);
 }
