@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <thread>
 
 #include "platform/net/url_session.h"
@@ -237,6 +238,43 @@ TEST(URLSessionFaultTest, SuspendReallyPausesAndResumeCarriesOnUnderLoad) {
     EXPECT_EQ(completion.error, nullptr) << (completion.error ? completion.error->description() : "");
     EXPECT_TRUE(completion.body == expected) << "body of " << completion.body.size() << " bytes differs";
   }
+  session->invalidateAndCancel();
+  EXPECT_TRUE(delegate->waitForInvalidation());
+}
+
+TEST(URLSessionFaultTest, AHeadThatArrivesWhileSuspendedIsReadWhole) {
+  ZRBTestServer server;
+  server.start();
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  server.handle("GET", "/held", [released](const ZRBTestRecordedRequest&) {
+    released.wait_for(std::chrono::seconds(30));
+    return ZRBTestResponse::generated(1000);
+  });
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto session = makeSession(delegate);
+  auto task = session->dataTaskWithRequest(requestFor(server.url("/held")));
+  task->resume();
+  ASSERT_TRUE(server.waitForRequests(1));
+  // The answer reaches the socket of a suspended task; a resume at once undone lets the transport
+  // read it while paused, which hands the head's lines over in one piece on the final resume. The
+  // pauses only make that order likely: the outcome must be the same in any order.
+  task->suspend();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  release.set_value();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  task->resume();
+  task->suspend();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  task->resume();
+  ASSERT_TRUE(delegate->waitForCompletions(1, std::chrono::seconds(30)));
+  auto completion = delegate->completion(task);
+  EXPECT_EQ(completion.error, nullptr) << (completion.error ? completion.error->description() : "");
+  EXPECT_TRUE(completion.body == ZRBTestPatternBytes(0, 1000));
+  auto response = std::dynamic_pointer_cast<const ZRBHTTPURLResponse>(task->response());
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->statusCode(), 200);
+  EXPECT_EQ(response->valueForHTTPHeaderField("Content-Length"), "1000");
   session->invalidateAndCancel();
   EXPECT_TRUE(delegate->waitForInvalidation());
 }

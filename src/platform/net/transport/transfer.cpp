@@ -345,11 +345,23 @@ std::size_t ZRBTransfer::onHeader(char* data, std::size_t size, std::size_t coun
   return transferOf(self).header(std::string_view(data, size * count));
 }
 
-std::size_t ZRBTransfer::header(std::string_view line) {
+std::size_t ZRBTransfer::header(std::string_view lines) {
+  // libcurl hands over one line at a time, except the lines it read while the transfer was paused:
+  // those come in one call when it resumes.
+  for (std::size_t start = 0; start < lines.size();) {
+    std::size_t end = lines.find('\n', start);
+    end = end == std::string_view::npos ? lines.size() : end + 1;
+    if (!headerLine(lines.substr(start, end - start))) return 0;
+    start = end;
+  }
+  return lines.size();
+}
+
+bool ZRBTransfer::headerLine(std::string_view line) {
   headBytes_ += line.size();
   if (headBytes_ > kMaximumHeaderBytes) {
     headTooLarge_ = true;
-    return 0;
+    return false;
   }
   if (line.starts_with("HTTP/")) {
     // A new head: an interim 1xx one may come before the final one.
@@ -366,7 +378,7 @@ std::size_t ZRBTransfer::header(std::string_view line) {
       std::string_view code = trimmed(rest.substr(space + 1)).substr(0, 3);
       std::from_chars(code.data(), code.data() + code.size(), status_);
     }
-    return line.size();
+    return true;
   }
   std::string_view content = trimmed(line);
   if (content.empty()) {
@@ -378,7 +390,7 @@ std::size_t ZRBTransfer::header(std::string_view line) {
       head_ = {};
       client_.transferDidReceiveResponse(*this, std::move(response));
     }
-    return line.size();
+    return true;
   }
   std::size_t colon = content.find(':');
   if (colon != std::string_view::npos && colon > 0) {
@@ -390,7 +402,7 @@ std::size_t ZRBTransfer::header(std::string_view line) {
     head_.add(name, value);
     if (ZRBHTTPHeaderNameEquals(name, "Set-Cookie")) setCookies_.emplace_back(value);
   }
-  return line.size();
+  return true;
 }
 
 std::size_t ZRBTransfer::onWrite(char* data, std::size_t size, std::size_t count, void* self) {

@@ -133,7 +133,9 @@ class ZRBTransfer {
   static int onSSLContext(CURL* easy, void* sslContext, void* self);
   static int onVerify(x509_store_ctx_st* context, void* self);
 
-  std::size_t header(std::string_view line);
+  std::size_t header(std::string_view lines);
+  // One line of a head; false ends the transfer (a head beyond the size limit).
+  bool headerLine(std::string_view line);
   std::size_t read(char* buffer, std::size_t length);
   void configureHandle();
   void applyHeaders(const ZRBTransferSetup& setup, bool hasBody);
