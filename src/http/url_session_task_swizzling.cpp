@@ -1,6 +1,7 @@
 #include "http/url_session_task_swizzling.h"
 
 #include <mutex>
+#include <string>
 
 #include "platform/foundation/assert.h"
 #include "platform/runtime/method_replacement.h"
@@ -8,11 +9,14 @@
 
 namespace {
 
-void post(const char* name, ZRBURLSessionTask& task) {
+void post(const std::string& name, ZRBURLSessionTask& task) {
+  // Nobody listens (no manager exists yet): nothing to make or post for every task.
+  const auto& center = ZRBNotificationCenter::defaultCenter();
+  if (!center->hasObservers(name)) return;
   // Tasks are always held by shared pointers; one that is not (being destroyed) has no observers.
   ZRBObjectPtr object = task.weak_from_this().lock();
   if (!object) return;
-  ZRBNotificationCenter::defaultCenter()->post(name, ZRBValue(std::move(object)));
+  center->post(name, ZRBValue(std::move(object)));
 }
 
 }  // namespace
@@ -21,14 +25,16 @@ void ZRBHS_URLSessionTaskSwizzling::ZRBHS_resume(ZRBURLSessionTask& task,
                                                  const ZRBURLSessionTaskStateSlot::Function& original) {
   ZRBURLSessionTaskState state = task.state();
   original(task);
-  if (state != ZRBURLSessionTaskStateRunning) post(ZRBHS_NSURLSessionTaskDidResumeNotification, task);
+  static const std::string kName(ZRBHS_NSURLSessionTaskDidResumeNotification);
+  if (state != ZRBURLSessionTaskStateRunning) post(kName, task);
 }
 
 void ZRBHS_URLSessionTaskSwizzling::ZRBHS_suspend(ZRBURLSessionTask& task,
                                                   const ZRBURLSessionTaskStateSlot::Function& original) {
   ZRBURLSessionTaskState state = task.state();
   original(task);
-  if (state != ZRBURLSessionTaskStateSuspended) post(ZRBHS_NSURLSessionTaskDidSuspendNotification, task);
+  static const std::string kName(ZRBHS_NSURLSessionTaskDidSuspendNotification);
+  if (state != ZRBURLSessionTaskStateSuspended) post(kName, task);
 }
 
 void ZRBHS_URLSessionTaskSwizzling::install() {

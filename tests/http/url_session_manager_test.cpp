@@ -17,6 +17,7 @@
 #include "http/http_session_manager.h"
 #include "http/json_response_serializer.h"
 #include "http/response_serializer.h"
+#include "http/url_session_task_swizzling.h"
 #include "platform/foundation/assert.h"
 #include "platform/foundation/exception.h"
 #include "platform/foundation/string_format.h"
@@ -154,7 +155,9 @@ TEST_F(URLSessionManagerTest, DecodesOffTheDelegateQueueAndCompletesOnceOnTheCom
                                                  ZRBHS_NetworkingTaskDidCompleteSerializedResponseKey}));
   EXPECT_EQ(info[ZRBHS_NetworkingTaskDidCompleteResponseDataKey], ZRBValue::data(R"({"answer":42})"));
   EXPECT_EQ(info[ZRBHS_NetworkingTaskDidCompleteResponseSerializerKey].object(), serializer_);
-  // The delegate went with the task: nothing is left to report progress for.
+  // The delegate went with the task: nothing is left to report progress for. It goes on the
+  // delegate queue right after handing the completion on, which may finish first.
+  manager_->operationQueue()->sync([] {});
   EXPECT_EQ(manager_->uploadProgressForTask(task), nullptr);
   ZRBDispatch::mainQueue()->sync([] {});
   EXPECT_EQ(outcomes.now().size(), 1u);
@@ -337,6 +340,9 @@ TEST_F(URLSessionManagerTest, AHookThatThrowsDoesNotTakeTheTransportDown) {
 TEST_F(URLSessionManagerTest, ResumeAndSuspendAreReportedForTheManagersOwnTasksOnly) {
   NotificationInbox resumed(ZRBHS_NetworkingTaskDidResumeNotification);
   NotificationInbox suspended(ZRBHS_NetworkingTaskDidSuspendNotification);
+  // The wrappers' own notifications go to whoever observes them, for every task.
+  NotificationInbox internalResumed(ZRBHS_NSURLSessionTaskDidResumeNotification);
+  NotificationInbox internalSuspended(ZRBHS_NSURLSessionTaskDidSuspendNotification);
   server_.respond("GET", "/slow", [] {
     ZRBTestResponse r = ZRBTestResponse::text(200, "late");
     r.delayBeforeHeaders = 300ms;
@@ -363,6 +369,10 @@ TEST_F(URLSessionManagerTest, ResumeAndSuspendAreReportedForTheManagersOwnTasksO
   EXPECT_EQ(count(suspended.now(), own), 1u);
   EXPECT_EQ(count(resumed.now(), direct), 0u);
   EXPECT_EQ(count(suspended.now(), direct), 0u);
+  for (const auto& task : {ZRBURLSessionTaskPtr(direct), ZRBURLSessionTaskPtr(own)}) {
+    EXPECT_EQ(count(internalResumed.now(), task), 2u);
+    EXPECT_EQ(count(internalSuspended.now(), task), 1u);
+  }
 }
 
 TEST_F(URLSessionManagerTest, ProgressFollowsTheTaskAndItsHandlersControlIt) {

@@ -74,6 +74,7 @@ ZRBNotificationObserverPtr ZRBNotificationCenter::addObserver(std::string_view n
     std::lock_guard lock(mutex_);
     record->order = nextOrder_++;
     (record->name.empty() ? anyName_ : byName_[record->name]).push_back(record);
+    observerCount_.fetch_add(1, std::memory_order_release);
   }
   return ZRBNotificationObserverPtr(new ZRBNotificationObserver(record));
 }
@@ -90,7 +91,9 @@ void ZRBNotificationCenter::removeObserver(const ZRBNotificationObserverPtr& obs
   {
     std::lock_guard lock(mutex_);
     auto remove = [&](std::vector<RecordPtr>& list) {
-      list.erase(std::remove(list.begin(), list.end(), record), list.end());
+      auto removed = std::remove(list.begin(), list.end(), record);
+      observerCount_.fetch_sub(static_cast<std::size_t>(list.end() - removed), std::memory_order_release);
+      list.erase(removed, list.end());
     };
     if (record->name.empty()) {
       remove(anyName_);
@@ -103,27 +106,34 @@ void ZRBNotificationCenter::removeObserver(const ZRBNotificationObserverPtr& obs
 }
 
 bool ZRBNotificationCenter::hasObservers(const std::string& name) const {
+  if (observerCount_.load(std::memory_order_acquire) == 0) return false;
   std::lock_guard lock(mutex_);
   return !anyName_.empty() || byName_.count(name) != 0;
 }
 
 void ZRBNotificationCenter::post(std::string name, ZRBValue object, ZRBValue userInfo) {
+  if (observerCount_.load(std::memory_order_acquire) == 0) return;
   post(std::make_shared<const ZRBNotification>(std::move(name), std::move(object), std::move(userInfo)));
 }
 
 void ZRBNotificationCenter::post(const ZRBNotificationPtr& notification) {
   ZRBAssert(notification);
   if (!notification) return;
+  if (observerCount_.load(std::memory_order_acquire) == 0) return;
   std::vector<RecordPtr> targets;
+  bool merged = false;
   {
     std::lock_guard lock(mutex_);
     if (auto it = byName_.find(notification->name()); it != byName_.end()) targets = it->second;
+    merged = !targets.empty() && !anyName_.empty();
     targets.insert(targets.end(), anyName_.begin(), anyName_.end());
   }
   std::erase_if(targets, [&](const RecordPtr& r) { return !r->matches(notification->object()); });
-  // Registration order, across named and catch-all observers.
-  std::sort(targets.begin(), targets.end(),
-            [](const RecordPtr& a, const RecordPtr& b) { return a->order < b->order; });
+  // Registration order, across named and catch-all observers (each list alone is in that order).
+  if (merged) {
+    std::sort(targets.begin(), targets.end(),
+              [](const RecordPtr& a, const RecordPtr& b) { return a->order < b->order; });
+  }
   for (const RecordPtr& record : targets) {
     if (record->queue) {
       record->queue->async([record, notification] { record->deliver(notification); });

@@ -21,6 +21,7 @@
 //   block, and whatever it captures, when the last such call is over.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -106,4 +107,7 @@ class ZRBNotificationCenter final : public ZRBObject {
   std::unordered_map<std::string, std::vector<RecordPtr>> byName_;
   std::vector<RecordPtr> anyName_;
   std::uint64_t nextOrder_ = 0;
+  // The registrations in byName_ and anyName_ (changed under mutex_): with none, asking and posting
+  // take no lock.
+  std::atomic<std::size_t> observerCount_{0};
 };
