@@ -337,9 +337,12 @@ ZRBValue ZRBValue::dictionary(std::vector<ZRBDictionaryEntry> entries) {
   auto& list = n->entries;
   bool removed = false;
   if (list.size() <= DictionaryNode::kLinearLimit) {
+    // Every key is a string by now (a dropped one is absent, whose view is empty), so the keys'
+    // texts are compared directly rather than through the general equality.
     for (std::size_t i = 1; i < list.size(); ++i) {
+      const std::string_view key = list[i].first.stringView();
       for (std::size_t j = 0; j < i; ++j) {
-        if (!list[j].first.isAbsent() && list[j].first == list[i].first) {
+        if (list[j].first.stringView() == key && !list[j].first.isAbsent()) {
           list[j].second = std::move(list[i].second);
           list[i].first = ZRBValue();
           removed = true;
