@@ -92,6 +92,48 @@ class DownloadMoveWatch {
   ZRBErrorPtr error_;
 };
 
+// What URL building needs of a request URL string. Callers send many requests to one URL, so the
+// last string parsed on a thread is remembered with its facts.
+struct RequestUrlFacts {
+  std::string url;
+  std::optional<std::string> host;
+  bool absolute = false;  // both a host and a scheme
+  bool known = false;
+};
+
+const RequestUrlFacts& requestUrlFacts(const std::string& url) {
+  thread_local RequestUrlFacts last;
+  if (!last.known || last.url != url) {
+    const ZRBURLPtr parsed = ZRBURL::URLWithString(url);
+    last.url = url;
+    last.host = parsed ? parsed->host() : std::nullopt;
+    last.absolute = parsed && last.host && parsed->scheme();
+    last.known = true;
+  }
+  return last;
+}
+
+// The base URL relative request URLs resolve against, remembered per thread for the last base
+// string. Without the trailing "/" the base's last path segment would be replaced, not extended.
+ZRBURLPtr resolutionBase(const std::string& base) {
+  thread_local std::string lastBase;
+  thread_local ZRBURLPtr lastURL;
+  thread_local bool known = false;
+  if (!known || lastBase != base) {
+    ZRBURLPtr url = ZRBURL::URLWithString(base);
+    if (url && !base.empty() && base.back() != '/') {
+      if (auto extended = url->URLByAppendingPathComponent("")) url = std::move(extended);
+    }
+    lastBase = base;
+    lastURL = std::move(url);
+    known = true;
+  }
+  return lastURL;
+}
+
+// Requests that share a serializer: more distinct combinations get their own each time.
+constexpr std::size_t kMaxSharedSerializers = 16;
+
 }  // namespace
 
 const ZRBRQ_NetworkAgentPtr& ZRBRQ_NetworkAgent::sharedAgent() {
@@ -208,12 +250,14 @@ std::string ZRBRQ_NetworkAgent::buildRequestUrl(const ZRBRQ_BaseRequestPtr& requ
   ZRBAssertNamed(request != nullptr, "request != nil");
   if (!request) return "";
   std::string detailUrl = request->requestUrl();
-  const ZRBURLPtr parsed = ZRBURL::URLWithString(detailUrl);
-  if (parsed) {
-    if (auto host = parsed->host()) widenPinGuardDomains(*host);
+  bool absolute = false;
+  {
+    const RequestUrlFacts& facts = requestUrlFacts(detailUrl);
+    if (facts.host) widenPinGuardDomains(*facts.host);
+    absolute = facts.absolute;
   }
   // Absolute URLs bypass the filters and the base URLs.
-  if (parsed && parsed->host() && parsed->scheme()) return detailUrl;
+  if (absolute) return detailUrl;
 
   for (const auto& filter : config_->urlFilters()) {
     if (filter) detailUrl = filter->filterUrl(detailUrl, request);
@@ -226,48 +270,86 @@ std::string ZRBRQ_NetworkAgent::buildRequestUrl(const ZRBRQ_BaseRequestPtr& requ
     base = request->baseUrl();
     if (base.empty()) base = config_->baseUrl();
   }
-  ZRBURLPtr url = ZRBURL::URLWithString(base);
-  // Without the trailing "/" the base's last path segment would be replaced, not extended.
-  if (url && !base.empty() && base.back() != '/') {
-    if (auto extended = url->URLByAppendingPathComponent("")) url = std::move(extended);
-  }
-  const ZRBURLPtr resolved = ZRBURL::URLWithString(detailUrl, url);
+  const ZRBURLPtr resolved = ZRBURL::URLWithString(detailUrl, resolutionBase(base));
   // An unresolvable URL string goes on as it is; the serializer rejects it.
   return resolved ? resolved->absoluteString() : detailUrl;
 }
 
-ZRBHS_HTTPRequestSerializerPtr ZRBRQ_NetworkAgent::requestSerializerForRequest(
+ZRBRQ_NetworkAgent::SerializerSettings ZRBRQ_NetworkAgent::serializerSettings(
     const ZRBRQ_BaseRequestPtr& request) {
+  return SerializerSettings{.kind = request->requestSerializerType(),
+                            .isDelete = request->requestMethod() == ZRBRQ_RequestMethodDELETE,
+                            .timeout = request->requestTimeoutInterval(),
+                            .cellular = request->allowsCellularAccess(),
+                            .authorization = request->requestAuthorizationHeaderFieldArray(),
+                            .headers = request->requestHeaderFieldValueDictionary()};
+}
+
+ZRBHS_HTTPRequestSerializerPtr ZRBRQ_NetworkAgent::makeSerializer(const SerializerSettings& settings) {
   ZRBHS_HTTPRequestSerializerPtr serializer;
-  switch (request->requestSerializerType()) {
+  switch (settings.kind) {
     case ZRBRQ_RequestSerializerTypeHTTP: serializer = ZRBHS_HTTPRequestSerializer::serializer(); break;
     case ZRBRQ_RequestSerializerTypeJSON: serializer = ZRBHS_JSONRequestSerializer::serializer(); break;
   }
   if (!serializer) return nullptr;
   // The lower-case "head" is deliberate: with this set a DELETE's arguments travel in the body.
-  if (request->requestMethod() == ZRBRQ_RequestMethodDELETE) {
-    serializer->setHTTPMethodsEncodingParametersInURI({"GET", "head"});
+  if (settings.isDelete) serializer->setHTTPMethodsEncodingParametersInURI({"GET", "head"});
+  serializer->setTimeoutInterval(settings.timeout);
+  serializer->setAllowsCellularAccess(settings.cellular);
+  if (settings.authorization && !settings.authorization->empty()) {
+    serializer->setAuthorizationHeaderFieldWithUsername(settings.authorization->front(),
+                                                        settings.authorization->back());
   }
-  serializer->setTimeoutInterval(request->requestTimeoutInterval());
-  serializer->setAllowsCellularAccess(request->allowsCellularAccess());
-  if (auto authorization = request->requestAuthorizationHeaderFieldArray();
-      authorization && !authorization->empty()) {
-    serializer->setAuthorizationHeaderFieldWithUsername(authorization->front(), authorization->back());
+  if (settings.headers) {
+    for (const auto& [field, value] : *settings.headers) serializer->setValueForHTTPHeaderField(value, field);
   }
-  if (auto headers = request->requestHeaderFieldValueDictionary()) {
-    for (const auto& [field, value] : *headers) serializer->setValueForHTTPHeaderField(value, field);
+  return serializer;
+}
+
+ZRBHS_HTTPRequestSerializerPtr ZRBRQ_NetworkAgent::requestSerializerForRequest(
+    const ZRBRQ_BaseRequestPtr& request) {
+  return makeSerializer(serializerSettings(request));
+}
+
+ZRBHS_HTTPRequestSerializerPtr ZRBRQ_NetworkAgent::taskSerializerForRequest(
+    const ZRBRQ_BaseRequestPtr& request) {
+  const SerializerSettings settings = serializerSettings(request);
+  if (!settings.shareable()) return makeSerializer(settings);
+  const auto matches = [&settings](const SharedSerializer& shared) {
+    return shared.kind == settings.kind && shared.isDelete == settings.isDelete &&
+           shared.timeout == settings.timeout && shared.cellular == settings.cellular;
+  };
+  {
+    std::lock_guard lock(serializersMutex_);
+    for (const auto& shared : sharedSerializers_) {
+      if (matches(shared)) return shared.serializer;
+    }
+  }
+  auto serializer = makeSerializer(settings);
+  if (!serializer) return nullptr;
+  std::lock_guard lock(serializersMutex_);
+  for (const auto& shared : sharedSerializers_) {
+    if (matches(shared)) return shared.serializer;  // another thread was first
+  }
+  if (sharedSerializers_.size() < kMaxSharedSerializers) {
+    sharedSerializers_.push_back(
+        {settings.kind, settings.isDelete, settings.timeout, settings.cellular, serializer});
   }
   return serializer;
 }
 
 // ---- tasks ----
 
-ZRBHS_TaskCompletionHandler ZRBRQ_NetworkAgent::completionFor(
-    const std::shared_ptr<unsigned long>& identifier) {
-  std::weak_ptr<ZRBRQ_NetworkAgent> weak = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
+std::shared_ptr<ZRBRQ_NetworkAgent::PendingTask> ZRBRQ_NetworkAgent::pendingTask() {
+  return std::make_shared<PendingTask>(
+      PendingTask{std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this()), 0});
+}
+
+ZRBHS_TaskCompletionHandler ZRBRQ_NetworkAgent::completionFor(const std::shared_ptr<PendingTask>& pending) {
   // The identifier is filled in before the task resumes, so it is set by the time this runs.
-  return [weak, identifier](ZRBURLResponsePtr response, ZRBValue responseObject, ZRBErrorPtr error) {
-    if (auto agent = weak.lock()) agent->handleRequestResult(*identifier, response, responseObject, error);
+  return [pending](ZRBURLResponsePtr response, ZRBValue responseObject, ZRBErrorPtr error) {
+    if (auto agent = pending->agent.lock())
+      agent->handleRequestResult(pending->identifier, response, responseObject, error);
   };
 }
 
@@ -277,7 +359,7 @@ ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::sessionTaskForRequest(const ZRBRQ_BaseR
   const std::string url = buildRequestUrl(request);
   const ZRBValue parameters = request->requestArgument();
   auto block = request->constructingBodyBlock();
-  auto serializer = requestSerializerForRequest(request);
+  auto serializer = taskSerializerForRequest(request);
   // Without a serializer no URL request can be made.
   if (!serializer) return nullptr;
   switch (method) {
@@ -314,9 +396,9 @@ ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::dataTask(std::string_view method,
     return nullptr;
   }
   ZRBNetworkLog("ZRBNetwork:%@", urlRequest);
-  auto identifier = std::make_shared<unsigned long>(0);
-  auto task = manager()->dataTaskWithRequest(urlRequest, completionFor(identifier));
-  if (task) *identifier = task->taskIdentifier();
+  auto pending = pendingTask();
+  auto task = manager()->dataTaskWithRequest(urlRequest, completionFor(pending));
+  if (task) pending->identifier = task->taskIdentifier();
   return task;
 }
 
@@ -355,9 +437,9 @@ ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::downloadTask(const std::string& downloa
 
   const ZRBURLPtr destinationURL = ZRBURL::fileURLWithPath(target, false);
   auto destination = [destinationURL](const ZRBURLPtr&, const ZRBURLResponsePtr&) { return destinationURL; };
-  auto identifier = std::make_shared<unsigned long>(0);
+  auto pending = pendingTask();
   auto moveWatch = std::make_shared<DownloadMoveWatch>();
-  ZRBHS_TaskCompletionHandler completion = [handle = completionFor(identifier), moveWatch](
+  ZRBHS_TaskCompletionHandler completion = [handle = completionFor(pending), moveWatch](
                                                ZRBURLResponsePtr response, ZRBValue object,
                                                ZRBErrorPtr taskError) {
     ZRBErrorPtr moveError = moveWatch->finish();
@@ -373,7 +455,7 @@ ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::downloadTask(const std::string& downloa
   }
   if (!task) task = manager()->downloadTaskWithRequest(urlRequest, progress, destination, completion);
   if (task) {
-    *identifier = task->taskIdentifier();
+    pending->identifier = task->taskIdentifier();
     // Before the task resumes, so the post cannot be missed.
     DownloadMoveWatch::watch(moveWatch, task);
   }
@@ -418,15 +500,16 @@ void ZRBRQ_NetworkAgent::addRequest(const ZRBRQ_BaseRequestPtr& request) {
   if (!request) return;
   ZRBErrorPtr error;
   if (auto custom = request->buildCustomUrlRequest()) {
-    auto identifier = std::make_shared<unsigned long>(0);
-    auto task = manager()->dataTaskWithRequest(custom, completionFor(identifier));
-    if (task) *identifier = task->taskIdentifier();
+    auto pending = pendingTask();
+    auto task = manager()->dataTaskWithRequest(custom, completionFor(pending));
+    if (task) pending->identifier = task->taskIdentifier();
     request->setRequestTask(task);
   } else {
     request->setRequestTask(sessionTaskForRequest(request, &error));
   }
   if (error) {
-    requestDidFailWithRequest(request, error);
+    // Not in the table yet: no clean-up on this path.
+    requestDidFailWithRequest(request, error, false);
     return;
   }
   const auto task = request->requestTask();
@@ -476,31 +559,45 @@ void ZRBRQ_NetworkAgent::handleRequestResult(unsigned long taskIdentifier, const
     request = found->second;
   }
   ZRBErrorPtr serializationError;
-  {
+  if (!responseObject.isData()) {
     std::lock_guard lock(lock_);
-    request->setResponseObject(responseObject);
-    if (responseObject.isData()) {
+    request->setResponseObject(responseObject);  // a download's file URL stays as it is
+  } else {
+    std::optional<std::string> body = decodeBody(responseObject, request);
+    {
+      std::lock_guard lock(lock_);
+      request->setResponseObject(responseObject);
       request->setResponseData(responseObject);
-      request->setResponseString(decodeBody(responseObject, request));
-      const ZRBRQ_ResponseSerializerType kind = request->responseSerializerType();
+      request->setResponseString(std::move(body));
+    }
+    const ZRBRQ_ResponseSerializerType kind = request->responseSerializerType();
+    if (ZRBNetworkLogIsOn()) {
       ZRBNetworkLog("ZRBNetwork Finished Request: %@, { URL:%@ }, \n request: %@ \n response: %@, %ld",
                     request->className(), request->requestUrl(), request, request->responseString(),
                     static_cast<long>(kind));
+    }
+    // Decoded outside the lock: the serializers are thread-safe, and results of other tasks, new
+    // requests and clean-ups need not wait for this body.
+    if (kind == ZRBRQ_ResponseSerializerTypeJSON || kind == ZRBRQ_ResponseSerializerTypeXMLParser) {
       const auto taskResponse = request->requestTask() ? request->requestTask()->response() : nullptr;
+      ZRBValue decoded;
+      bool decodedAll = false;
       try {
-        if (kind == ZRBRQ_ResponseSerializerTypeJSON) {
-          ZRBValue decoded = jsonResponseSerializer()->responseObjectForResponse(taskResponse, responseObject,
+        decoded = kind == ZRBRQ_ResponseSerializerTypeJSON
+                      ? jsonResponseSerializer()->responseObjectForResponse(taskResponse, responseObject,
+                                                                            &serializationError)
+                      : xmlParserResponseSerialzier()->responseObjectForResponse(taskResponse, responseObject,
                                                                                  &serializationError);
-          request->setResponseObject(decoded);
-          request->setResponseJSONObject(decoded);
-        } else if (kind == ZRBRQ_ResponseSerializerTypeXMLParser) {
-          request->setResponseObject(xmlParserResponseSerialzier()->responseObjectForResponse(
-              taskResponse, responseObject, &serializationError));
-        }
+        decodedAll = true;
       } catch (const std::exception& exception) {
         // A decoder that throws must not leave the request without an outcome.
         serializationError =
             ZRBError::withDescription(ZRBHS_ResponseSerializationErrorDomain, -1, exception.what());
+      }
+      if (decodedAll) {
+        std::lock_guard lock(lock_);
+        if (kind == ZRBRQ_ResponseSerializerTypeJSON) request->setResponseJSONObject(decoded);
+        request->setResponseObject(std::move(decoded));
       }
     }
   }
@@ -514,16 +611,12 @@ void ZRBRQ_NetworkAgent::handleRequestResult(unsigned long taskIdentifier, const
   } else {
     succeed = validateResult(request, &failure);
   }
+  // The clean-up runs on the main queue right after the callbacks.
   if (succeed) {
-    requestDidSucceedWithRequest(request);
+    requestDidSucceedWithRequest(request, true);
   } else {
-    requestDidFailWithRequest(request, failure);
+    requestDidFailWithRequest(request, failure, true);
   }
-  auto self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
-  ZRBDispatch::mainQueue()->async([self, request] {
-    self->removeRequestFromRecord(request);
-    request->clearCompletionBlock();
-  });
 }
 
 bool ZRBRQ_NetworkAgent::validateResult(const ZRBRQ_BaseRequestPtr& request, ZRBErrorPtr* error) {
@@ -541,24 +634,39 @@ bool ZRBRQ_NetworkAgent::validateResult(const ZRBRQ_BaseRequestPtr& request, ZRB
   return ok;
 }
 
-void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request) {
+void ZRBRQ_NetworkAgent::cleanUpRequest(const ZRBRQ_BaseRequestPtr& request) {
+  removeRequestFromRecord(request);
+  request->clearCompletionBlock();
+}
+
+void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request, bool cleanUp) {
   request->requestCompletePreprocessor();
-  ZRBDispatch::mainQueue()->async([request] {
-    request->toggleAccessoriesWillStopCallBack();
-    request->requestCompleteFilter();
-    if (auto delegate = request->delegate()) delegate->requestFinished(request);
-    if (auto success = request->successCompletionBlock()) success(request);
-    // Only at log level 3 or more: successful requests skip did-stop below that on purpose.
-    if (ZRBSDKConfig::sharedInstance()->logLevel() >= 3) request->toggleAccessoriesDidStopCallBack();
+  ZRBRQ_NetworkAgentPtr self;
+  if (cleanUp) self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
+  ZRBDispatch::mainQueue()->async([self = std::move(self), request] {
+    try {
+      request->toggleAccessoriesWillStopCallBack();
+      request->requestCompleteFilter();
+      if (auto delegate = request->delegate()) delegate->requestFinished(request);
+      if (auto success = request->successCompletionBlock()) success(request);
+      // Only at log level 3 or more: successful requests skip did-stop below that on purpose.
+      if (ZRBSDKConfig::sharedInstance()->logLevel() >= 3) request->toggleAccessoriesDidStopCallBack();
+    } catch (...) {
+      if (self) self->cleanUpRequest(request);
+      throw;
+    }
+    if (self) self->cleanUpRequest(request);
   });
 }
 
 void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request,
-                                                   const ZRBErrorPtr& error) {
+                                                   const ZRBErrorPtr& error, bool cleanUp) {
   request->setError(error);
-  ZRBNetworkLog("Request %@ { URL:%@ } failed, status code = %ld, error = %@", request->className(),
-                request->requestUrl(), request->responseStatusCode(),
-                error ? ZRBValue(error->localizedDescription()) : ZRBValue());
+  if (ZRBNetworkLogIsOn()) {
+    ZRBNetworkLog("Request %@ { URL:%@ } failed, status code = %ld, error = %@", request->className(),
+                  request->requestUrl(), request->responseStatusCode(),
+                  error ? ZRBValue(error->localizedDescription()) : ZRBValue());
+  }
   if (error) {
     const ZRBValue& resumeData = error->userInfo()[ZRBURLSessionDownloadTaskResumeData];
     if (resumeData) writeResumeData(resumeData, request->resumableDownloadPath());
@@ -577,12 +685,20 @@ void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& r
     request->setResponseObject(ZRBValue());
   }
   request->requestFailedPreprocessor();
-  ZRBDispatch::mainQueue()->async([request] {
-    request->toggleAccessoriesWillStopCallBack();
-    request->requestFailedFilter();
-    if (auto delegate = request->delegate()) delegate->requestFailed(request);
-    if (auto failure = request->failureCompletionBlock()) failure(request);
-    request->toggleAccessoriesDidStopCallBack();
+  ZRBRQ_NetworkAgentPtr self;
+  if (cleanUp) self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
+  ZRBDispatch::mainQueue()->async([self = std::move(self), request] {
+    try {
+      request->toggleAccessoriesWillStopCallBack();
+      request->requestFailedFilter();
+      if (auto delegate = request->delegate()) delegate->requestFailed(request);
+      if (auto failure = request->failureCompletionBlock()) failure(request);
+      request->toggleAccessoriesDidStopCallBack();
+    } catch (...) {
+      if (self) self->cleanUpRequest(request);
+      throw;
+    }
+    if (self) self->cleanUpRequest(request);
   });
 }
 

@@ -9,11 +9,19 @@
 // decoded for the request's response serializer kind under the agent's lock, the status code and
 // the JSON body are validated, and exactly one success or failure goes to the request's
 // accessories, delegate and callbacks on the main queue (see base_request.h), followed there by
-// the clean-up that removes the request from the table and clears its callbacks.
+// the clean-up that removes the request from the table and clears its callbacks (in the same
+// main-queue block, right after the callbacks, also when one of them throws).
 //
 // The session layer accepts every status from 100 to 599; the request's statusCodeValidator()
 // decides success. A rejected status code fails with a null error; a JSON body that its validator
 // rejects fails with "com.velkit.request.validation" code -9, "Invalid JSON format".
+//
+// Per-request work that does not depend on the request is done once: requests that set no header
+// fields and no authorization share one configured serializer per (serializer kind, DELETE or not,
+// timeout, cellular access), since serializers build requests concurrently; the last request URL
+// and base URL parsed on a thread are remembered; log arguments are only gathered when the log is
+// on. Bodies are decoded outside the lock (the serializers are thread-safe), which guards only the
+// table and the writing of response fields.
 //
 // Resumable downloads keep partial data in the temporary directory's "Incomplete" folder, under the
 // MD5 of the download path; resume data are written there when a download fails or is cancelled
@@ -76,7 +84,7 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   static ZRBURLPtr incompleteDownloadTempPathForDownloadPath(const std::string& downloadPath);
 
   // ---- steps, public for the request layer and its tests ----
-  // Null for an unknown serializer kind.
+  // A new serializer configured for the request; null for an unknown serializer kind.
   ZRBHS_HTTPRequestSerializerPtr requestSerializerForRequest(const ZRBRQ_BaseRequestPtr& request);
   // Null (error set when the serializer failed) when no task could be made.
   ZRBURLSessionTaskPtr sessionTaskForRequest(const ZRBRQ_BaseRequestPtr& request, ZRBErrorPtr* error);
@@ -104,13 +112,39 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
                                     const ZRBHS_HTTPRequestSerializerPtr& serializer,
                                     const std::string& URLString, const ZRBValue& parameters,
                                     const ZRBRQ_BaseRequest::ProgressBlock& progress, ZRBErrorPtr* error);
-  // The completion of every task: hands the result to handleRequestResult under the task's
-  // identifier, which is filled in once the task exists.
-  ZRBHS_TaskCompletionHandler completionFor(const std::shared_ptr<unsigned long>& identifier);
+  // What the completion of one task knows: the agent (weakly) and the task's identifier, which is
+  // filled in once the task exists. One allocation, and the completion holds one pointer.
+  struct PendingTask {
+    std::weak_ptr<ZRBRQ_NetworkAgent> agent;
+    unsigned long identifier = 0;
+  };
+  std::shared_ptr<PendingTask> pendingTask();
+  // The completion of every task: hands the result to handleRequestResult under the identifier.
+  static ZRBHS_TaskCompletionHandler completionFor(const std::shared_ptr<PendingTask>& pending);
   void handleRequestResult(unsigned long taskIdentifier, const ZRBURLResponsePtr& response,
                            const ZRBValue& responseObject, const ZRBErrorPtr& error);
-  void requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request);
-  void requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBErrorPtr& error);
+  // What requestSerializerForRequest reads of a request, read once.
+  struct SerializerSettings {
+    ZRBRQ_RequestSerializerType kind;
+    bool isDelete;
+    double timeout;
+    bool cellular;
+    std::optional<std::vector<std::string>> authorization;
+    std::optional<ZRBRQ_BaseRequest::HeaderMap> headers;
+    // Nothing beyond the key fields: an equal serializer may be shared.
+    bool shareable() const {
+      return (!authorization || authorization->empty()) && (!headers || headers->empty());
+    }
+  };
+  static SerializerSettings serializerSettings(const ZRBRQ_BaseRequestPtr& request);
+  static ZRBHS_HTTPRequestSerializerPtr makeSerializer(const SerializerSettings& settings);
+  // The serializer a task is built with: a shared one when the settings allow it.
+  ZRBHS_HTTPRequestSerializerPtr taskSerializerForRequest(const ZRBRQ_BaseRequestPtr& request);
+  // `cleanUp`: the main-queue block also removes the request from the table and clears its
+  // callbacks once they have run (result handling); not for a failure before the task exists.
+  void requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request, bool cleanUp);
+  void requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBErrorPtr& error, bool cleanUp);
+  void cleanUpRequest(const ZRBRQ_BaseRequestPtr& request);
   void addRequestToRecord(const ZRBRQ_BaseRequestPtr& request);
   void removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request);
   static void writeResumeData(const ZRBValue& resumeData, const std::optional<std::string>& downloadPath);
@@ -126,6 +160,15 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   mutable std::mutex managerMutex_;
   ZRBHS_HTTPSessionManagerPtr manager_;
   ZRBRQ_NetworkConfigPtr config_;
+  struct SharedSerializer {
+    ZRBRQ_RequestSerializerType kind;
+    bool isDelete;
+    double timeout;
+    bool cellular;
+    ZRBHS_HTTPRequestSerializerPtr serializer;
+  };
+  std::mutex serializersMutex_;
+  std::vector<SharedSerializer> sharedSerializers_;  // bounded, see taskSerializerForRequest
   std::once_flag jsonOnce_;
   ZRBHS_JSONResponseSerializerPtr jsonResponseSerializer_;
   std::once_flag xmlOnce_;

@@ -8,6 +8,11 @@
 #include "request/network_config.h"
 #include "settings/app_sdk_log_manager.h"
 
+bool ZRBNetworkLogIsOn() {
+  return ZRBAppSdkLogManager::sharedInstance()->collectAppSdkLogEnable() ||
+         ZRBRQ_NetworkConfig::sharedConfig()->debugLogEnabled();
+}
+
 void ZRBNetworkLogArguments(std::string_view format, std::span<const ZRBFormatArgument> arguments) {
   const bool collect = ZRBAppSdkLogManager::sharedInstance()->collectAppSdkLogEnable();
   const bool print = ZRBRQ_NetworkConfig::sharedConfig()->debugLogEnabled();

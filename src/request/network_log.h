@@ -19,6 +19,10 @@
 inline constexpr long kZRBNetworkLogCollectLine = 19;
 inline constexpr std::string_view kZRBNetworkLogMethodName = "ZRBNetworkLog";
 
+// Whether a ZRBNetworkLog call made now would print or collect: callers whose arguments cost
+// something to gather (copies, descriptions) check it first.
+bool ZRBNetworkLogIsOn();
+
 // The function behind ZRBNetworkLog, for callers that already hold their arguments as a list.
 void ZRBNetworkLogArguments(std::string_view format, std::span<const ZRBFormatArgument> arguments);
 
