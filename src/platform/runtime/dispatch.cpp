@@ -299,6 +299,16 @@ class ConcurrentCore final : public DispatchQueueCore {
     block();
   }
 
+  // An ordinary block may start at once when no barrier runs or waits: it runs here, beside
+  // whatever else of the queue runs on the pool.
+  bool runNowIfIdle(const ZRBDispatchBlock& block) override {
+    if (kind() == QueueKind::Global || !tryStart(false)) return false;
+    Job job{block, nullptr, nullptr};
+    execute(job);
+    finished(false);
+    return true;
+  }
+
  private:
   static constexpr std::uint64_t kExclusive = std::uint64_t{1} << 32;  // a barrier runs
   static constexpr std::uint64_t kWaiting = std::uint64_t{1} << 33;    // blocks wait in line

@@ -72,8 +72,10 @@ class ZRBDispatchQueue final : public ZRBObject {
   // Queues the block and returns at once.
   void async(ZRBDispatchBlock block) const;
   // Runs the block at once on the calling thread, as a block of this queue, when this is a serial
-  // queue (not the main queue) with nothing queued or running; returns whether it ran. A thread
-  // that would otherwise hand work over and wait for another thread to take it saves the hop.
+  // queue (not the main queue) with nothing queued or running, or a concurrent queue of one's own
+  // where no barrier runs or waits (beside its other blocks, as async would run it); returns
+  // whether it ran. Global queues always refuse. A thread that would otherwise hand work over and
+  // wait for another thread to take it saves the hop.
   // An exception escaping the block is reported and dropped, as for an asynchronous block.
   bool runNowIfIdle(const ZRBDispatchBlock& block) const;
   // Runs the block as a block of this queue and returns when it is done. Once the queue lets it

@@ -75,7 +75,7 @@ TEST(DispatchQueueTest, RunNowIfIdleTakesAnIdleSerialQueueAndKeepsItsOrder) {
   EXPECT_TRUE(turnedAway.load());
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
 
-  // A busy queue is not taken, nor is the main queue or a concurrent one.
+  // A busy queue is not taken, nor is the main queue.
   ZRBDispatchSemaphore release;
   std::atomic<bool> running{false};
   queue->async([&] {
@@ -87,7 +87,38 @@ TEST(DispatchQueueTest, RunNowIfIdleTakesAnIdleSerialQueueAndKeepsItsOrder) {
   release.signal();
   queue->sync([] {});  // the block is done with `release` before the test ends
   EXPECT_FALSE(ZRBDispatch::mainQueue()->runNowIfIdle([] {}));
-  EXPECT_FALSE(ZRBDispatchQueue::concurrent("test.concurrent.now")->runNowIfIdle([] {}));
+}
+
+TEST(DispatchQueueTest, RunNowIfIdleJoinsAConcurrentQueueUnlessABarrierRunsOrWaits) {
+  auto queue = ZRBDispatchQueue::concurrent("test.concurrent.now");
+  // Beside a running block, as a block of the queue.
+  ZRBDispatchSemaphore release;
+  std::atomic<bool> running{false};
+  queue->async([&] {
+    running = true;
+    release.wait(kHangGuard);
+  });
+  ASSERT_TRUE(waitUntil([&] { return running.load(); }));
+  std::string label;
+  ASSERT_TRUE(queue->runNowIfIdle([&] { label = ZRBDispatch::currentQueueLabel(); }));
+  EXPECT_EQ(label, "test.concurrent.now");
+
+  // A barrier waiting for that block keeps callers out, and so does the barrier while it runs.
+  std::atomic<bool> barrierRunning{false};
+  ZRBDispatchSemaphore releaseBarrier;
+  queue->asyncBarrier([&] {
+    barrierRunning = true;
+    releaseBarrier.wait(kHangGuard);
+  });
+  EXPECT_FALSE(queue->runNowIfIdle([] { ADD_FAILURE() << "ran before the barrier"; }));
+  release.signal();
+  ASSERT_TRUE(waitUntil([&] { return barrierRunning.load(); }));
+  EXPECT_FALSE(queue->runNowIfIdle([] { ADD_FAILURE() << "ran beside the barrier"; }));
+  releaseBarrier.signal();
+  queue->syncBarrier([] {});
+  EXPECT_TRUE(queue->runNowIfIdle([] {}));
+  // Global queues hand their blocks to the pool as before.
+  EXPECT_FALSE(ZRBDispatch::globalQueue()->runNowIfIdle([] {}));
 }
 
 TEST(DispatchQueueTest, SyncRunsOnTheCallingThreadWhenItsTurnComes) {
