@@ -42,6 +42,8 @@ std::shared_ptr<ZRBTransport> ZRBTransport::make(const ZRBTransportOptions& opti
   // The thread holds the transport until it has stopped, so a transport released from its own
   // thread (the last task completing) outlives the loop that is running it.
   ZRBTransportExit::instance().threadStarted(transport.get());
+  // The thread reads its own id and handle only after taking the lock.
+  std::lock_guard lock(transport->mutex_);
   transport->thread_ = std::thread([self = transport]() mutable {
     self->run();
     ZRBTransportExit::instance().threadLeaving(self.get());
@@ -103,17 +105,20 @@ void ZRBTransport::post(ZRBTransportWork work) {
 }
 
 void ZRBTransport::shutdown() {
+  std::thread thread;
   {
     std::lock_guard lock(mutex_);
     if (stopping_) return;
     stopping_ = true;
+    // Taken under the lock: a thread stopped for exit detaches itself (see run).
+    thread = std::move(thread_);
   }
   curl_multi_wakeup(multi_);  // unconditionally: stopping must never wait for a timeout
-  if (!thread_.joinable()) return;
+  if (!thread.joinable()) return;
   if (isTransportThread()) {
-    thread_.detach();
+    thread.detach();
   } else {
-    thread_.join();
+    thread.join();
   }
 }
 
@@ -219,6 +224,8 @@ void ZRBTransport::run() {
   {
     std::lock_guard lock(mutex_);
     exiting = exiting_;
+    // Nobody joins a thread stopped for exit: its session may outlive it, or never be released.
+    if (exiting && thread_.joinable()) thread_.detach();
   }
   if (exiting) {
     outbox_.clear();  // the process is going: no more callbacks

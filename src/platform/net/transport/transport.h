@@ -125,7 +125,7 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
 
   CURLM* multi_;
   const ZRBEnvironmentProxies environmentProxies_;
-  std::thread thread_;
+  std::thread thread_;  // under mutex_ once the thread runs
   std::thread::id threadID_;
 
   std::mutex mutex_;
