@@ -91,21 +91,22 @@ thread_local const ZRBDispatchQueue* ZRBHS_URLSessionManager::heldDelegateQueue 
 
 // ---- shared work objects ----
 
+// Never destroyed: transport threads still deliver completions while the process exits.
 const ZRBDispatchQueuePtr& ZRBHS_URLSessionManager::processingQueue() {
-  static const ZRBDispatchQueuePtr queue =
-      ZRBDispatchQueue::concurrent("com.brontide.zrb_networking.session.manager.processing");
-  return queue;
+  static const auto* queue = new ZRBDispatchQueuePtr(
+      ZRBDispatchQueue::concurrent("com.brontide.zrb_networking.session.manager.processing"));
+  return *queue;
 }
 
 const ZRBDispatchQueuePtr& ZRBHS_URLSessionManager::creationQueue() {
-  static const ZRBDispatchQueuePtr queue =
-      ZRBDispatchQueue::serial("com.brontide.zrb_networking.session.manager.creation");
-  return queue;
+  static const auto* queue = new ZRBDispatchQueuePtr(
+      ZRBDispatchQueue::serial("com.brontide.zrb_networking.session.manager.creation"));
+  return *queue;
 }
 
 const ZRBDispatchGroupPtr& ZRBHS_URLSessionManager::defaultCompletionGroup() {
-  static const ZRBDispatchGroupPtr group = ZRBDispatchGroup::make();
-  return group;
+  static const auto* group = new ZRBDispatchGroupPtr(ZRBDispatchGroup::make());
+  return *group;
 }
 
 void ZRBHS_URLSessionManager::setFoundationVersionNumberForTesting(double version) {

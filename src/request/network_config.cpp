@@ -5,8 +5,9 @@
 #include "platform/foundation/string_format.h"
 
 const ZRBRQ_NetworkConfigPtr& ZRBRQ_NetworkConfig::sharedConfig() {
-  static const ZRBRQ_NetworkConfigPtr instance = std::make_shared<ZRBRQ_NetworkConfig>();
-  return instance;
+  // Never destroyed: requests finishing while the process exits still read it.
+  static const auto* instance = new ZRBRQ_NetworkConfigPtr(std::make_shared<ZRBRQ_NetworkConfig>());
+  return *instance;
 }
 
 ZRBRQ_NetworkConfig::ZRBRQ_NetworkConfig() : securityPolicy_(ZRBHS_SecurityPolicy::defaultPolicy()) {}

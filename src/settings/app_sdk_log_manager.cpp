@@ -1,16 +1,12 @@
 #include "settings/app_sdk_log_manager.h"
 
-#include <mutex>
-
 #include "settings/field_list.h"
 
 const std::shared_ptr<ZRBAppSdkLogManager>& ZRBAppSdkLogManager::sharedInstance() {
-  static std::shared_ptr<ZRBAppSdkLogManager> instance;
-  static std::once_flag once;
-  std::call_once(once, [] {
-    if (!instance) instance = std::make_shared<ZRBAppSdkLogManager>();
-  });
-  return instance;
+  // Never destroyed: callbacks still running on the main queue while the process exits read it.
+  static const auto* instance =
+      new std::shared_ptr<ZRBAppSdkLogManager>(std::make_shared<ZRBAppSdkLogManager>());
+  return *instance;
 }
 
 std::string ZRBAppSdkLogManager::description() const {

@@ -1,16 +1,11 @@
 #include "settings/sdk_config.h"
 
-#include <mutex>
-
 #include "settings/field_list.h"
 
 const std::shared_ptr<ZRBSDKConfig>& ZRBSDKConfig::sharedInstance() {
-  static std::shared_ptr<ZRBSDKConfig> instance;
-  static std::once_flag once;
-  std::call_once(once, [] {
-    if (!instance) instance = std::make_shared<ZRBSDKConfig>();
-  });
-  return instance;
+  // Never destroyed: callbacks still running on the main queue while the process exits read it.
+  static const auto* instance = new std::shared_ptr<ZRBSDKConfig>(std::make_shared<ZRBSDKConfig>());
+  return *instance;
 }
 
 std::string ZRBSDKConfig::description() const {

@@ -1,16 +1,11 @@
 #include "settings/setting.h"
 
-#include <mutex>
-
 #include "settings/field_list.h"
 
 const std::shared_ptr<ZRBSetting>& ZRBSetting::sharedSetting() {
-  static std::shared_ptr<ZRBSetting> instance;
-  static std::once_flag once;
-  std::call_once(once, [] {
-    if (!instance) instance = std::make_shared<ZRBSetting>();
-  });
-  return instance;
+  // Never destroyed: callbacks still running on the main queue while the process exits read it.
+  static const auto* instance = new std::shared_ptr<ZRBSetting>(std::make_shared<ZRBSetting>());
+  return *instance;
 }
 
 void ZRBSetting::setAllDomains(std::vector<std::string> domains) {
