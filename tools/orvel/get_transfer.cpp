@@ -98,7 +98,13 @@ OrvelTransfer::OrvelTransfer(Settings settings) : state_(std::make_shared<State>
   });
 }
 
-OrvelTransfer::~OrvelTransfer() { agent_->manager()->invalidateSessionCancelingTasks(true); }
+OrvelTransfer::~OrvelTransfer() {
+  const auto manager = agent_->manager();
+  // The anchor certificates are freed here: with the manager they would go on a pool thread while
+  // the exiting process cleans OpenSSL up.
+  manager->setSessionDidReceiveAuthenticationChallengeBlock(nullptr);
+  manager->invalidateSessionCancelingTasks(true);
+}
 
 bool OrvelTransfer::trustRejected() const { return state_->trustRejected.load(); }
 
