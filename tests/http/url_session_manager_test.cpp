@@ -456,6 +456,66 @@ TEST_F(URLSessionManagerTest, TaskListsAnswerFromACompletion) {
   waiting->cancel();
 }
 
+// A background session may make no upload task from a file; the manager asks again, three times in
+// all, only for background sessions and only when told to.
+TEST(URLSessionManagerUploadRetries, FileUploadsAreAskedForAgainOnlyInBackgroundSessionsThatRetry) {
+  ZRBTestServer server;
+  server.start();
+  server.respond("POST", "/upload", ZRBTestResponse::json(200, R"({"stored":true})"));
+  auto directory = ZRBTestPKI::makeTemporaryDirectory();
+  const auto file = directory / "body.txt";
+  std::ofstream(file) << "file body";
+
+  struct Case {
+    const char* name;
+    bool background;
+    bool retries;
+    int refusals;  // before the session makes the task
+    int expectedAsks;
+    bool expectTask;
+  };
+  const Case cases[] = {
+      {"refused twice, made on the third", true, true, 2, 3, true},
+      {"refused every time", true, true, 100, 3, false},
+      {"background without retries", true, false, 1, 1, false},
+      {"retries, but not a background session", false, true, 1, 1, false},
+  };
+  int number = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto configuration = c.background
+                             ? ZRBURLSessionConfiguration::backgroundSessionConfigurationWithIdentifier(
+                                   "orvelkit.test.upload-retries." + std::to_string(++number))
+                             : ZRBURLSessionConfiguration::ephemeralSessionConfiguration();
+    auto manager = ZRBHS_URLSessionManager::initWithSessionConfiguration(configuration);
+    manager->setAttemptsToRecreateUploadTasksForBackgroundSessions(c.retries);
+    auto asks = std::make_shared<std::atomic<int>>(0);
+    manager->session()->setFileUploadCreationGate(
+        [asks, refusals = c.refusals] { return ++*asks > refusals; });
+
+    Inbox<Outcome> outcomes;
+    auto task = manager->uploadTaskWithRequest(
+        requestFor(server.url("/upload"), "POST"), ZRBURL::fileURLWithPath(file.string()), nullptr,
+        [&outcomes](ZRBURLResponsePtr response, ZRBValue object, ZRBErrorPtr error) {
+          outcomes.put({std::move(response), std::move(object), std::move(error), {}});
+        });
+    EXPECT_EQ(asks->load(), c.expectedAsks);
+    ASSERT_EQ(task != nullptr, c.expectTask);
+    if (task) {
+      EXPECT_EQ(task->taskDescription(), manager->taskDescriptionForSessionTasks());
+      task->resume();
+      auto results = outcomes.wait(1);
+      ASSERT_EQ(results.size(), 1u);
+      EXPECT_EQ(results[0].error, nullptr);
+      EXPECT_TRUE(results[0].object["stored"].boolValue());
+    }
+    manager->invalidateSessionCancelingTasks(true);
+  }
+  auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 1u) << "only the task that was made ran";
+  EXPECT_EQ(requests[0].body, "file body");
+}
+
 TEST_F(URLSessionManagerTest, TheCreationGuardSerializesOnOldPlatforms) {
   ZRBHS_URLSessionManager::setFoundationVersionNumberForTesting(1140.0);
   std::vector<std::thread> threads;

@@ -133,7 +133,19 @@ ZRBURLSessionDataTaskPtr ZRBURLSession::dataTaskWithRequest(ZRBURLRequestPtr req
   return task;
 }
 
+void ZRBURLSession::setFileUploadCreationGate(std::function<bool()> gate) {
+  auto replacement = gate ? std::make_shared<const std::function<bool()>>(std::move(gate)) : nullptr;
+  std::lock_guard lock(mutex_);
+  fileUploadGate_ = std::move(replacement);
+}
+
 ZRBURLSessionUploadTaskPtr ZRBURLSession::uploadTaskWithRequest(ZRBURLRequestPtr request, ZRBURLPtr fileURL) {
+  std::shared_ptr<const std::function<bool()>> gate;
+  {
+    std::lock_guard lock(mutex_);
+    gate = fileUploadGate_;
+  }
+  if (gate && !(*gate)()) return nullptr;
   TaskBody body;
   body.kind = TaskBody::Kind::File;
   body.path = fileURL ? fileURL->path() : std::string();
@@ -160,7 +172,7 @@ ZRBURLSessionUploadTaskPtr ZRBURLSession::uploadTaskWithStreamedRequest(ZRBURLRe
 ZRBURLSessionUploadTaskPtr ZRBURLSession::uploadTaskWithRequest(ZRBURLRequestPtr request, ZRBURLPtr fileURL,
                                                                 ZRBURLSessionDataCompletion completion) {
   auto task = uploadTaskWithRequest(std::move(request), std::move(fileURL));
-  if (completion) task->driver()->setDataCompletion(std::move(completion));
+  if (task && completion) task->driver()->setDataCompletion(std::move(completion));
   return task;
 }
 

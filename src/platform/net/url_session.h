@@ -88,6 +88,11 @@ class ZRBURLSession final : public ZRBObject {
                                                    ZRBURLSessionDataCompletion completion);
   ZRBURLSessionUploadTaskPtr uploadTaskWithRequest(ZRBURLRequestPtr request, ZRBValue bodyData,
                                                    ZRBURLSessionDataCompletion completion);
+  // The platform's background sessions now and then make no upload task from a file (null), and
+  // callers retry; ours always make one. A gate stands in for that refusal: while one is set, each
+  // upload from a file asks it first and is null, using no identifier, when it answers false. Null
+  // removes it. Meant for tests of those retries.
+  void setFileUploadCreationGate(std::function<bool()> gate);
 
   ZRBURLSessionDownloadTaskPtr downloadTaskWithRequest(ZRBURLRequestPtr request);
   ZRBURLSessionDownloadTaskPtr downloadTaskWithURL(ZRBURLPtr url);
@@ -173,6 +178,7 @@ class ZRBURLSession final : public ZRBObject {
   TaskList tasks_;
   bool invalidated_ = false;
   bool invalidationReported_ = false;
+  std::shared_ptr<const std::function<bool()>> fileUploadGate_;
 
   std::once_flag transportOnce_;
   std::atomic<bool> transportStarted_{false};  // read before call_once, which costs more
