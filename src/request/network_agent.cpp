@@ -559,45 +559,35 @@ void ZRBRQ_NetworkAgent::handleRequestResult(unsigned long taskIdentifier, const
     request = found->second;
   }
   ZRBErrorPtr serializationError;
-  if (!responseObject.isData()) {
+  {
+    // One hold over the response fields, their log line and the decoding, so that nothing under
+    // the lock sees a request whose raw body is set but whose decoded object is not yet.
     std::lock_guard lock(lock_);
     request->setResponseObject(responseObject);  // a download's file URL stays as it is
-  } else {
-    std::optional<std::string> body = decodeBody(responseObject, request);
-    {
-      std::lock_guard lock(lock_);
-      request->setResponseObject(responseObject);
+    if (responseObject.isData()) {
       request->setResponseData(responseObject);
-      request->setResponseString(std::move(body));
-    }
-    const ZRBRQ_ResponseSerializerType kind = request->responseSerializerType();
-    if (ZRBNetworkLogIsOn()) {
-      ZRBNetworkLog("ZRBNetwork Finished Request: %@, { URL:%@ }, \n request: %@ \n response: %@, %ld",
-                    request->className(), request->requestUrl(), request, request->responseString(),
-                    static_cast<long>(kind));
-    }
-    // Decoded outside the lock: the serializers are thread-safe, and results of other tasks, new
-    // requests and clean-ups need not wait for this body.
-    if (kind == ZRBRQ_ResponseSerializerTypeJSON || kind == ZRBRQ_ResponseSerializerTypeXMLParser) {
-      const auto taskResponse = request->requestTask() ? request->requestTask()->response() : nullptr;
-      ZRBValue decoded;
-      bool decodedAll = false;
-      try {
-        decoded = kind == ZRBRQ_ResponseSerializerTypeJSON
-                      ? jsonResponseSerializer()->responseObjectForResponse(taskResponse, responseObject,
-                                                                            &serializationError)
-                      : xmlParserResponseSerialzier()->responseObjectForResponse(taskResponse, responseObject,
-                                                                                 &serializationError);
-        decodedAll = true;
-      } catch (const std::exception& exception) {
-        // A decoder that throws must not leave the request without an outcome.
-        serializationError =
-            ZRBError::withDescription(ZRBHS_ResponseSerializationErrorDomain, -1, exception.what());
+      request->setResponseString(decodeBody(responseObject, request));
+      const ZRBRQ_ResponseSerializerType kind = request->responseSerializerType();
+      if (ZRBNetworkLogIsOn()) {
+        ZRBNetworkLog("ZRBNetwork Finished Request: %@, { URL:%@ }, \n request: %@ \n response: %@, %ld",
+                      request->className(), request->requestUrl(), request, request->responseString(),
+                      static_cast<long>(kind));
       }
-      if (decodedAll) {
-        std::lock_guard lock(lock_);
-        if (kind == ZRBRQ_ResponseSerializerTypeJSON) request->setResponseJSONObject(decoded);
-        request->setResponseObject(std::move(decoded));
+      if (kind == ZRBRQ_ResponseSerializerTypeJSON || kind == ZRBRQ_ResponseSerializerTypeXMLParser) {
+        const auto taskResponse = request->requestTask() ? request->requestTask()->response() : nullptr;
+        try {
+          ZRBValue decoded = kind == ZRBRQ_ResponseSerializerTypeJSON
+                                 ? jsonResponseSerializer()->responseObjectForResponse(
+                                       taskResponse, responseObject, &serializationError)
+                                 : xmlParserResponseSerialzier()->responseObjectForResponse(
+                                       taskResponse, responseObject, &serializationError);
+          if (kind == ZRBRQ_ResponseSerializerTypeJSON) request->setResponseJSONObject(decoded);
+          request->setResponseObject(std::move(decoded));
+        } catch (const std::exception& exception) {
+          // A decoder that throws must not leave the request without an outcome.
+          serializationError =
+              ZRBError::withDescription(ZRBHS_ResponseSerializationErrorDomain, -1, exception.what());
+        }
       }
     }
   }
