@@ -69,7 +69,9 @@ class SignalScope {
 };
 
 int usageError(const std::string& message) {
-  std::fprintf(stderr, "orvel: %s\n\n%s", message.c_str(), orvelGetUsage());
+  // One line of help: the whole option list would bury the message it follows.
+  std::fprintf(stderr, "orvel: %s\nusage: orvel get [OPTIONS] URL ('orvel get -h' lists the options)\n",
+               message.c_str());
   return 2;
 }
 

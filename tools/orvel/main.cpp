@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
   for (const auto& command : kCommands) {
     if (command.name == name) return command.run(OrvelArguments(arguments).subspan(1));
   }
-  std::fprintf(stderr, "orvel: unknown command '%.*s'\n\n", static_cast<int>(name.size()), name.data());
-  printUsage(stderr);
+  std::fprintf(stderr, "orvel: unknown command '%.*s' ('orvel -h' lists the commands)\n",
+               static_cast<int>(name.size()), name.data());
   return 2;
 }
