@@ -624,16 +624,33 @@ bool ZRBRQ_NetworkAgent::validateResult(const ZRBRQ_BaseRequestPtr& request, ZRB
   return ok;
 }
 
-void ZRBRQ_NetworkAgent::cleanUpRequest(const ZRBRQ_BaseRequestPtr& request) {
-  removeRequestFromRecord(request);
-  request->clearCompletionBlock();
+void ZRBRQ_NetworkAgent::cleanUpRequest(const ZRBRQ_BaseRequestPtr& request,
+                                        const ZRBURLSessionTaskPtr& finished) {
+  if (!finished || request->requestTask() == finished) {
+    removeRequestFromRecord(request);
+    request->clearCompletionBlock();
+    return;
+  }
+  // Started again from its callbacks or right after them: only the finished task's entry goes, the
+  // new run keeps its own entry and callbacks.
+  ZRBRQ_BaseRequestPtr removed;  // released outside the lock
+  std::lock_guard lock(lock_);
+  auto found = requestsRecord_.find(finished->taskIdentifier());
+  if (found != requestsRecord_.end() && found->second == request) {
+    removed = std::move(found->second);
+    requestsRecord_.erase(found);
+  }
 }
 
 void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request, bool cleanUp) {
   request->requestCompletePreprocessor();
   ZRBRQ_NetworkAgentPtr self;
-  if (cleanUp) self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
-  ZRBDispatch::mainQueue()->async([self = std::move(self), request] {
+  ZRBURLSessionTaskPtr finished;
+  if (cleanUp) {
+    self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
+    finished = request->requestTask();
+  }
+  ZRBDispatch::mainQueue()->async([self = std::move(self), request, finished] {
     try {
       request->toggleAccessoriesWillStopCallBack();
       request->requestCompleteFilter();
@@ -642,10 +659,10 @@ void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr
       // Only at log level 3 or more: successful requests skip did-stop below that on purpose.
       if (ZRBSDKConfig::sharedInstance()->logLevel() >= 3) request->toggleAccessoriesDidStopCallBack();
     } catch (...) {
-      if (self) self->cleanUpRequest(request);
+      if (self) self->cleanUpRequest(request, finished);
       throw;
     }
-    if (self) self->cleanUpRequest(request);
+    if (self) self->cleanUpRequest(request, finished);
   });
 }
 
@@ -676,8 +693,12 @@ void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& r
   }
   request->requestFailedPreprocessor();
   ZRBRQ_NetworkAgentPtr self;
-  if (cleanUp) self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
-  ZRBDispatch::mainQueue()->async([self = std::move(self), request] {
+  ZRBURLSessionTaskPtr finished;
+  if (cleanUp) {
+    self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
+    finished = request->requestTask();
+  }
+  ZRBDispatch::mainQueue()->async([self = std::move(self), request, finished] {
     try {
       request->toggleAccessoriesWillStopCallBack();
       request->requestFailedFilter();
@@ -685,10 +706,10 @@ void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& r
       if (auto failure = request->failureCompletionBlock()) failure(request);
       request->toggleAccessoriesDidStopCallBack();
     } catch (...) {
-      if (self) self->cleanUpRequest(request);
+      if (self) self->cleanUpRequest(request, finished);
       throw;
     }
-    if (self) self->cleanUpRequest(request);
+    if (self) self->cleanUpRequest(request, finished);
   });
 }
 

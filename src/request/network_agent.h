@@ -144,7 +144,8 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   // callbacks once they have run (result handling); not for a failure before the task exists.
   void requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request, bool cleanUp);
   void requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBErrorPtr& error, bool cleanUp);
-  void cleanUpRequest(const ZRBRQ_BaseRequestPtr& request);
+  // `finished`: the task that reported (the request may run a new one by now).
+  void cleanUpRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBURLSessionTaskPtr& finished);
   void addRequestToRecord(const ZRBRQ_BaseRequestPtr& request);
   void removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request);
   static void writeResumeData(const ZRBValue& resumeData, const std::optional<std::string>& downloadPath);

@@ -320,6 +320,25 @@ TEST_F(NetworkAgentTest, StopBeforeCompletionDeliversOnlyTheAccessoryStops) {
   EXPECT_EQ(request->delegate(), nullptr);
 }
 
+TEST_F(NetworkAgentTest, ARequestStartedAgainFromItsCallbackRunsAndReportsAgain) {
+  server_.respond("GET", "/again", ZRBTestResponse::json(200, "{}"));
+  auto request = makeRequest(server_.url("/again"));
+  auto recorder = std::make_shared<Recorder>();
+  int runs = 0;  // touched on the main queue only
+  ZRBRQ_BaseRequest::CompletionBlock success = [&](const ZRBRQ_BaseRequestPtr& finished) {
+    recorder->put("success " + std::to_string(++runs));
+    if (runs == 1) finished->start();  // the blocks set for the first run serve the second
+  };
+  request->setCompletionBlockWithSuccess(success,
+                                         [&](const ZRBRQ_BaseRequestPtr&) { recorder->put("failure"); });
+  request->start();
+  recorder->waitFor("success 2");
+  settle();
+  EXPECT_EQ(recorder->events(), (std::vector<std::string>{"success 1", "success 2"}));
+  EXPECT_FALSE(request->successCompletionBlock());  // cleared after the second run
+  EXPECT_EQ(server_.requestCount(), 2u);
+}
+
 TEST_F(NetworkAgentTest, SuccessCallsDidStopOnlyFromLogLevelThree) {
   server_.respond("GET", "/ok", ZRBTestResponse::json(200, "{}"));
   for (unsigned long level : {2ul, 3ul}) {
