@@ -530,7 +530,11 @@ void ZRBRQ_NetworkAgent::addRequestToRecord(const ZRBRQ_BaseRequestPtr& request)
 }
 
 void ZRBRQ_NetworkAgent::removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request) {
-  const auto task = request->requestTask();
+  removeRecordOfTask(request, request->requestTask());
+}
+
+void ZRBRQ_NetworkAgent::removeRecordOfTask(const ZRBRQ_BaseRequestPtr& request,
+                                            const ZRBURLSessionTaskPtr& task) {
   ZRBRQ_BaseRequestPtr removed;  // released outside the lock
   std::lock_guard lock(lock_);
   if (task) {
@@ -633,13 +637,7 @@ void ZRBRQ_NetworkAgent::cleanUpRequest(const ZRBRQ_BaseRequestPtr& request,
   }
   // Started again from its callbacks or right after them: only the finished task's entry goes, the
   // new run keeps its own entry and callbacks.
-  ZRBRQ_BaseRequestPtr removed;  // released outside the lock
-  std::lock_guard lock(lock_);
-  auto found = requestsRecord_.find(finished->taskIdentifier());
-  if (found != requestsRecord_.end() && found->second == request) {
-    removed = std::move(found->second);
-    requestsRecord_.erase(found);
-  }
+  removeRecordOfTask(request, finished);
 }
 
 void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request, bool cleanUp) {

@@ -148,6 +148,7 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   void cleanUpRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBURLSessionTaskPtr& finished);
   void addRequestToRecord(const ZRBRQ_BaseRequestPtr& request);
   void removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request);
+  void removeRecordOfTask(const ZRBRQ_BaseRequestPtr& request, const ZRBURLSessionTaskPtr& task);
   static void writeResumeData(const ZRBValue& resumeData, const std::optional<std::string>& downloadPath);
 
   // Answers a server-trust challenge in the handshake (transport thread).
