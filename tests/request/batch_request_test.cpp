@@ -76,6 +76,12 @@ std::shared_ptr<Recorder> record(const ZRBRQ_BatchRequestPtr& batch) {
   return recorder;
 }
 
+// Batches start from the main queue, where their members' results arrive: started from another
+// thread, a failure could stop a member that is still being added and leave it running.
+void start(const ZRBRQ_BatchRequestPtr& batch) {
+  ZRBDispatch::mainQueue()->sync([&] { batch->start(); });
+}
+
 bool held(const ZRBRQ_BatchRequestPtr& batch) {
   const auto running = ZRBRQ_BatchRequestAgent::sharedAgent()->requestArray();
   return std::find(running.begin(), running.end(), batch) != running.end();
@@ -150,7 +156,7 @@ TEST_F(BatchRequestTest, AllMembersSucceedingReportOnceAndTheBatchCannotStartAga
   }
   const auto batch = ZRBRQ_BatchRequest::initWithRequestArray({members[0], members[1], members[2]});
   const auto recorder = record(batch);
-  batch->start();
+  start(batch);
   recorder->waitFor("didStop");
   settle();
   EXPECT_EQ(recorder->events(), (Events{"willStart", "willStop", "finished", "success", "didStop"}));
@@ -161,7 +167,7 @@ TEST_F(BatchRequestTest, AllMembersSucceedingReportOnceAndTheBatchCannotStartAga
   EXPECT_FALSE(held(batch));
 
   batch->setCompletionBlockWithSuccess([&](const auto&) { recorder->put("success"); }, nullptr);
-  batch->start();
+  start(batch);
   settle();
   EXPECT_EQ(takeLog(), Events{"Error! Batch request has already started."});
   EXPECT_EQ(server_.requestCount(), 3u);
@@ -172,7 +178,7 @@ TEST_F(BatchRequestTest, SecondMemberFailingStopsEveryMemberAndReportsOnce) {
   const std::vector<std::shared_ptr<Member>> members = {member("/ok/1"), member("/fail"), member("/held")};
   const auto batch = ZRBRQ_BatchRequest::initWithRequestArray({members[0], members[1], members[2]});
   const auto recorder = record(batch);
-  batch->start();
+  start(batch);
   recorder->waitFor("didStop");
   settle();
   EXPECT_EQ(batch->failedRequest(), members[1]);
@@ -183,10 +189,10 @@ TEST_F(BatchRequestTest, SecondMemberFailingStopsEveryMemberAndReportsOnce) {
   // No member succeeded in a batch that fails at once, so it may run again.
   const auto again = ZRBRQ_BatchRequest::initWithRequestArray({member("/fail")});
   const auto againHeard = record(again);
-  again->start();
+  start(again);
   againHeard->waitFor("didStop");
   settle();
-  again->start();
+  start(again);
   settle();
   const auto events = againHeard->events();
   EXPECT_EQ(std::count(events.begin(), events.end(), "failed"), 2);  // the delegate outlives the callbacks
@@ -198,8 +204,8 @@ TEST_F(BatchRequestTest, StopAndAnEmptyBatchReportNothing) {
   const auto empty = ZRBRQ_BatchRequest::initWithRequestArray({});
   const auto runningHeard = record(running);
   const auto emptyHeard = record(empty);
-  running->start();
-  empty->start();
+  start(running);
+  start(empty);
   for (const auto& request : running->requestArray()) EXPECT_TRUE(request->isExecuting());
   running->stop();
   settle();
@@ -226,7 +232,7 @@ TEST_F(BatchRequestTest, MembersFromTheCacheMakeTheBatchCached) {
   const auto cached = [](const std::vector<ZRBRQ_BaseRequestPtr>& members) {
     const auto batch = ZRBRQ_BatchRequest::initWithRequestArray(members);
     const auto recorder = record(batch);
-    batch->start();
+    start(batch);
     recorder->waitFor("success");
     return batch->isDataFromCache();
   };
@@ -244,7 +250,7 @@ TEST_F(BatchRequestTest, TheAgentKeepsARunningBatchAndItsEndStopsTheMembers) {
     const auto batch = ZRBRQ_BatchRequest::initWithRequestArray({request});
     weak = batch;
     recorder = record(batch);
-    batch->start();
+    start(batch);
   }
   recorder->waitFor("didStop");
   settle();
