@@ -1,6 +1,7 @@
 #include "platform/net/transport/transport.h"
 
 #include <curl/curl.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -48,6 +49,9 @@ std::shared_ptr<ZRBTransport> ZRBTransport::make(const ZRBTransportOptions& opti
     self->run();
     ZRBTransportExit::instance().threadLeaving(self.get());
     self.reset();  // the last owner may be this thread: the handles and connections go here
+    // OpenSSL's per-thread state goes now, not after the thread function returns: an exiting
+    // process may clean OpenSSL up as soon as this thread has said it finished.
+    OPENSSL_thread_stop();
     ZRBTransportExit::instance().threadFinished();
   });
   transport->threadID_ = transport->thread_.get_id();
