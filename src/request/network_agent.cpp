@@ -642,25 +642,13 @@ void ZRBRQ_NetworkAgent::cleanUpRequest(const ZRBRQ_BaseRequestPtr& request,
 
 void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request, bool cleanUp) {
   request->requestCompletePreprocessor();
-  ZRBRQ_NetworkAgentPtr self;
-  ZRBURLSessionTaskPtr finished;
-  if (cleanUp) {
-    self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
-    finished = request->requestTask();
-  }
-  ZRBDispatch::mainQueue()->async([self = std::move(self), request, finished] {
-    try {
-      request->toggleAccessoriesWillStopCallBack();
-      request->requestCompleteFilter();
-      if (auto delegate = request->delegate()) delegate->requestFinished(request);
-      if (auto success = request->successCompletionBlock()) success(request);
-      // Only at log level 3 or more: successful requests skip did-stop below that on purpose.
-      if (ZRBSDKConfig::sharedInstance()->logLevel() >= 3) request->toggleAccessoriesDidStopCallBack();
-    } catch (...) {
-      if (self) self->cleanUpRequest(request, finished);
-      throw;
-    }
-    if (self) self->cleanUpRequest(request, finished);
+  deliverOnMainQueue(request, cleanUp, [request] {
+    request->toggleAccessoriesWillStopCallBack();
+    request->requestCompleteFilter();
+    if (auto delegate = request->delegate()) delegate->requestFinished(request);
+    if (auto success = request->successCompletionBlock()) success(request);
+    // Only at log level 3 or more: successful requests skip did-stop below that on purpose.
+    if (ZRBSDKConfig::sharedInstance()->logLevel() >= 3) request->toggleAccessoriesDidStopCallBack();
   });
 }
 
@@ -690,25 +678,33 @@ void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& r
     request->setResponseObject(ZRBValue());
   }
   request->requestFailedPreprocessor();
+  deliverOnMainQueue(request, cleanUp, [request] {
+    request->toggleAccessoriesWillStopCallBack();
+    request->requestFailedFilter();
+    if (auto delegate = request->delegate()) delegate->requestFailed(request);
+    if (auto failure = request->failureCompletionBlock()) failure(request);
+    request->toggleAccessoriesDidStopCallBack();
+  });
+}
+
+void ZRBRQ_NetworkAgent::deliverOnMainQueue(const ZRBRQ_BaseRequestPtr& request, bool cleanUp,
+                                            std::function<void()> callbacks) {
   ZRBRQ_NetworkAgentPtr self;
   ZRBURLSessionTaskPtr finished;
   if (cleanUp) {
     self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
     finished = request->requestTask();
   }
-  ZRBDispatch::mainQueue()->async([self = std::move(self), request, finished] {
-    try {
-      request->toggleAccessoriesWillStopCallBack();
-      request->requestFailedFilter();
-      if (auto delegate = request->delegate()) delegate->requestFailed(request);
-      if (auto failure = request->failureCompletionBlock()) failure(request);
-      request->toggleAccessoriesDidStopCallBack();
-    } catch (...) {
-      if (self) self->cleanUpRequest(request, finished);
-      throw;
-    }
-    if (self) self->cleanUpRequest(request, finished);
-  });
+  ZRBDispatch::mainQueue()->async(
+      [self = std::move(self), request, finished, callbacks = std::move(callbacks)] {
+        try {
+          callbacks();
+        } catch (...) {
+          if (self) self->cleanUpRequest(request, finished);
+          throw;
+        }
+        if (self) self->cleanUpRequest(request, finished);
+      });
 }
 
 void ZRBRQ_NetworkAgent::cancelRequest(const ZRBRQ_BaseRequestPtr& request) {

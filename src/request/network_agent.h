@@ -40,6 +40,7 @@
 // out to request callbacks or stop(). A null request is a programming error ("request != nil").
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -146,6 +147,9 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   void requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBErrorPtr& error, bool cleanUp);
   // `finished`: the task that reported (the request may run a new one by now).
   void cleanUpRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBURLSessionTaskPtr& finished);
+  // Runs `callbacks` on the main queue, then, when `cleanUp` is set, the clean-up of the run that
+  // has just finished (also when a callback throws).
+  void deliverOnMainQueue(const ZRBRQ_BaseRequestPtr& request, bool cleanUp, std::function<void()> callbacks);
   void addRequestToRecord(const ZRBRQ_BaseRequestPtr& request);
   void removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request);
   void removeRecordOfTask(const ZRBRQ_BaseRequestPtr& request, const ZRBURLSessionTaskPtr& task);
