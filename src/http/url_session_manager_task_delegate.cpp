@@ -6,6 +6,7 @@
 
 #include "http/response_serializer.h"
 #include "http/url_session_manager.h"
+#include "platform/runtime/inline_budget.h"
 #include "platform/runtime/notification_center.h"
 #include "platform/system/file_manager.h"
 
@@ -22,17 +23,12 @@ constexpr std::size_t kDecodeHereLimit = 16 * 1024;
 // queue's) when their queue is idle: the hop to another thread costs more than a quick completion.
 // A completion that took long sends the next ones through their queue for a while, so a slow
 // caller cannot hold up the transport for long.
-std::atomic<std::int64_t> runHereAfter{0};
-constexpr auto kSlowCompletion = std::chrono::milliseconds(2);
-constexpr auto kBackOff = std::chrono::seconds(1);
-
-std::int64_t nowTicks() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+ZRBInlineBudget completionBudget(std::chrono::milliseconds(2), std::chrono::seconds(1));
 
 void runCompletion(const ZRBDispatchQueue& queue, const ZRBDispatchQueuePtr& delegateQueue,
                    ZRBDispatchBlock complete) {
-  const std::int64_t start = nowTicks();
-  if (start >= runHereAfter.load(std::memory_order_relaxed) &&
-      queue.runNowIfIdle([&complete, &delegateQueue] {
+  ZRBInlineBudget::Run inlineRun(completionBudget);
+  if (inlineRun.allowed() && queue.runNowIfIdle([&complete, &delegateQueue] {
         // The task lists must not wait for the delegate queue that this thread may be holding.
         const ZRBDispatchQueue* outer = ZRBHS_URLSessionManager::heldDelegateQueue;
         ZRBHS_URLSessionManager::heldDelegateQueue = delegateQueue.get();
@@ -42,11 +38,7 @@ void runCompletion(const ZRBDispatchQueue& queue, const ZRBDispatchQueuePtr& del
         } restore{outer};
         complete();
       })) {
-    const std::int64_t end = nowTicks();
-    if (std::chrono::steady_clock::duration(end - start) > kSlowCompletion) {
-      runHereAfter.store(end + std::chrono::steady_clock::duration(kBackOff).count(),
-                         std::memory_order_relaxed);
-    }
+    inlineRun.finished();
     return;
   }
   queue.async(std::move(complete));

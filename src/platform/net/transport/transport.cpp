@@ -14,9 +14,6 @@ namespace {
 constexpr auto kTimeoutCheckInterval = std::chrono::milliseconds(100);
 constexpr auto kIdleWait = std::chrono::milliseconds(5000);
 constexpr std::size_t kEasyPoolLimit = 64;
-// Callbacks run on the transport thread only while they are quick.
-constexpr auto kInlineBudget = std::chrono::milliseconds(2);
-constexpr auto kInlinePenalty = std::chrono::seconds(1);
 
 // libcurl's global set-up is not thread-safe; do it once before the first handle.
 void initializeCurlOnce() {
@@ -259,14 +256,14 @@ void ZRBTransport::flushOutbox() {
   // callbacks keep their order and run one at a time, and no thread has to wake for them. A
   // delegate that turns out slow gets its callbacks on the pool for a while, so it cannot hold
   // up the transfers.
-  auto now = std::chrono::steady_clock::now();
   auto runHere = [this, &batch] {
     runningCallbacks_ = true;
     runCallbacks(batch);
     runningCallbacks_ = false;
   };
-  if (now >= inlineAllowedAfter_ && callbackQueue_->runNowIfIdle(runHere)) {
-    if (std::chrono::steady_clock::now() - now > kInlineBudget) inlineAllowedAfter_ = now + kInlinePenalty;
+  ZRBInlineBudget::Run inlineRun(inlineBudget_);
+  if (inlineRun.allowed() && callbackQueue_->runNowIfIdle(runHere)) {
+    inlineRun.finished();
     batch.clear();
     spareOutbox_.swap(batch);  // its storage serves the next turn
     return;

@@ -19,6 +19,7 @@
 
 #include "platform/net/transport/transport_work.h"
 #include "platform/runtime/dispatch.h"
+#include "platform/runtime/inline_budget.h"
 
 typedef void CURLM;
 typedef void CURL;
@@ -146,5 +147,6 @@ class ZRBTransport : public std::enable_shared_from_this<ZRBTransport> {
   std::vector<ZRBTransportWork> running_;      // posted work being run, emptied after
   std::chrono::steady_clock::time_point turnStart_{};
   std::chrono::steady_clock::time_point nextTimeoutCheck_{};
-  std::chrono::steady_clock::time_point inlineAllowedAfter_{};
+  // Callbacks run on the transport thread only while they are quick.
+  ZRBInlineBudget inlineBudget_{std::chrono::milliseconds(2), std::chrono::seconds(1)};
 };
