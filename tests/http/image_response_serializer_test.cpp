@@ -7,8 +7,6 @@
 #include <optional>
 #include <string>
 
-#include "http/compound_response_serializer.h"
-#include "http/json_response_serializer.h"
 #include "serializer_checks.h"
 #include "support/test_images.h"
 
@@ -145,32 +143,6 @@ TEST(ImageResponseSerializer, GuardsDecodingAndReportsValidation) {
       serializer->responseObjectForResponse(response("image/png"), body(png), nullptr).objectAs<ZRBImage>();
   ASSERT_TRUE(image);
   EXPECT_EQ(image->bitmap()->bitmapInfo(), ZRBImageAlphaNone) << "as decoded";
-}
-
-// The JSON serializer refuses the image's content type; its error does not travel with the image.
-TEST(ImageResponseSerializer, WinsInACompoundAfterJSON) {
-  auto compound = ZRBHS_CompoundResponseSerializer::compoundSerializerWithResponseSerializers(
-      {ZRBHS_JSONResponseSerializer::serializer(), ZRBHS_ImageResponseSerializer::serializer()});
-  ZRBErrorPtr error;
-  ZRBValue object = compound->responseObjectForResponse(
-      response("image/gif"), body(test_images::gif(2, 2, {{0, 0, 2, 2, 1}})), &error);
-  EXPECT_TRUE(object.objectAs<ZRBImage>());
-  EXPECT_FALSE(error);
-}
-
-TEST(ImageResponseSerializer, CopiesAndArchivesKeepScaleAndInflation) {
-  auto serializer = ZRBHS_ImageResponseSerializer::serializer();
-  serializer->setImageScale(3);
-  serializer->setAutomaticallyInflatesResponseImage(false);
-  serializer->setAcceptableContentTypes(ZRBHS_HTTPResponseSerializer::ContentTypes{"image/png"});
-
-  for (const auto& again : copiedAndDecoded(*serializer)) {
-    ASSERT_TRUE(again);
-    EXPECT_NE(again.get(), serializer.get());
-    EXPECT_EQ(again->imageScale(), 3);
-    EXPECT_FALSE(again->automaticallyInflatesResponseImage());
-    EXPECT_EQ(again->acceptableContentTypes(), serializer->acceptableContentTypes());
-  }
 }
 
 }  // namespace
