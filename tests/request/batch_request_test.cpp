@@ -5,15 +5,13 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <future>
-#include <thread>
 #include <utility>
 
 #include "platform/runtime/dispatch.h"
 #include "request/batch_request_agent.h"
 #include "request/network_agent.h"
 #include "request/network_config.h"
+#include "request_test_support.h"
 #include "settings/app_sdk_log_manager.h"
 #include "settings/sdk_config.h"
 #include "support/temporary_directory.h"
@@ -24,46 +22,23 @@ namespace {
 using namespace std::chrono_literals;
 using Events = std::vector<std::string>;
 
-struct Member : ZRBRQ_Request {
-  Member(std::string address, long seconds) : url(std::move(address)), cacheTime(seconds) {}
-  std::string requestUrl() const override { return url; }
-  long cacheTimeInSeconds() const override { return cacheTime; }
-  bool writeCacheAsynchronously() const override { return false; }
-  std::string url;
-  long cacheTime;
-};
+using Member = ZRBTestCachedRequest;
 
 // Everything a batch tells its delegate, accessory and callbacks, in order; results must arrive on
 // the main queue.
-class Recorder : public ZRBRQ_BatchRequestDelegate, public ZRBRQ_BatchRequestAccessory {
+class Recorder : public ZRBTestEventLog,
+                 public ZRBRQ_BatchRequestDelegate,
+                 public ZRBRQ_BatchRequestAccessory {
  public:
-  void batchRequestFinished(const ZRBRQ_BatchRequestPtr&) override { put("finished"); }
-  void batchRequestFailed(const ZRBRQ_BatchRequestPtr&) override { put("failed"); }
+  void batchRequestFinished(const ZRBRQ_BatchRequestPtr&) override { result("finished"); }
+  void batchRequestFailed(const ZRBRQ_BatchRequestPtr&) override { result("failed"); }
   void requestWillStart(const ZRBRQ_BatchRequestPtr&) override { put("willStart"); }
   void requestWillStop(const ZRBRQ_BatchRequestPtr&) override { put("willStop"); }
   void requestDidStop(const ZRBRQ_BatchRequestPtr&) override { put("didStop"); }
-
-  void put(const std::string& event) {
-    std::lock_guard lock(mutex_);
-    events_.push_back(event);
-    EXPECT_TRUE(ZRBDispatch::isMainQueue() || !(event.starts_with("f") || event.starts_with("s"))) << event;
-    changed_.notify_all();
+  void result(const std::string& event) {
+    EXPECT_TRUE(ZRBDispatch::isMainQueue()) << event;
+    put(event);
   }
-  void waitFor(const std::string& event) {
-    std::unique_lock lock(mutex_);
-    EXPECT_TRUE(
-        changed_.wait_for(lock, 30s, [&] { return std::count(events_.begin(), events_.end(), event); }))
-        << "no " << event;
-  }
-  Events events() {
-    std::lock_guard lock(mutex_);
-    return events_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  Events events_;
 };
 
 // Delegate, accessory and both callbacks of `batch` go to one recorder.
@@ -71,8 +46,8 @@ std::shared_ptr<Recorder> record(const ZRBRQ_BatchRequestPtr& batch) {
   auto recorder = std::make_shared<Recorder>();
   batch->setDelegate(recorder);
   batch->addAccessory(recorder);
-  batch->setCompletionBlockWithSuccess([recorder](const auto&) { recorder->put("success"); },
-                                       [recorder](const auto&) { recorder->put("failure"); });
+  batch->setCompletionBlockWithSuccess([recorder](const auto&) { recorder->result("success"); },
+                                       [recorder](const auto&) { recorder->result("failure"); });
   return recorder;
 }
 
@@ -85,15 +60,6 @@ void start(const ZRBRQ_BatchRequestPtr& batch) {
 bool held(const ZRBRQ_BatchRequestPtr& batch) {
   const auto running = ZRBRQ_BatchRequestAgent::sharedAgent()->requestArray();
   return std::find(running.begin(), running.end(), batch) != running.end();
-}
-
-// Until the network agent holds no request and has handled every result, and the main queue has
-// run what that posted (the agent's clean-up of a finished run included).
-void settle() {
-  const auto& agent = ZRBRQ_NetworkAgent::sharedAgent();
-  for (int i = 0; i < 3000 && agent->requestCount() != 0; ++i) std::this_thread::sleep_for(10ms);
-  agent->processingQueue()->syncBarrier([] {});
-  ZRBDispatch::mainQueue()->sync([] {});
 }
 
 class BatchRequestTest : public testing::Test {
@@ -115,10 +81,12 @@ class BatchRequestTest : public testing::Test {
   void TearDown() override {
     logs_->setCollectAppSdkLogEnable(false);
     logs_->setCollector(nullptr);
-    settle();
+    ZRBTestSettle();
   }
   std::shared_ptr<Member> member(const std::string& path, long cacheTime = -1) {
-    return std::make_shared<Member>(server_.url(path), cacheTime);
+    auto request = ZRBTestMakeRequest<Member>(server_.url(path));
+    request->cacheTime = cacheTime;
+    return request;
   }
   Events takeLog() {
     std::lock_guard lock(logMutex_);
@@ -158,7 +126,7 @@ TEST_F(BatchRequestTest, AllMembersSucceedingReportOnceAndTheBatchCannotStartAga
   const auto recorder = record(batch);
   start(batch);
   recorder->waitFor("didStop");
-  settle();
+  ZRBTestSettle();
   EXPECT_EQ(recorder->events(), (Events{"willStart", "willStop", "finished", "success", "didStop"}));
   EXPECT_EQ(batch->finishedCount(), 3);
   EXPECT_EQ(batch->failedRequest(), nullptr);
@@ -166,9 +134,9 @@ TEST_F(BatchRequestTest, AllMembersSucceedingReportOnceAndTheBatchCannotStartAga
   EXPECT_EQ(memberCallbacks, 0);
   EXPECT_FALSE(held(batch));
 
-  batch->setCompletionBlockWithSuccess([&](const auto&) { recorder->put("success"); }, nullptr);
+  batch->setCompletionBlockWithSuccess([&](const auto&) { recorder->result("success"); }, nullptr);
   start(batch);
-  settle();
+  ZRBTestSettle();
   EXPECT_EQ(takeLog(), Events{"Error! Batch request has already started."});
   EXPECT_EQ(server_.requestCount(), 3u);
   EXPECT_EQ(recorder->events().size(), 5u);
@@ -180,7 +148,7 @@ TEST_F(BatchRequestTest, SecondMemberFailingStopsEveryMemberAndReportsOnce) {
   const auto recorder = record(batch);
   start(batch);
   recorder->waitFor("didStop");
-  settle();
+  ZRBTestSettle();
   EXPECT_EQ(batch->failedRequest(), members[1]);
   EXPECT_EQ(recorder->events(), (Events{"willStart", "willStop", "failed", "failure", "didStop"}));
   for (const auto& request : members) EXPECT_EQ(request->delegate(), nullptr);  // stopped
@@ -191,9 +159,9 @@ TEST_F(BatchRequestTest, SecondMemberFailingStopsEveryMemberAndReportsOnce) {
   const auto againHeard = record(again);
   start(again);
   againHeard->waitFor("didStop");
-  settle();
+  ZRBTestSettle();
   start(again);
-  settle();
+  ZRBTestSettle();
   const auto events = againHeard->events();
   EXPECT_EQ(std::count(events.begin(), events.end(), "failed"), 2);  // the delegate outlives the callbacks
   EXPECT_EQ(takeLog(), Events{});
@@ -208,7 +176,7 @@ TEST_F(BatchRequestTest, StopAndAnEmptyBatchReportNothing) {
   start(empty);
   for (const auto& request : running->requestArray()) EXPECT_TRUE(request->isExecuting());
   running->stop();
-  settle();
+  ZRBTestSettle();
   EXPECT_EQ(runningHeard->events(), (Events{"willStart", "willStop", "didStop"}));
   EXPECT_FALSE(held(running));
   EXPECT_EQ(running->successCompletionBlock(), nullptr);
@@ -253,7 +221,7 @@ TEST_F(BatchRequestTest, TheAgentKeepsARunningBatchAndItsEndStopsTheMembers) {
     start(batch);
   }
   recorder->waitFor("didStop");
-  settle();
+  ZRBTestSettle();
   EXPECT_EQ(recorder->events(), (Events{"willStart", "willStop", "finished", "success", "didStop"}));
   EXPECT_TRUE(weak.expired());
   EXPECT_EQ(request->delegate(), nullptr);  // stopped when the batch went

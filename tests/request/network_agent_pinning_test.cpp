@@ -4,9 +4,6 @@
 // the server without asking the validator at all.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <filesystem>
-#include <mutex>
 #include <thread>
 
 #include "platform/foundation/crypto.h"
@@ -19,7 +16,9 @@
 #include "request/network_config.h"
 #include "request/network_pin_guard.h"
 #include "request/network_pin_guard_pins.h"
+#include "request_test_support.h"
 #include "settings/setting.h"
+#include "support/temporary_directory.h"
 #include "support/test_pki.h"
 #include "support/test_server.h"
 
@@ -29,37 +28,6 @@ using namespace std::chrono_literals;
 
 constexpr const char* kHost = "api.example.com";
 
-class StatusRequest : public ZRBRQ_BaseRequest {
- public:
-  explicit StatusRequest(std::string url) : url_(std::move(url)) {}
-  std::string requestUrl() const override { return url_; }
-  ZRBValue jsonValidator() const override {
-    return ZRBValue::dictionary({{"online", ZRBValue::classTag(ZRBValueClass::Bool)}});
-  }
-
- private:
-  std::string url_;
-};
-
-// Callbacks as they arrive, each with whether it ran on the main queue.
-struct Outcome {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::string> callbacks;
-  bool offMain = false;
-
-  void put(const std::string& callback) {
-    std::lock_guard lock(mutex);
-    callbacks.push_back(callback);
-    offMain = offMain || !ZRBDispatch::isMainQueue();
-    changed.notify_all();
-  }
-  void waitForOne() {
-    std::unique_lock lock(mutex);
-    changed.wait_for(lock, 30s, [&] { return !callbacks.empty(); });
-  }
-};
-
 std::string pinOf(const ZRBTestCertificate& certificate) {
   return ZRBBase64Encode(certificate.secCertificate()->copyKey()->subjectPublicKeyInfoSHA256());
 }
@@ -67,8 +35,7 @@ std::string pinOf(const ZRBTestCertificate& certificate) {
 class PinnedAgentTest : public testing::Test {
  protected:
   void SetUp() override {
-    directory_ = ZRBTestPKI::makeTemporaryDirectory();
-    ZRBFileManager::defaultManager()->setCachesDirectory(directory_.string());
+    ZRBFileManager::defaultManager()->setCachesDirectory(directory_.path.string());
     // The program pins RSA 2048 keys only: the shared CAs with an RSA 2048 leaf for a name with a
     // public suffix, as pinned domains need.
     const ZRBTestChain& shared = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
@@ -114,14 +81,13 @@ class PinnedAgentTest : public testing::Test {
     ZRBRQ_NetworkConfig::sharedConfig()->setSessionConfiguration(nullptr);
     ZRBDispatch::mainQueue()->sync([] {});  // observer calls still queued
     ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
-    std::filesystem::remove_all(directory_);
   }
 
   std::string url(const std::string& path) const {
     return "https://" + std::string(kHost) + ":" + std::to_string(server_->port()) + path;
   }
 
-  std::filesystem::path directory_;
+  ZRBTestTemporaryDirectory directory_;
   ZRBTestChain chain_;
   std::unique_ptr<ZRBTestServer> server_;
   ZRBTestServer collector_;
@@ -158,17 +124,18 @@ TEST_F(PinnedAgentTest, PinsDecideUnlessTheStagingSwitchAcceptsWithoutEvaluation
         [&decisions](const ZRB_PGDPinningValidatorResultPtr& result, const std::string&,
                      const ZRB_PGDDomainPolicyPtr&) { decisions.push_back(result->finalTrustDecision()); });
 
-    auto request = std::make_shared<StatusRequest>(url("/status"));
-    Outcome outcome;
-    request->setCompletionBlockWithSuccess([&](const ZRBRQ_BaseRequestPtr&) { outcome.put("success"); },
-                                           [&](const ZRBRQ_BaseRequestPtr&) { outcome.put("failure"); });
+    auto request = ZRBTestMakeRequest(url("/status"));
+    request->validator = ZRBValue::dictionary({{"online", ZRBValue::classTag(ZRBValueClass::Bool)}});
+    auto recorder = ZRBTestRecord(request);
     agent->addRequest(request);
-    outcome.waitForOne();
+    recorder->waitForAny({"success", "failure"});
     for (int i = 0; i < 3000 && agent->requestCount() != 0; ++i) std::this_thread::sleep_for(10ms);
     ZRBDispatch::mainQueue()->sync([] {});
 
-    EXPECT_EQ(outcome.callbacks, std::vector<std::string>{c.succeeds ? "success" : "failure"});
-    EXPECT_FALSE(outcome.offMain);
+    const std::vector<std::string> succeeded{"willStart", "willStop", "finished", "success"};
+    const std::vector<std::string> failed{"willStart", "willStop", "failed", "failure", "didStop"};
+    EXPECT_EQ(recorder->events(), c.succeeds ? succeeded : failed);
+    EXPECT_EQ(recorder->offMain(), std::vector<std::string>{"willStart"});  // the rest on the main queue
     EXPECT_EQ(decisions.size(), static_cast<std::size_t>(c.evaluations));
     if (c.succeeds) {
       EXPECT_EQ(request->responseJSONObject()["online"].boolValue(), true);

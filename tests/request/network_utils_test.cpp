@@ -1,10 +1,9 @@
 // ZRBRQ_NetworkUtils: JSON validation against class-tag validators, the two URL extractors, MD5 and
-// its assertion, the response encoding, resume-data validation and the backup marker's failure log.
+// its assertion, the response encoding, and resume-data validation.
 #include "request/network_utils.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -13,7 +12,6 @@
 #include "platform/foundation/assert.h"
 #include "platform/foundation/json_serialization.h"
 #include "platform/foundation/property_list_serialization.h"
-#include "settings/app_sdk_log_manager.h"
 
 namespace {
 
@@ -110,21 +108,6 @@ TEST(NetworkUtils, ResumeDataMustBePropertyListData) {
   EXPECT_FALSE(Utils::validateResumeData(V::data(bytes->data(), bytes->size() / 2)));
   // A string holding the same bytes is no data.
   EXPECT_FALSE(Utils::validateResumeData(V(std::string(bytes->begin(), bytes->end()))));
-}
-
-TEST(NetworkUtils, BackupMarkerFailureIsLogged) {
-  std::vector<std::string> logged;
-  auto manager = ZRBAppSdkLogManager::sharedInstance();
-  manager->setCollector(
-      [&](long, const std::string&, const std::string& message) { logged.push_back(message); });
-  manager->setCollectAppSdkLogEnable(true);
-  const auto missing = std::filesystem::temp_directory_path() / "orvelkit-no-such-dir" / "file";
-  Utils::addDoNotBackupAttribute(missing.string());
-  manager->setCollectAppSdkLogEnable(false);
-  manager->setCollector(nullptr);
-  ASSERT_EQ(logged.size(), 1u);
-  EXPECT_TRUE(logged[0].starts_with("error to set do not backup attribute, error = ")) << logged[0];
-  EXPECT_EQ(logged[0].find("(null)"), std::string::npos) << logged[0];
 }
 
 }  // namespace

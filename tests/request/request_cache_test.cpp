@@ -2,12 +2,10 @@
 // delivered, the file names and directory, damaged entries, and entries left by a writer killed
 // half-way.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -20,8 +18,10 @@
 #include "platform/system/file_manager.h"
 #include "request/network_config.h"
 #include "request/request.h"
+#include "request_test_support.h"
 #include "settings/app_sdk_log_manager.h"
 #include "settings/sdk_config.h"
+#include "support/temporary_directory.h"
 #include "support/test_server.h"
 
 namespace {
@@ -29,61 +29,18 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-class CachedRequest : public ZRBRQ_Request {
- public:
-  std::string url;
-  std::string base;
-  long cacheTime = 3600;
-  long long version = 0;
-  ZRBValue sensitive;
-  bool async = false;
-  ZRBRQ_ResponseSerializerType responseKind = ZRBRQ_ResponseSerializerTypeJSON;
+using CachedRequest = ZRBTestCachedRequest;
 
-  std::string requestUrl() const override { return url; }
-  std::string baseUrl() const override { return base; }
-  ZRBRQ_ResponseSerializerType responseSerializerType() const override { return responseKind; }
-  long cacheTimeInSeconds() const override { return cacheTime; }
-  long long cacheVersion() const override { return version; }
-  ZRBValue cacheSensitiveData() const override { return sensitive; }
-  bool writeCacheAsynchronously() const override { return async; }
-};
-
-// What reached a request, in order, and whether any of it (but willStart) ran off the main queue.
-class Recorder : public ZRBRQ_RequestDelegate, public ZRBRQ_RequestAccessory {
- public:
-  void requestFinished(const ZRBRQ_BaseRequestPtr&) override { put("finished"); }
-  void requestWillStart(const ZRBRQ_BaseRequestPtr&) override { put("willStart"); }
-  void requestWillStop(const ZRBRQ_BaseRequestPtr&) override { put("willStop"); }
-  void put(const std::string& event) {
-    std::lock_guard lock(mutex);
-    events.push_back(event);
-    offMain = offMain || (event != "willStart" && !ZRBDispatch::isMainQueue());
-    changed.notify_all();
-  }
-  std::vector<std::string> events;
-  bool offMain = false;
-  std::mutex mutex;
-  std::condition_variable changed;
-};
-
-// Starts the request and waits for its callback. A write (synchronous, or queued on the writing
-// queue) is under way before the callback is queued, so it is done once the writing queue is idle.
-std::shared_ptr<Recorder> run(const std::shared_ptr<CachedRequest>& request) {
-  auto recorder = std::make_shared<Recorder>();
-  request->setDelegate(recorder);
-  request->addAccessory(recorder);
-  request->startWithCompletionBlockWithSuccess(
-      [recorder](const ZRBRQ_BaseRequestPtr&) { recorder->put("success"); },
-      [recorder](const ZRBRQ_BaseRequestPtr&) { recorder->put("failure"); });
-  std::unique_lock lock(recorder->mutex);
-  recorder->changed.wait_for(lock, 30s, [&] {
-    const auto& e = recorder->events;
-    return !e.empty() && (e.back() == "success" || e.back() == "failure");
-  });
-  lock.unlock();
-  ZRBDispatch::mainQueue()->sync([] {});
+// Runs the request to its callback. A write (synchronous, or queued on the writing queue) is under
+// way before the callback is queued, so it is done once the writing queue is idle.
+std::vector<std::string> run(const std::shared_ptr<CachedRequest>& request) {
+  auto events = ZRBTestRun(request);
   KVrequest_cache_writing_queue()->sync([] {});
-  return recorder;
+  return events;
+}
+
+void writeFile(const std::string& path, std::string_view bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 long cacheErrorCode(const std::shared_ptr<CachedRequest>& request) {
@@ -91,10 +48,6 @@ long cacheErrorCode(const std::shared_ptr<CachedRequest>& request) {
   if (request->loadCacheWithError(&error)) return 0;
   EXPECT_EQ(error->domain(), ZRBRequestCacheErrorDomain);
   return error->code();
-}
-
-void writeFile(const std::string& path, std::string_view bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 class FixedDirFilter : public ZRBRQ_CacheDirPathFilterProtocol {
@@ -112,10 +65,6 @@ class RequestCacheTest : public testing::Test {
     server_.start();
     server_.respond("GET", "/status", ZRBTestResponse::json(200, std::string(kBody)));
     ZRBSDKConfig::sharedInstance()->setLogLevel(0);
-    library_ = fs::temp_directory_path() / ("orvelkit-cache-" + std::to_string(::getpid()) + "-" +
-                                            testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(library_);
-    fs::create_directories(library_);
     ZRBFileManager::defaultManager()->setLibraryDirectory(library_.string());
     ZRBBundle::mainBundle()->setInfoDictionary(ZRBValue::dictionary({{"CFBundleShortVersionString", "1.0"}}));
     ZRBAppSdkLogManager::sharedInstance()->setCollector(
@@ -132,13 +81,10 @@ class RequestCacheTest : public testing::Test {
     ZRBRQ_NetworkConfig::sharedConfig()->setBaseUrl("");
     ZRBFileManager::defaultManager()->setLibraryDirectory(std::nullopt);
     ZRBBundle::mainBundle()->resetInfoDictionary();
-    fs::remove_all(library_);
   }
 
   std::shared_ptr<CachedRequest> makeRequest() {
-    auto request = std::make_shared<CachedRequest>();
-    request->url = server_.url("/status");
-    return request;
+    return ZRBTestMakeRequest<CachedRequest>(server_.url("/status"));
   }
   // A request whose answer is now on disk.
   std::shared_ptr<CachedRequest> filled() {
@@ -155,7 +101,8 @@ class RequestCacheTest : public testing::Test {
 
   static constexpr std::string_view kBody = R"({"online":true,"name":"cam-1"})";
   ZRBTestServer server_;
-  fs::path library_;
+  const ZRBTestTemporaryDirectory directory_;
+  const fs::path& library_ = directory_.path;
   std::mutex logMutex_;
   std::vector<std::string> logs_;
 };
@@ -178,12 +125,15 @@ TEST_F(RequestCacheTest, HitAnswersOnTheMainQueueWithoutAccessoriesOrNetwork) {
     const std::size_t before = server_.requestCount();
     auto first = makeRequest();
     first->async = async;
-    EXPECT_EQ(run(first)->events, (std::vector<std::string>{"willStart", "willStop", "finished", "success"}));
+    EXPECT_EQ(run(first), (std::vector<std::string>{"willStart", "willStop", "finished", "success"}));
 
     auto second = makeRequest();
-    const auto recorder = run(second);
-    EXPECT_EQ(recorder->events, (std::vector<std::string>{"finished", "success"}));
-    EXPECT_FALSE(recorder->offMain);
+    auto recorder = ZRBTestRecord(second);
+    second->start();
+    recorder->waitFor("success");
+    ZRBTestSettle();
+    EXPECT_EQ(recorder->events(), (std::vector<std::string>{"finished", "success"}));
+    EXPECT_EQ(recorder->offMain(), std::vector<std::string>{});
     EXPECT_EQ(server_.requestCount(), before + 1);
     EXPECT_TRUE(second->isDataFromCache());
     EXPECT_FALSE(second->successCompletionBlock());
@@ -212,8 +162,7 @@ TEST_F(RequestCacheTest, HitDecodesWithTheStoredEncodingAndTheRequestsSerializer
       hit = makeRequest();
       hit->url = server_.url("/latin1");
       hit->responseKind = kind;
-      EXPECT_EQ(run(hit)->events.back(), "success")
-          << (hit->error() ? hit->error()->description() : "no error");
+      EXPECT_EQ(run(hit).back(), "success") << (hit->error() ? hit->error()->description() : "no error");
     }
     ASSERT_TRUE(hit->isDataFromCache());
     EXPECT_EQ(hit->responseString(), "<p>caf\u00e9</p>");
@@ -269,7 +218,7 @@ TEST_F(RequestCacheTest, ChangedConditionsInvalidateTheEntryAndGoToTheNetwork) {
     change(*request);
     EXPECT_EQ(cacheErrorCode(request), code);
     const std::size_t before = server_.requestCount();
-    EXPECT_EQ(run(request)->events.back(), "success");
+    EXPECT_EQ(run(request).back(), "success");
     EXPECT_EQ(server_.requestCount(), before + (code ? 1 : 0));
     EXPECT_EQ(request->isDataFromCache(), code == 0);
   }
@@ -322,7 +271,7 @@ TEST_F(RequestCacheTest, DamagedEntriesMissWithTheirCodeAndGoToTheNetwork) {
       writeFile(path, *c.contents);
     EXPECT_EQ(cacheErrorCode(request), c.code);
     const std::size_t before = server_.requestCount();
-    EXPECT_EQ(run(request)->events.size(), 4u);  // willStart, willStop, finished, success
+    EXPECT_EQ(run(request).size(), 4u);  // willStart, willStop, finished, success
     EXPECT_EQ(server_.requestCount(), before + 1);
     EXPECT_EQ(request->responseString(), kBody);
   }
@@ -334,7 +283,7 @@ TEST_F(RequestCacheTest, UnwritableCacheDirectoryLogsAndUsesTheNetwork) {
       std::make_shared<FixedDirFilter>("/proc/orvelkit-request-cache"));
   for (int i = 0; i < 2; ++i) {
     auto request = makeRequest();
-    EXPECT_EQ(run(request)->events.back(), "success");
+    EXPECT_EQ(run(request).back(), "success");
     EXPECT_FALSE(request->isDataFromCache());
   }
   EXPECT_EQ(server_.requestCount(), 2u);
