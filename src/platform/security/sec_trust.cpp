@@ -1,12 +1,15 @@
 #include "platform/security/sec_trust.h"
 
+#include <openssl/asn1.h>
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -135,6 +138,178 @@ std::vector<ZRBSecCertificatePtr> loadSystemAnchors() {
   return anchors;
 }
 
+// The DER bytes of every certificate block in PEM text, in order; empty when a block is damaged (as
+// createAllWithPEM would give nothing for the text). Blocks of other kinds are skipped.
+std::vector<std::vector<std::uint8_t>> certificateBlocks(const std::string& pem) {
+  std::vector<std::vector<std::uint8_t>> blocks;
+  BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+  if (!bio) return blocks;
+  ERR_set_mark();
+  char* name = nullptr;
+  char* header = nullptr;
+  unsigned char* data = nullptr;
+  long length = 0;
+  while (PEM_read_bio(bio, &name, &header, &data, &length) == 1) {
+    if (std::strcmp(name, PEM_STRING_X509) == 0 || std::strcmp(name, PEM_STRING_X509_OLD) == 0)
+      blocks.emplace_back(data, data + length);
+    OPENSSL_free(name);
+    OPENSSL_free(header);
+    OPENSSL_free(data);
+  }
+  unsigned long error = ERR_peek_last_error();
+  if (error != 0 && !(ERR_GET_LIB(error) == ERR_LIB_PEM && ERR_GET_REASON(error) == PEM_R_NO_START_LINE))
+    blocks.clear();
+  ERR_pop_to_mark();
+  BIO_free(bio);
+  return blocks;
+}
+
+// The hash of a certificate's subject name, read from its DER without decoding the rest: decoding
+// a whole certificate costs a lookup of its key's decoder, which for a store of ~150 anchors adds
+// up to tens of milliseconds. Nullopt when the bytes are not a certificate's.
+std::optional<unsigned long> subjectHashOf(const std::vector<std::uint8_t>& der) {
+  const unsigned char* p = der.data();
+  const unsigned char* end = der.data() + der.size();
+  // Reads one element's header; `p` is left at its contents.
+  auto enter = [&](int& tag, int& type, long& length, const unsigned char*& start) {
+    start = p;
+    int flags = ASN1_get_object(&p, &length, &tag, &type, end - p);
+    // 0x80: malformed; 0x01: an indefinite length, which DER does not have.
+    return (flags & 0x81) == 0 && length <= end - p;
+  };
+  int tag = 0;
+  int type = 0;
+  long length = 0;
+  const unsigned char* start = nullptr;
+  // Certificate, then TBSCertificate: both sequences, entered.
+  if (!enter(tag, type, length, start) || tag != V_ASN1_SEQUENCE) return std::nullopt;
+  if (!enter(tag, type, length, start) || tag != V_ASN1_SEQUENCE) return std::nullopt;
+  // [0] version (optional), serial number, signature algorithm, issuer, validity: skipped.
+  for (int skipped = 0; skipped < 5; ++skipped) {
+    if (!enter(tag, type, length, start)) return std::nullopt;
+    if (skipped == 0 && !(type == V_ASN1_CONTEXT_SPECIFIC && tag == 0)) ++skipped;
+    p += length;
+  }
+  if (!enter(tag, type, length, start) || tag != V_ASN1_SEQUENCE) return std::nullopt;
+  const unsigned char* name = start;
+  X509_NAME* subject = d2i_X509_NAME(nullptr, &name, (p - start) + length);
+  if (!subject) return std::nullopt;
+  int ok = 0;
+  unsigned long hash = X509_NAME_hash_ex(subject, nullptr, nullptr, &ok);
+  X509_NAME_free(subject);
+  if (!ok) return std::nullopt;
+  return hash;
+}
+
+// The system store as an evaluation sees it: the same certificates as loadSystemAnchors(), read
+// once per process, but decoded only when an evaluation may need them (a certificate whose subject
+// is the name of a certificate of the chain, or of its issuer).
+class SystemAnchorIndex {
+ public:
+  static SystemAnchorIndex& shared() {
+    // Never destroyed, like the anchors: destruction at exit could run after OpenSSL's clean-up.
+    static auto* index = new SystemAnchorIndex();
+    return *index;
+  }
+
+  // Adds to `out`, in store order, the anchors that can be the issuer of, or equal to, a
+  // certificate of `certificates`, and again those of the anchors so found.
+  void addCandidates(const std::vector<ZRBSecCertificatePtr>& certificates,
+                     std::vector<ZRBSecCertificatePtr>& out) {
+    std::vector<unsigned long> names;
+    auto addName = [&names](const X509_NAME* name) {
+      int ok = 0;
+      unsigned long hash = X509_NAME_hash_ex(name, nullptr, nullptr, &ok);
+      if (ok && std::find(names.begin(), names.end(), hash) == names.end()) names.push_back(hash);
+    };
+    for (const auto& certificate : certificates) {
+      addName(X509_get_subject_name(certificate->x509()));
+      addName(X509_get_issuer_name(certificate->x509()));
+    }
+    std::vector<std::size_t> chosen;
+    std::lock_guard lock(mutex_);
+    for (std::size_t next = 0; next < names.size(); ++next) {
+      for (std::size_t i = 0; i < entries_.size(); ++i) {
+        Entry& entry = entries_[i];
+        if (entry.subjectHash != names[next]) continue;
+        if (std::find(chosen.begin(), chosen.end(), i) != chosen.end()) continue;
+        if (!entry.decoded) decode(entry);
+        if (!entry.certificate) continue;
+        chosen.push_back(i);
+        addName(X509_get_issuer_name(entry.certificate->x509()));
+      }
+    }
+    std::sort(chosen.begin(), chosen.end());
+    for (std::size_t i : chosen) out.push_back(entries_[i].certificate);
+  }
+
+ private:
+  struct Entry {
+    unsigned long subjectHash = 0;
+    std::vector<std::uint8_t> der;
+    bool decoded = false;
+    ZRBSecCertificatePtr certificate;  // null when the bytes did not decode
+  };
+
+  SystemAnchorIndex() {
+    // Errors OpenSSL queues while reading are ours to drop, not the caller's.
+    ERR_set_mark();
+    const std::filesystem::path directory = "/etc/ssl/certs";
+    if (!add(directory / "ca-certificates.crt", false)) {
+      // No bundle: the individual files the bundle would have been made from.
+      std::error_code error;
+      for (const auto& file : std::filesystem::directory_iterator(directory, error)) {
+        auto extension = file.path().extension();
+        if (extension == ".pem" || extension == ".crt") add(file.path(), true);
+      }
+    }
+    ERR_pop_to_mark();
+  }
+
+  // Decodes as PEM_read_bio_X509 would have; the entry's certificate stays null if that fails.
+  static void decode(Entry& entry) {
+    entry.decoded = true;
+    ERR_set_mark();
+    const unsigned char* p = entry.der.data();
+    if (X509* x509 = d2i_X509(nullptr, &p, static_cast<long>(entry.der.size()))) {
+      entry.certificate = ZRBSecCertificate::createWithX509(x509);
+      X509_free(x509);
+    }
+    ERR_pop_to_mark();
+  }
+
+  // Adds the certificates of one PEM file, none when one of them is damaged; true when some were.
+  bool add(const std::filesystem::path& path, bool skipDuplicates) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+    std::stringstream text;
+    text << in.rdbuf();
+    std::vector<Entry> found;
+    for (auto& der : certificateBlocks(text.str())) {
+      Entry entry;
+      entry.der = std::move(der);
+      if (std::optional<unsigned long> hash = subjectHashOf(entry.der)) {
+        entry.subjectHash = *hash;
+      } else {
+        // Not plain DER as far as the quick reading goes: OpenSSL's decoder has the last word.
+        decode(entry);
+        if (!entry.certificate) return false;  // a damaged block spoils its file, as before
+        entry.subjectHash = X509_subject_name_hash(entry.certificate->x509());
+      }
+      found.push_back(std::move(entry));
+    }
+    for (auto& entry : found) {
+      auto same = [&entry](const Entry& known) { return known.der == entry.der; };
+      if (skipDuplicates && std::any_of(entries_.begin(), entries_.end(), same)) continue;
+      entries_.push_back(std::move(entry));
+    }
+    return !found.empty();
+  }
+
+  std::mutex mutex_;  // guards the decoding of entries
+  std::vector<Entry> entries_;
+};
+
 // Collects every verification error by chain depth instead of stopping at the first, so that the
 // result can tell all that is wrong and the chain is built as far as it goes.
 struct Collector {
@@ -173,26 +348,23 @@ struct ZRBSecTrust::TrustedSet {
   // Custom anchors may be intermediates or leaves; the chain may end at any of them.
   bool partialChain = false;
 
+  // Custom anchors, then (withSystem) the system anchors that may take part in evaluating
+  // `certificates`: a chain is built by subject names, and those of no certificate here cannot.
   static std::shared_ptr<const TrustedSet> make(const std::vector<ZRBSecCertificatePtr>& custom,
-                                                bool withSystem) {
+                                                bool withSystem,
+                                                const std::vector<ZRBSecCertificatePtr>& certificates) {
     auto set = std::make_shared<TrustedSet>();
     set->partialChain = !custom.empty();
     set->certificates = custom;
     if (withSystem) {
-      const auto& system = copyAnchorCertificates();
-      set->certificates.insert(set->certificates.end(), system.begin(), system.end());
+      std::vector<ZRBSecCertificatePtr> chain = certificates;
+      chain.insert(chain.end(), custom.begin(), custom.end());
+      SystemAnchorIndex::shared().addCandidates(chain, set->certificates);
     }
     set->stack.reset(sk_X509_new_reserve(nullptr, static_cast<int>(set->certificates.size())));
     if (!set->stack) return nullptr;
     for (const auto& certificate : set->certificates) sk_X509_push(set->stack.get(), certificate->x509());
     return set;
-  }
-
-  static std::shared_ptr<const TrustedSet> system() {
-    // Never destroyed, like the anchors it holds: destruction at exit could run after OpenSSL's own
-    // clean-up.
-    static const auto* set = new std::shared_ptr<const TrustedSet>(make({}, true));
-    return *set;
   }
 };
 
@@ -295,8 +467,10 @@ std::optional<ZRBDate> ZRBSecTrust::verifyDate() const {
 }
 
 std::shared_ptr<const ZRBSecTrust::TrustedSet> ZRBSecTrust::trustedSet() {
-  if (!anchors_) return TrustedSet::system();
-  if (!trusted_) trusted_ = TrustedSet::make(*anchors_, !anchorsOnly_);
+  if (!trusted_) {
+    trusted_ = anchors_ ? TrustedSet::make(*anchors_, !anchorsOnly_, certificates_)
+                        : TrustedSet::make({}, true, certificates_);
+  }
   return trusted_;
 }
 

@@ -8,9 +8,9 @@
 // check failed on which certificate.
 //
 // Anchors are the system store (the ca-certificates bundle under /etc/ssl/certs, read once per
-// process) unless custom anchors are set: these replace the system store, or join it after
-// setAnchorCertificatesOnly(false). A custom anchor need not be self-signed: the chain may end at
-// any certificate of the custom set.
+// process; an evaluation decodes only the anchors whose names its chain mentions) unless custom
+// anchors are set: these replace the system store, or join it after setAnchorCertificatesOnly(false).
+// A custom anchor need not be self-signed: the chain may end at any certificate of the custom set.
 //
 // The results ZRBSecTrustResultProceed and ZRBSecTrustResultDeny stand for explicit user trust
 // settings, which this system has no store for; evaluate() therefore never produces them.

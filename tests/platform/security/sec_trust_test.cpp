@@ -87,6 +87,34 @@ TEST(SecTrust, SystemAnchorsAreTrustedByDefault) {
   EXPECT_EQ(resultOf(trust), kRecoverable);
 }
 
+// Evaluations find system anchors by name without decoding the whole store: every anchor must be
+// found that way, and vouch for itself as the end of its chain, as the full list would.
+TEST(SecTrust, EverySystemAnchorIsFoundByEvaluation) {
+  auto now = static_cast<std::int64_t>(ZRBDate::now().secondsSince1970);
+  const auto& anchors = ZRBSecTrust::copyAnchorCertificates();
+  // Where two anchors share a subject (a root re-issued), which one ends the chain is OpenSSL's choice.
+  auto subjectShared = [&anchors](const ZRBSecCertificatePtr& anchor) {
+    return std::count_if(anchors.begin(), anchors.end(), [&](const ZRBSecCertificatePtr& other) {
+             return other->copySubjectSummary() == anchor->copySubjectSummary();
+           }) > 1;
+  };
+  std::size_t checked = 0;
+  for (const auto& anchor : anchors) {
+    if (!anchor->isSelfSigned() || anchor->notBefore() > now || anchor->notAfter() < now) continue;
+    if (subjectShared(anchor)) continue;
+    auto trust = ZRBSecTrust::createWithCertificates({anchor}, ZRBSecPolicy::createBasicX509());
+    EXPECT_EQ(resultOf(trust), kTrusted) << anchor->description();
+    ASSERT_EQ(trust->certificateCount(), 1u);
+    EXPECT_TRUE(trust->certificateAtIndex(0)->isEqual(*anchor));
+    // With a custom anchor that does not vouch for it, the system store still counts.
+    trust->setAnchorCertificates({shared().rootCertificate()});
+    trust->setAnchorCertificatesOnly(false);
+    EXPECT_EQ(resultOf(trust), kTrusted) << anchor->description();
+    ++checked;
+  }
+  EXPECT_GT(checked, 0u) << "no current root in /etc/ssl/certs (package ca-certificates)";
+}
+
 TEST(SecTrust, AnchorSettingsCombine) {
   const auto& chain = shared();
   auto trust = trustFor(chain, ssl());
