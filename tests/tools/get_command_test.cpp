@@ -19,28 +19,17 @@
 #include <thread>
 #include <vector>
 
-#include "orvel/get_resume.h"
-#include "platform/foundation/property_list_serialization.h"
+#include "support/temporary_directory.h"
 #include "support/test_pki.h"
 #include "support/test_server.h"
 
 namespace {
-
-struct TemporaryDirectory {
-  std::filesystem::path path = ZRBTestPKI::makeTemporaryDirectory();
-  ~TemporaryDirectory() { std::filesystem::remove_all(path); }
-};
 
 struct Run {
   std::string out;
   std::string err;
   int status = -1;
 };
-
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 void writeFile(const std::filesystem::path& path, std::string_view bytes) {
   std::ofstream(path, std::ios::binary) << bytes;
@@ -55,8 +44,8 @@ Run runProgram(std::vector<std::string> arguments, bool terminal = false,
   std::vector<char*> argv;
   for (auto& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
-  TemporaryDirectory directory;
-  const std::string errors = (directory.path / "stderr").string();
+  const ZRBTestTemporaryDirectory directory;
+  const std::string errors = directory / "stderr";
   Run run;
   int ends[2] = {-1, -1};
   if (!terminal && pipe(ends) != 0) return run;
@@ -79,7 +68,7 @@ Run runProgram(std::vector<std::string> arguments, bool terminal = false,
   int status = 0;
   waitpid(child, &status, 0);
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  if (!terminal) run.err = readFile(errors);
+  if (!terminal) run.err = ZRBTestReadFile(errors);
   return run;
 }
 
@@ -101,30 +90,28 @@ class OrvelGetHTTPS : public testing::Test {
 
   std::string root() const { return files_.root.string(); }
 
-  TemporaryDirectory directory_;
+  ZRBTestTemporaryDirectory directory_;
   ZRBTestServerFiles files_;
   ZRBTestServer server_{ZRBTestServerOptions{.tls = chain()}};
 };
 
-TEST_F(OrvelGetHTTPS, PrintsHeadAndBodyWhenTheCertificateChainsToTheGivenRoot) {
-  ZRBTestResponse answer = ZRBTestResponse::json(200, R"({"ok":true})");
+// -i prints the head before the body; --decode prints the decoded body, or the head alone and the
+// reason when the body is of a kind it refuses.
+TEST_F(OrvelGetHTTPS, PrintsHeadAndBodyOrTheDecodedBody) {
+  ZRBTestResponse answer = ZRBTestResponse::json(200, R"({"ok":[true]})");
   answer.headers.add("X-Served-By", "test");
   server_.respond("GET", "/status.json", answer);
+  server_.respond("GET", "/page", ZRBTestResponse::text(200, "plain words"));
 
   auto run = orvelGet({"-i", "--cacert", root(), "-H", "X-Trace: abc", server_.url("/status.json")});
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_TRUE(run.out.starts_with("HTTP/1.1 200 OK\r\n")) << run.out;
   EXPECT_NE(run.out.find("\r\nX-Served-By: test\r\n"), std::string::npos) << run.out;
-  EXPECT_TRUE(run.out.ends_with("\r\n\r\n{\"ok\":true}")) << run.out;
+  EXPECT_TRUE(run.out.ends_with("\r\n\r\n{\"ok\":[true]}")) << run.out;
   ASSERT_EQ(server_.requestCount(), 1u);
   EXPECT_EQ(server_.requests()[0].header("X-Trace"), "abc");
-}
 
-TEST_F(OrvelGetHTTPS, DecodePrintsTheDecodedBodyOrRefusesIt) {
-  server_.respond("GET", "/doc.json", ZRBTestResponse::json(200, R"({"ok":[true]})"));
-  server_.respond("GET", "/page", ZRBTestResponse::text(200, "plain words"));
-
-  auto run = orvelGet({"--decode", "--cacert", root(), server_.url("/doc.json")});
+  run = orvelGet({"--decode", "--cacert", root(), server_.url("/status.json")});
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out, "{\n  \"ok\" : [\n    true\n  ]\n}\n");
 
@@ -140,11 +127,10 @@ TEST_F(OrvelGetHTTPS, DecodePrintsTheDecodedBodyOrRefusesIt) {
 TEST_F(OrvelGetHTTPS, UntrustedServersFailUnlessInsecure) {
   server_.respond("GET", "/x", ZRBTestResponse::text(200, "body"));
   // Another PKI's root does not vouch for this server.
-  TemporaryDirectory other;
-  auto otherRoot = other.path / "other-root.pem";
-  writeFile(otherRoot, ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP384).rootPEM());
+  const std::string otherRoot =
+      directory_.write("other-root.pem", ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP384).rootPEM());
 
-  auto run = orvelGet({"--cacert", otherRoot.string(), server_.url("/x")});
+  auto run = orvelGet({"--cacert", otherRoot, server_.url("/x")});
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.out, "");
   EXPECT_NE(run.err.find("orvel: the certificate of localhost does not chain to a certificate in"),
@@ -173,7 +159,7 @@ TEST_F(OrvelGetHTTPS, DownloadsIntoAFileAndFailsOnHTTPErrorsOnlyWithF) {
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out, "");
   EXPECT_EQ(run.err, "");  // no progress bar when standard error is not a terminal
-  EXPECT_EQ(ZRBTestSHA256Hex(readFile(output)), ZRBTestPatternSHA256(0, kSize, 7));
+  EXPECT_EQ(ZRBTestSHA256Hex(ZRBTestReadFile(output)), ZRBTestPatternSHA256(0, kSize, 7));
 
   run = orvelGet({"--cacert", root(), "-f", server_.url("/missing")});
   EXPECT_EQ(run.status, 22);
@@ -189,20 +175,6 @@ TEST_F(OrvelGetHTTPS, DownloadsIntoAFileAndFailsOnHTTPErrorsOnlyWithF) {
   EXPECT_EQ(run.out, "no such thing");
 }
 
-TEST(OrvelGetFailure, ConnectionRefusedNamesTheEndpointAndUsageErrorsExitWith2) {
-  ZRBTestServer server;
-  server.start();
-  auto port = std::to_string(server.port());
-  server.stop();
-  auto run = orvelGet({"http://127.0.0.1:" + port + "/"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.err, "orvel: could not connect to 127.0.0.1:" + port + " (ZRBURLErrorDomain -1004)\n");
-
-  run = orvelGet({"-o"});
-  EXPECT_EQ(run.status, 2);
-  EXPECT_NE(run.err.find("usage: orvel get"), std::string::npos);
-}
-
 // Plain HTTP: a sink that answers with what it received, a redirect and a large download.
 class OrvelGet : public testing::Test {
  protected:
@@ -216,28 +188,9 @@ class OrvelGet : public testing::Test {
     server_.start();
   }
 
-  TemporaryDirectory directory_;
+  ZRBTestTemporaryDirectory directory_;
   ZRBTestServer server_;
 };
-
-TEST_F(OrvelGet, SendsFormFieldsMultipartAndAuthorization) {
-  auto file = directory_.path / "photo.jpg";
-  writeFile(file, std::string(200000, '\xff'));
-  auto run = orvelGet({"-d", "name=Ann Lee", "-d", "n=1", "-u", "ann:pw", server_.url("/sink")});
-  EXPECT_EQ(run.status, 0) << run.err;
-  run = orvelGet({"-F", "title=Holiday", "-F", "photo=@" + file.string(), server_.url("/sink")});
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.out.find("\"bytes\""), std::string::npos) << run.out;
-
-  auto requests = server_.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].method, "POST");
-  EXPECT_EQ(requests[0].body, "n=1&name=Ann%20Lee");
-  EXPECT_EQ(requests[0].header("Authorization"), "Basic YW5uOnB3");
-  EXPECT_NE(requests[1].body.find("name=\"title\"\r\n\r\nHoliday\r\n"), std::string::npos);
-  EXPECT_NE(requests[1].body.find(std::string(200000, '\xff')), std::string::npos);
-  EXPECT_TRUE(requests[1].bodyComplete);
-}
 
 TEST_F(OrvelGet, FollowsRedirectsOnlyWithL) {
   auto run = orvelGet({"-i", server_.url("/old")});
@@ -275,7 +228,7 @@ TEST_F(OrvelGet, CacheAnswersRepeatsWithTheSameFields) {
     EXPECT_EQ(run.err.starts_with(hit), c.fromCache) << run.err;
     EXPECT_EQ(server_.requestCount(), served += c.fromCache ? 0 : 1);
   }
-  EXPECT_EQ(readFile(directory_.path / "doc.txt"), "cached words");
+  EXPECT_EQ(ZRBTestReadFile(directory_.path / "doc.txt"), "cached words");
   EXPECT_EQ(cached({}).out, "cached words");
   EXPECT_EQ(cached({"-F", "a=b"}).status, 2);
   EXPECT_EQ(cached({"-X", "PROPFIND"}).status, 2);
@@ -297,27 +250,40 @@ TEST_F(OrvelGet, DrawsProgressBarsForLongTransfersOnATerminal) {
       "");
 }
 
-TEST_F(OrvelGet, DownloadsSendTheirBodyAndTheUserAgentNamesTheProgram) {
-  auto answer = (directory_.path / "answer.json").string();
-  auto run = orvelGet({"-o", answer, "-d", "a=b", server_.url("/sink")});
-  EXPECT_EQ(run.status, 0) << run.err;
-  run = orvelGet({"-X", "PUT", "-d", "x", "-o", answer, server_.url("/sink")});
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(readFile(answer).find("\"bytes\":1"), std::string::npos) << readFile(answer);
-  // What the request layer cannot express goes through the session manager, with the same body.
-  run =
-      orvelGet({"-X", "PROPFIND", "-H", "Accept-Language:", "-d", "a=b", "-o", answer, server_.url("/sink")});
-  EXPECT_EQ(run.status, 0) << run.err;
+// Form fields, multipart and authorization reach the server, from data and download tasks alike;
+// what the request layer cannot express goes through the session manager with the same body.
+TEST_F(OrvelGet, RequestsCarryTheirBodiesAndTheUserAgentNamesTheProgram) {
+  const std::string photo = directory_.write("photo.jpg", std::string(200000, '\xff'));
+  const std::string answer = directory_ / "answer.json";
+  struct Case {
+    std::vector<std::string> words;
+    std::string method, body;  // the body, or a part of a multipart one
+  };
+  const Case cases[] = {
+      {{"-d", "name=Ann Lee", "-d", "n=1", "-u", "ann:pw"}, "POST", "n=1&name=Ann%20Lee"},
+      {{"-F", "title=Holiday", "-F", "photo=@" + photo}, "POST", "name=\"title\"\r\n\r\nHoliday\r\n"},
+      {{"-o", answer, "-d", "a=b"}, "POST", "a=b"},
+      {{"-X", "PUT", "-d", "x", "-o", answer}, "PUT", "x"},
+      {{"-X", "PROPFIND", "-H", "Accept-Language:", "-d", "a=b", "-o", answer}, "PROPFIND", "a=b"},
+  };
+  for (const auto& c : cases) {
+    auto words = c.words;
+    words.push_back(server_.url("/sink"));
+    auto run = orvelGet(words);
+    EXPECT_EQ(run.status, 0) << run.err;
+  }
+  EXPECT_NE(ZRBTestReadFile(answer).find("\"bytes\":3"), std::string::npos) << ZRBTestReadFile(answer);
   auto requests = server_.requests();
-  ASSERT_EQ(requests.size(), 3u);
-  EXPECT_EQ(requests[2].method, "PROPFIND");
-  EXPECT_EQ(requests[2].body, "a=b");
-  EXPECT_FALSE(requests[2].header("Accept-Language"));
-  EXPECT_TRUE(requests[0].header("Accept-Language"));
-  EXPECT_EQ(requests[0].method, "POST");
-  EXPECT_EQ(requests[0].body, "a=b");
-  EXPECT_EQ(requests[1].method, "PUT");
-  EXPECT_EQ(requests[1].body, "x");
+  ASSERT_EQ(requests.size(), std::size(cases));
+  for (std::size_t i = 0; i < requests.size(); ++i) {
+    SCOPED_TRACE(cases[i].method);
+    EXPECT_EQ(requests[i].method, cases[i].method);
+    EXPECT_NE(requests[i].body.find(cases[i].body), std::string::npos) << requests[i].body;
+    EXPECT_TRUE(requests[i].bodyComplete);
+    EXPECT_EQ(requests[i].header("Accept-Language").has_value(), cases[i].method != "PROPFIND");
+  }
+  EXPECT_EQ(requests[0].header("Authorization"), "Basic YW5uOnB3");
+  EXPECT_NE(requests[1].body.find(std::string(200000, '\xff')), std::string::npos);
   auto userAgent = requests[0].header("User-Agent").value_or("");
   EXPECT_TRUE(std::regex_search(userAgent, std::regex(R"(^orvel/[0-9]+\.[0-9]+\.[0-9]+ \(.+; Scale/)")))
       << userAgent;
@@ -336,7 +302,7 @@ TEST_F(OrvelGet, WritesIntoDevicesFIFOsAndStandardOutput) {
   auto fifo = directory_.path / "fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   std::string fromFifo;
-  std::thread reader([&] { fromFifo = readFile(fifo); });
+  std::thread reader([&] { fromFifo = ZRBTestReadFile(fifo); });
   run = orvelGet({"-o", fifo.string(), server_.url("/big.bin")});
   close(open(fifo.c_str(), O_WRONLY | O_NONBLOCK));  // frees the reader if orvel never opened it
   reader.join();
@@ -383,12 +349,22 @@ TEST_F(OrvelGet, ErrorPathsSayWhatFailedAndExitWithTheirStatus) {
   auto output = directory_.path / "out.bin";
   auto noCertificate = directory_.path / "no-certificate.pem";
   writeFile(noCertificate, "-----BEGIN NOTHING-----\n-----END NOTHING-----\n");
+  ZRBTestServer closed;
+  closed.start();
+  const std::string closedPort = std::to_string(closed.port());
+  closed.stop();
   struct Case {
     std::vector<std::string> arguments;
     int status;
     std::string message;  // the whole of standard error
   };
   const Case cases[] = {
+      {{"-o"},
+       2,
+       "orvel: option -o needs a value\nusage: orvel get [OPTIONS] URL ('orvel get -h' lists the options)\n"},
+      {{"http://127.0.0.1:" + closedPort + "/"},
+       1,
+       "orvel: could not connect to 127.0.0.1:" + closedPort + " (ZRBURLErrorDomain -1004)\n"},
       {{"--cacert", noCertificate.string(), server_.url("/new")},
        2,
        "orvel: --cacert " + noCertificate.string() + ": no PEM certificate in it\n"},
@@ -414,28 +390,9 @@ TEST_F(OrvelGet, ErrorPathsSayWhatFailedAndExitWithTheirStatus) {
     EXPECT_EQ(run.status, c.status);
     EXPECT_EQ(run.err, c.message);
   }
-  EXPECT_EQ(readFile(output), "first part");  // the failed resume left the file as it was
+  EXPECT_EQ(ZRBTestReadFile(output), "first part");  // the failed resume left the file as it was
   // Only the redirects and the resume reached the server: the bad --cacert and output were caught first.
   for (const auto& request : server_.requests()) EXPECT_NE(request.path, "/new");
-}
-
-TEST(OrvelGetResume, SavingKeepsBytesOrABinaryPropertyListAndReplacesOldData) {
-  TemporaryDirectory directory;
-  auto output = (directory.path / "f").string();
-  auto dictionary =
-      ZRBValue::dictionary({{"URL", ZRBValue("https://localhost/big")}, {"bytes", ZRBValue(42)}});
-  ASSERT_TRUE(orvelSaveResumeData(output, ZRBValue::data("first")));
-  ASSERT_TRUE(orvelSaveResumeData(output, dictionary));
-  auto bytes = readFile(orvelResumeDataPath(output));
-  EXPECT_EQ(ZRBPropertyListSerialization::propertyListWithData(
-                std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size())),
-            dictionary);
-
-  // Nothing to keep: the previous data stays.
-  EXPECT_FALSE(orvelSaveResumeData(output, ZRBValue()));
-  EXPECT_FALSE(orvelSaveResumeData(output, ZRBValue::data("")));
-  EXPECT_EQ(readFile(orvelResumeDataPath(output)), bytes);
-  EXPECT_FALSE(orvelSaveResumeData((directory.path / "missing-dir" / "f").string(), ZRBValue::data("x")));
 }
 
 // Resources for -C: one whose answers all break off after 700000 bytes (which leaves a resumed
@@ -457,7 +414,7 @@ class OrvelGetResumeRun : public testing::Test {
     server_.start();
   }
 
-  TemporaryDirectory directory_;
+  ZRBTestTemporaryDirectory directory_;
   const std::string output_ = (directory_.path / "out.bin").string();
   ZRBTestServer server_;
 };
@@ -472,7 +429,7 @@ TEST_F(OrvelGetResumeRun, AFailedDownloadContinuesFromItsResumeData) {
   writeFile(output_, "partial");  // resume data wins over a partial file
   run = orvelGet({"-C", "-o", output_, server_.url("/cut.bin")});
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(ZRBTestSHA256Hex(readFile(output_)), ZRBTestPatternSHA256(0, kSize));
+  EXPECT_EQ(ZRBTestSHA256Hex(ZRBTestReadFile(output_)), ZRBTestPatternSHA256(0, kSize));
   EXPECT_FALSE(std::filesystem::exists(output_ + ".orvel-resume"));
   auto requests = server_.requests();
   ASSERT_EQ(requests.size(), 2u);
@@ -493,7 +450,7 @@ TEST_F(OrvelGetResumeRun, CtrlCKeepsResumeDataForTheNextRun) {
 
   run = orvelGet({"-C", "-o", output_, server_.url("/slow.bin")});
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(ZRBTestSHA256Hex(readFile(output_)), ZRBTestPatternSHA256(0, 3 * kSize));
+  EXPECT_EQ(ZRBTestSHA256Hex(ZRBTestReadFile(output_)), ZRBTestPatternSHA256(0, 3 * kSize));
   auto requests = server_.requests();
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[1].header("If-Range"), "\"v2\"");
@@ -515,14 +472,14 @@ TEST_F(OrvelGetResumeRun, AnErrorStatusOnResumeKeepsWhatThereIs) {
   server_.serveRanges("/cut.bin", {.body = ZRBTestBodySource::pattern(kSize), .etag = std::string("\"v1\"")});
   run = orvelGet({"-C", "-o", output_, server_.url("/cut.bin")});
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(ZRBTestSHA256Hex(readFile(output_)), ZRBTestPatternSHA256(0, kSize));
+  EXPECT_EQ(ZRBTestSHA256Hex(ZRBTestReadFile(output_)), ZRBTestPatternSHA256(0, kSize));
 }
 
 TEST_F(OrvelGetResumeRun, APartialFileWithoutResumeDataIsContinuedWithRange) {
   writeFile(output_, ZRBTestPatternBytes(0, 300000));
   auto run = orvelGet({"-C", "-o", output_, server_.url("/plain.bin")});
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(ZRBTestSHA256Hex(readFile(output_)), ZRBTestPatternSHA256(0, kSize));
+  EXPECT_EQ(ZRBTestSHA256Hex(ZRBTestReadFile(output_)), ZRBTestPatternSHA256(0, kSize));
   ASSERT_EQ(server_.requestCount(), 1u);
   EXPECT_EQ(server_.requests()[0].header("Range"), "bytes=300000-");
 
@@ -536,7 +493,7 @@ TEST_F(OrvelGetResumeRun, APartialFileWithoutResumeDataIsContinuedWithRange) {
   writeFile(output_, "garbage that is not the start of the resource");
   run = orvelGet({"-C", "-o", output_, server_.url("/ignoring.bin")});
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(ZRBTestSHA256Hex(readFile(output_)), ZRBTestPatternSHA256(0, kSize));
+  EXPECT_EQ(ZRBTestSHA256Hex(ZRBTestReadFile(output_)), ZRBTestPatternSHA256(0, kSize));
 }
 
 }  // namespace

@@ -3,35 +3,23 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/foundation/crypto.h"
 #include "platform/security/sec_certificate.h"
 #include "run_command.h"
+#include "support/temporary_directory.h"
 #include "support/test_pki.h"
 
 namespace {
 
-void writeFile(const std::filesystem::path& path, std::string_view bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-struct TemporaryDirectory {
-  std::filesystem::path path = ZRBTestPKI::makeTemporaryDirectory();
-  ~TemporaryDirectory() { std::filesystem::remove_all(path); }
-};
-
 // The pin as the openssl program computes it: the certificate's public key as DER
 // SubjectPublicKeyInfo, hashed with SHA-256, in base64.
 std::string opensslPin(const ZRBTestCertificate& certificate) {
-  TemporaryDirectory directory;
-  auto file = directory.path / "certificate.pem";
-  writeFile(file, certificate.pem());
+  const ZRBTestTemporaryDirectory directory;
   auto [digest, status] =
-      runCommand("openssl x509 -in '" + file.string() +
+      runCommand("openssl x509 -in '" + directory.write("certificate.pem", certificate.pem()) +
                      "' -pubkey -noout | openssl pkey -pubin -outform der | openssl dgst -sha256 -binary",
                  false);
   EXPECT_EQ(status, 0) << "the openssl program is needed (package openssl)";
@@ -46,14 +34,14 @@ std::string pinsCommand(const std::vector<std::filesystem::path>& files) {
 }
 
 TEST(OrvelPins, PrintsTheOpensslPinsOfEveryCertificate) {
-  const auto& rsa = ZRBTestPKI::sharedChain(ZRBTestKeyType::RSA4096);
+  const auto& rsa = ZRBTestPKI::sharedChain(ZRBTestKeyType::RSA2048);
   const auto& ec = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP384);
-  TemporaryDirectory directory;
+  const ZRBTestTemporaryDirectory directory;
   // The files a test server would use: chain.pem (leaf, intermediate), root.pem; and a DER file.
   auto files = ZRBTestPKI::writeServerFiles(rsa, directory.path);
-  auto derFile = directory.path / "leaf.der";
   auto der = ec.leaf.der();
-  writeFile(derFile, std::string_view(reinterpret_cast<const char*>(der.data()), der.size()));
+  auto derFile =
+      directory.write("leaf.der", std::string_view(reinterpret_cast<const char*>(der.data()), der.size()));
 
   auto [out, status] = runCommand(pinsCommand({files.chain, files.root, derFile}), false);
   EXPECT_EQ(status, 0);
@@ -67,12 +55,12 @@ TEST(OrvelPins, PrintsTheOpensslPinsOfEveryCertificate) {
 
 TEST(OrvelPins, BadFilesAreNamedAndTheOthersStillPrinted) {
   const auto& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
-  TemporaryDirectory directory;
+  const ZRBTestTemporaryDirectory directory;
   auto path = [&](const char* name) { return directory.path / name; };
-  writeFile(path("good.pem"), chain.leaf.pem());
-  writeFile(path("garbage.der"), "\x30\x82\x01garbage");
+  directory.write("good.pem", chain.leaf.pem());
+  directory.write("garbage.der", "\x30\x82\x01garbage");
   std::string pem = chain.chainPEM();
-  writeFile(path("truncated.pem"), pem.substr(0, pem.size() - 80));
+  directory.write("truncated.pem", pem.substr(0, pem.size() - 80));
 
   auto errors = path("stderr.txt");
   auto [out, status] = runCommand(
@@ -81,11 +69,10 @@ TEST(OrvelPins, BadFilesAreNamedAndTheOthersStillPrinted) {
       false);
   EXPECT_NE(status, 0);
   EXPECT_EQ(out, "pin-sha256=\"" + opensslPin(chain.leaf) + "\" localhost\n");
-  std::stringstream messages;
-  messages << std::ifstream(errors).rdbuf();
+  const std::string messages = ZRBTestReadFile(errors);
   for (const char* name : {"missing.pem", "garbage.der", "truncated.pem"})
-    EXPECT_NE(messages.str().find(path(name).string()), std::string::npos) << messages.str();
-  EXPECT_EQ(messages.str().find(path("good.pem").string()), std::string::npos);
+    EXPECT_NE(messages.find(path(name).string()), std::string::npos) << messages;
+  EXPECT_EQ(messages.find(path("good.pem").string()), std::string::npos);
 }
 
 }  // namespace
