@@ -38,12 +38,14 @@ void ZRBHS_HTTPSessionManager::setRequestSerializer(ZRBHS_HTTPRequestSerializerP
   requestSerializer_ = std::move(serializer);
 }
 
-std::string ZRBHS_HTTPSessionManager::resolve(std::string_view URLString) const {
+std::string_view ZRBHS_HTTPSessionManager::resolve(std::string_view URLString, std::string& storage) const {
   // Without a base the string resolves to itself; the serializer parses it once, not twice.
-  if (!baseURL_) return std::string(URLString);
+  if (!baseURL_) return URLString;
   ZRBURLPtr url = ZRBURL::URLWithString(URLString, baseURL_);
   // An unparsable string goes to the serializer as it is, which reports it.
-  return url ? url->absoluteString() : std::string(URLString);
+  if (!url) return URLString;
+  storage = url->absoluteString();
+  return storage;
 }
 
 void ZRBHS_HTTPSessionManager::failLater(Failure failure, ZRBErrorPtr error) const {
@@ -72,8 +74,9 @@ ZRBURLSessionDataTaskPtr ZRBHS_HTTPSessionManager::dataTaskWithHTTPMethod(
     ZRBHS_ProgressBlock uploadProgress, ZRBHS_ProgressBlock downloadProgress, Success success,
     Failure failure) {
   ZRBErrorPtr error;
+  std::string resolved;
   ZRBURLRequestPtr request =
-      requestSerializer()->requestWithMethod(method, resolve(URLString), parameters, &error);
+      requestSerializer()->requestWithMethod(method, resolve(URLString, resolved), parameters, &error);
   if (error || !request) {
     failLater(std::move(failure), std::move(error));
     return nullptr;
@@ -143,8 +146,9 @@ ZRBURLSessionDataTaskPtr ZRBHS_HTTPSessionManager::POST(std::string_view URLStri
                                                         ZRBHS_ProgressBlock uploadProgress, Success success,
                                                         Failure failure) {
   ZRBErrorPtr error;
-  ZRBURLRequestPtr request = requestSerializer()->multipartFormRequestWithMethod("POST", resolve(URLString),
-                                                                                 parameters, block, &error);
+  std::string resolved;
+  ZRBURLRequestPtr request = requestSerializer()->multipartFormRequestWithMethod(
+      "POST", resolve(URLString, resolved), parameters, block, &error);
   if (error || !request) {
     failLater(std::move(failure), std::move(error));
     return nullptr;

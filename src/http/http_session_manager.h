@@ -90,8 +90,9 @@ class ZRBHS_HTTPSessionManager : public ZRBHS_URLSessionManager {
   ZRBHS_HTTPSessionManager(Private, ZRBURLPtr baseURL, ZRBURLSessionConfigurationPtr configuration);
 
  private:
-  // The absolute URL string for `URLString`, resolved against the base URL.
-  std::string resolve(std::string_view URLString) const;
+  // The absolute URL string for `URLString`, resolved against the base URL; kept in `storage`
+  // when it differs from `URLString`.
+  std::string_view resolve(std::string_view URLString, std::string& storage) const;
   // Failure later on the completion queue: the request could not be built.
   void failLater(Failure failure, ZRBErrorPtr error) const;
   // The completion that sorts an outcome into success or failure.

@@ -30,6 +30,20 @@ std::string infoString(const ZRBBundle& bundle, std::string_view key) {
   return value.isAbsent() ? std::string() : value.description();
 }
 
+// Callers send many requests to one URL string, so the last string parsed on a thread is
+// remembered with its URL (URLs are immutable: requests may share one). Failures are not kept.
+ZRBURLPtr parsedURL(std::string_view URLString) {
+  thread_local std::string lastString;
+  thread_local ZRBURLPtr lastURL;
+  if (!lastURL || lastString != URLString) {
+    ZRBURLPtr url = ZRBURL::URLWithString(URLString);
+    if (!url) return nullptr;
+    lastString.assign(URLString);
+    lastURL = std::move(url);
+  }
+  return lastURL;
+}
+
 }  // namespace
 
 const std::vector<std::string>& ZRBHS_HTTPRequestSerializerObservedKeyPaths() {
@@ -325,7 +339,7 @@ ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::requestWithMethod(
     const ZRBValue& parameters, ZRBErrorPtr* error) {
   ZRBAssertNamed(method.has_value(), "method");
   ZRBAssertNamed(URLString.has_value(), "URLString");
-  ZRBURLPtr url = URLString ? ZRBURL::URLWithString(*URLString) : nullptr;
+  ZRBURLPtr url = URLString ? parsedURL(*URLString) : nullptr;
   ZRBAssertNamed(url != nullptr, "url");
 
   auto request = std::make_shared<ZRBMutableURLRequest>(url);

@@ -9,6 +9,7 @@
 #include "http/json_response_serializer.h"
 #include "http/network_reachability_manager.h"
 #include "http/security_policy.h"
+#include "http/url_session_task_swizzling.h"
 #include "platform/foundation/assert.h"
 #include "platform/foundation/foundation_version.h"
 #include "platform/foundation/string_format.h"
@@ -72,6 +73,8 @@ void observeTaskStateOnce() {
                           auto task = notification->objectAs<ZRBURLSessionTask>();
                           if (auto manager = managerOfTask(task)) manager->taskDidSuspend(task);
                         });
+    ZRBHS_URLSessionTaskSwizzling::relayObserved(ZRBHS_NetworkingTaskDidResumeNotification,
+                                                 ZRBHS_NetworkingTaskDidSuspendNotification);
   });
 }
 

@@ -1,5 +1,6 @@
 #include "http/url_session_task_swizzling.h"
 
+#include <atomic>
 #include <mutex>
 #include <string>
 
@@ -9,10 +10,20 @@
 
 namespace {
 
-void post(const std::string& name, ZRBURLSessionTask& task) {
-  // Nobody listens (no manager exists yet): nothing to make or post for every task.
+// The names the managers' relay observers post to, once they are registered.
+struct Relayed {
+  std::string resume;
+  std::string suspend;
+};
+std::atomic<const Relayed*> relayed{nullptr};
+
+void post(const std::string& name, const std::string* relayedName, ZRBURLSessionTask& task) {
+  // Nobody listens (no manager exists yet), or only the managers' relay, which would find nobody
+  // to tell: nothing to make or post for every task.
   const auto& center = ZRBNotificationCenter::defaultCenter();
-  if (!center->hasObservers(name)) return;
+  const std::size_t observers = center->observerCount(name);
+  if (observers == 0) return;
+  if (observers == 1 && relayedName && !center->hasObservers(*relayedName)) return;
   // Tasks are always held by shared pointers; one that is not (being destroyed) has no observers.
   ZRBObjectPtr object = task.weak_from_this().lock();
   if (!object) return;
@@ -26,7 +37,9 @@ void ZRBHS_URLSessionTaskSwizzling::ZRBHS_resume(ZRBURLSessionTask& task,
   ZRBURLSessionTaskState state = task.state();
   original(task);
   static const std::string kName(ZRBHS_NSURLSessionTaskDidResumeNotification);
-  if (state != ZRBURLSessionTaskStateRunning) post(kName, task);
+  if (state == ZRBURLSessionTaskStateRunning) return;
+  const Relayed* relay = relayed.load(std::memory_order_acquire);
+  post(kName, relay ? &relay->resume : nullptr, task);
 }
 
 void ZRBHS_URLSessionTaskSwizzling::ZRBHS_suspend(ZRBURLSessionTask& task,
@@ -34,7 +47,9 @@ void ZRBHS_URLSessionTaskSwizzling::ZRBHS_suspend(ZRBURLSessionTask& task,
   ZRBURLSessionTaskState state = task.state();
   original(task);
   static const std::string kName(ZRBHS_NSURLSessionTaskDidSuspendNotification);
-  if (state != ZRBURLSessionTaskStateSuspended) post(kName, task);
+  if (state == ZRBURLSessionTaskStateSuspended) return;
+  const Relayed* relay = relayed.load(std::memory_order_acquire);
+  post(kName, relay ? &relay->suspend : nullptr, task);
 }
 
 void ZRBHS_URLSessionTaskSwizzling::install() {
@@ -50,6 +65,12 @@ void ZRBHS_URLSessionTaskSwizzling::install() {
           return [previous](ZRBURLSessionTask& task) { ZRBHS_suspend(task, previous); };
         });
   });
+}
+
+void ZRBHS_URLSessionTaskSwizzling::relayObserved(const char* resumeRelayed, const char* suspendRelayed) {
+  // Kept for the process: wrappers may read it at any time.
+  static const Relayed* names = new Relayed{resumeRelayed, suspendRelayed};
+  relayed.store(names, std::memory_order_release);
 }
 
 ZRBURLSessionTaskState ZRBHS_URLSessionTaskSwizzling::state() const {

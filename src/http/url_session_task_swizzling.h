@@ -22,6 +22,11 @@ class ZRBHS_URLSessionTaskSwizzling {
   static void ZRBHS_suspend(ZRBURLSessionTask& task, const ZRBURLSessionTaskStateSlot::Function& original);
   // Installs the wrappers once (done at load time; later calls do nothing).
   static void install();
+  // Session managers relay both notifications through one observer each, registered before this is
+  // called, which does nothing while nobody observes the notification it relays to
+  // (`resumeRelayed`, `suspendRelayed`). While that observer is the only one, the wrappers post
+  // nothing unless the relayed notification has observers. Called once.
+  static void relayObserved(const char* resumeRelayed, const char* suspendRelayed);
   // The helper class is never a task: its own state must never be asked for (assertion failure
   // "State method should never be called in the actual dummy class").
   ZRBURLSessionTaskState state() const;

@@ -349,6 +349,23 @@ TEST_F(URLSessionManagerTest, ResumeAndSuspendAreReportedForTheManagersOwnTasksO
   }
 }
 
+// The wrappers skip posting while the managers' relay is their only observer and the relayed
+// notification has none; either kind of observer alone must still hear of a resume.
+TEST_F(URLSessionManagerTest, AResumeReachesEitherKindOfObserverAlone) {
+  for (const char* name :
+       {ZRBHS_NSURLSessionTaskDidResumeNotification, ZRBHS_NetworkingTaskDidResumeNotification}) {
+    SCOPED_TRACE(name);
+    NotificationInbox heard(name);
+    Inbox<Outcome> outcomes;
+    auto task = manager_->dataTaskWithRequest(requestFor(server_.url("/json")), record(outcomes));
+    task->resume();
+    ASSERT_EQ(outcomes.wait(1).size(), 1u);
+    ZRBDispatch::mainQueue()->sync([] {});
+    ASSERT_EQ(heard.now().size(), 1u);
+    EXPECT_EQ(heard.now()[0]->objectAs<ZRBURLSessionTask>(), task);
+  }
+}
+
 TEST_F(URLSessionManagerTest, ProgressFollowsTheTaskAndItsHandlersControlIt) {
   server_.respond("GET", "/big", ZRBTestResponse::generated(300000));
   std::atomic<std::int64_t> lastSeen{0};

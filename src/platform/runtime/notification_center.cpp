@@ -111,6 +111,13 @@ bool ZRBNotificationCenter::hasObservers(const std::string& name) const {
   return !anyName_.empty() || byName_.count(name) != 0;
 }
 
+std::size_t ZRBNotificationCenter::observerCount(const std::string& name) const {
+  if (observerCount_.load(std::memory_order_acquire) == 0) return 0;
+  std::lock_guard lock(mutex_);
+  auto named = byName_.find(name);
+  return anyName_.size() + (named == byName_.end() ? 0 : named->second.size());
+}
+
 void ZRBNotificationCenter::post(std::string name, ZRBValue object, ZRBValue userInfo) {
   if (observerCount_.load(std::memory_order_acquire) == 0) return;
   post(std::make_shared<const ZRBNotification>(std::move(name), std::move(object), std::move(userInfo)));

@@ -95,6 +95,8 @@ class ZRBNotificationCenter final : public ZRBObject {
   // Whether any observer would see a notification of that name (a catch-all observer counts). What
   // costs something to post (a queue hop, a user-info map) can be skipped when nobody listens.
   bool hasObservers(const std::string& name) const;
+  // How many registrations would see a notification of that name (catch-all ones included).
+  std::size_t observerCount(const std::string& name) const;
 
   void post(const ZRBNotificationPtr& notification);
   void post(std::string name, ZRBValue object = {}, ZRBValue userInfo = {});
