@@ -5,14 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include <utility>
-
 #include "platform/runtime/dispatch.h"
 #include "request/batch_request_agent.h"
 #include "request/network_agent.h"
 #include "request/network_config.h"
 #include "request_test_support.h"
-#include "settings/app_sdk_log_manager.h"
 #include "settings/sdk_config.h"
 #include "support/temporary_directory.h"
 #include "support/test_server.h"
@@ -72,31 +69,21 @@ class BatchRequestTest : public testing::Test {
     ZRBTestResponse held = ZRBTestResponse::json(200, "{}");  // never within a test
     held.delayBeforeHeaders = std::chrono::hours(1);
     server_.respond("GET", "/held", held);
-    logs_->setCollector([this](long, const std::string&, const std::string& line) {
-      std::lock_guard lock(logMutex_);
-      if (line.starts_with("Error")) log_.push_back(line);  // the batch's own lines
-    });
-    logs_->setCollectAppSdkLogEnable(true);
   }
-  void TearDown() override {
-    logs_->setCollectAppSdkLogEnable(false);
-    logs_->setCollector(nullptr);
-    ZRBTestSettle();
-  }
+  void TearDown() override { ZRBTestSettle(); }
   std::shared_ptr<Member> member(const std::string& path, long cacheTime = -1) {
     auto request = ZRBTestMakeRequest<Member>(server_.url(path));
     request->cacheTime = cacheTime;
     return request;
   }
   Events takeLog() {
-    std::lock_guard lock(logMutex_);
-    return std::exchange(log_, {});
+    const auto lines = logs_.lines("Error");  // the batch's own lines
+    logs_.clear();
+    return lines;
   }
 
   ZRBTestServer server_;
-  const std::shared_ptr<ZRBAppSdkLogManager>& logs_ = ZRBAppSdkLogManager::sharedInstance();
-  std::mutex logMutex_;
-  Events log_;
+  ZRBTestLogCatcher logs_;
 };
 
 TEST_F(BatchRequestTest, InitializerTakesOnlyCachedRequests) {

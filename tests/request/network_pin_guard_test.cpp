@@ -11,26 +11,17 @@
 #include "platform/foundation/crypto.h"
 #include "platform/foundation/exception.h"
 #include "platform/system/file_manager.h"
-#include "settings/app_sdk_log_manager.h"
+#include "request_test_support.h"
 #include "settings/setting.h"
+#include "support/temporary_directory.h"
 #include "support/test_pki.h"
 
 namespace {
 
 class NetworkPinGuardTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    directory_ = ZRBTestPKI::makeTemporaryDirectory();
-    ZRBFileManager::defaultManager()->setCachesDirectory(directory_.string());
-    const auto manager = ZRBAppSdkLogManager::sharedInstance();
-    manager->setCollectAppSdkLogEnable(true);
-    manager->setCollector(
-        [this](long, const std::string&, const std::string& message) { log_.push_back(message); });
-  }
+  void SetUp() override { ZRBFileManager::defaultManager()->setCachesDirectory(directory_.path.string()); }
   void TearDown() override {
-    const auto manager = ZRBAppSdkLogManager::sharedInstance();
-    manager->setCollectAppSdkLogEnable(false);
-    manager->setCollector(nullptr);
     auto setting = ZRBSetting::sharedSetting();
     setting->setIsRealStgEnvProvider(nullptr);
     setting->setIsTrustDomainsProvider(nullptr);
@@ -38,11 +29,10 @@ class NetworkPinGuardTest : public ::testing::Test {
     ZRBNetworkPinGuard::setPublicKeyHashes({});
     ZRBNetworkPinGuard::setDomainPolicyAdditions(ZRBValue());
     ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
-    std::filesystem::remove_all(directory_);
   }
 
-  std::filesystem::path directory_;
-  std::vector<std::string> log_;
+  const ZRBTestTemporaryDirectory directory_;
+  ZRBTestLogCatcher log_;
 };
 
 TEST_F(NetworkPinGuardTest, TrustDomainsPinsOnlyOutsideTheRealStagingEnvironmentWithTrustOn) {
@@ -66,7 +56,7 @@ TEST_F(NetworkPinGuardTest, TrustDomainsPinsOnlyOutsideTheRealStagingEnvironment
     log_.clear();
     auto pinGuard = ZRBNetworkPinGuard::trustDomains(std::vector<std::string>{"https://api.orvel.com/v1"});
     EXPECT_EQ(pinGuard != nullptr, c.pinned);
-    EXPECT_EQ(log_, c.pinned ? std::vector<std::string>{} : std::vector<std::string>{c.line});
+    EXPECT_EQ(log_.lines(), c.pinned ? std::vector<std::string>{} : std::vector<std::string>{c.line});
     if (pinGuard) {
       EXPECT_FALSE(pinGuard->isSharedInstance());
       EXPECT_FALSE(pinGuard->configuration()->swizzleNetworkDelegates);

@@ -19,7 +19,6 @@
 #include "request/network_config.h"
 #include "request/request.h"
 #include "request_test_support.h"
-#include "settings/app_sdk_log_manager.h"
 #include "settings/sdk_config.h"
 #include "support/temporary_directory.h"
 #include "support/test_server.h"
@@ -67,16 +66,8 @@ class RequestCacheTest : public testing::Test {
     ZRBSDKConfig::sharedInstance()->setLogLevel(0);
     ZRBFileManager::defaultManager()->setLibraryDirectory(library_.string());
     ZRBBundle::mainBundle()->setInfoDictionary(ZRBValue::dictionary({{"CFBundleShortVersionString", "1.0"}}));
-    ZRBAppSdkLogManager::sharedInstance()->setCollector(
-        [this](long, const std::string&, const std::string& message) {
-          std::lock_guard lock(logMutex_);
-          logs_.push_back(message);
-        });
-    ZRBAppSdkLogManager::sharedInstance()->setCollectAppSdkLogEnable(true);
   }
   void TearDown() override {
-    ZRBAppSdkLogManager::sharedInstance()->setCollectAppSdkLogEnable(false);
-    ZRBAppSdkLogManager::sharedInstance()->setCollector(nullptr);
     ZRBRQ_NetworkConfig::sharedConfig()->clearCacheDirPathFilter();
     ZRBRQ_NetworkConfig::sharedConfig()->setBaseUrl("");
     ZRBFileManager::defaultManager()->setLibraryDirectory(std::nullopt);
@@ -94,17 +85,13 @@ class RequestCacheTest : public testing::Test {
     EXPECT_TRUE(fs::exists(request->cacheMetadataFilePath()));
     return request;
   }
-  bool logged(std::string_view prefix) {
-    std::lock_guard lock(logMutex_);
-    return std::any_of(logs_.begin(), logs_.end(), [&](const auto& m) { return m.starts_with(prefix); });
-  }
+  bool logged(std::string_view prefix) { return !logs_.lines(prefix).empty(); }
 
   static constexpr std::string_view kBody = R"({"online":true,"name":"cam-1"})";
   ZRBTestServer server_;
   const ZRBTestTemporaryDirectory directory_;
   const fs::path& library_ = directory_.path;
-  std::mutex logMutex_;
-  std::vector<std::string> logs_;
+  ZRBTestLogCatcher logs_;
 };
 
 TEST_F(RequestCacheTest, DefaultCacheTimeAlwaysGoesToTheNetworkAndWritesNothing) {
@@ -118,60 +105,63 @@ TEST_F(RequestCacheTest, DefaultCacheTimeAlwaysGoesToTheNetworkAndWritesNothing)
   EXPECT_FALSE(fs::exists(library_ / "RequestCache"));
 }
 
+// A hit answers on the main queue with the delegate and callback but no accessory and no request;
+// it decodes with the stored encoding and the request's serializer kind, whichever way the entry was
+// written. Skipping the cache shows the network's answer again.
 TEST_F(RequestCacheTest, HitAnswersOnTheMainQueueWithoutAccessoriesOrNetwork) {
-  for (bool async : {false, true}) {
-    SCOPED_TRACE(async ? "asynchronous write" : "synchronous write");
+  server_.respond("GET", "/latin1",
+                  ZRBTestResponse::text(200, "<p>caf\xe9</p>", "text/xml; charset=iso-8859-1"));
+  struct Case {
+    const char* path;
+    ZRBRQ_ResponseSerializerType kind;
+    bool async;
+    std::string text;
+  };
+  const Case cases[] = {
+      {"/status", ZRBRQ_ResponseSerializerTypeJSON, false, std::string(kBody)},
+      {"/status", ZRBRQ_ResponseSerializerTypeJSON, true, std::string(kBody)},
+      {"/latin1", ZRBRQ_ResponseSerializerTypeHTTP, false, "<p>caf\u00e9</p>"},
+      {"/latin1", ZRBRQ_ResponseSerializerTypeXMLParser, true, "<p>caf\u00e9</p>"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.path << " " << c.kind << (c.async ? " async" : " sync"));
     fs::remove_all(library_ / "RequestCache");
     const std::size_t before = server_.requestCount();
-    auto first = makeRequest();
-    first->async = async;
+    auto first = ZRBTestMakeRequest<CachedRequest>(server_.url(c.path));
+    first->async = c.async;
+    first->responseKind = c.kind;
     EXPECT_EQ(run(first), (std::vector<std::string>{"willStart", "willStop", "finished", "success"}));
 
-    auto second = makeRequest();
-    auto recorder = ZRBTestRecord(second);
-    second->start();
+    auto hit = ZRBTestMakeRequest<CachedRequest>(server_.url(c.path));
+    hit->responseKind = c.kind;
+    auto recorder = ZRBTestRecord(hit);
+    hit->start();
     recorder->waitFor("success");
     ZRBTestSettle();
     EXPECT_EQ(recorder->events(), (std::vector<std::string>{"finished", "success"}));
     EXPECT_EQ(recorder->offMain(), std::vector<std::string>{});
     EXPECT_EQ(server_.requestCount(), before + 1);
-    EXPECT_TRUE(second->isDataFromCache());
-    EXPECT_FALSE(second->successCompletionBlock());
-    EXPECT_EQ(second->responseString(), kBody);
-    EXPECT_EQ(second->responseJSONObject()["name"].string(), "cam-1");
-    EXPECT_EQ(second->responseObject(), second->responseJSONObject());
-    EXPECT_EQ(second->responseData().bytes().size(), kBody.size());
-
-    // Skipping the cache shows the network's answer again.
-    second->setIgnoreCache(true);
-    run(second);
-    EXPECT_FALSE(second->isDataFromCache());
-    EXPECT_FALSE(second->cacheData());
-    EXPECT_EQ(server_.requestCount(), before + 2);
-  }
-}
-
-TEST_F(RequestCacheTest, HitDecodesWithTheStoredEncodingAndTheRequestsSerializerKind) {
-  ZRBTestResponse latin1 = ZRBTestResponse::text(200, "<p>caf\xe9</p>", "text/xml; charset=iso-8859-1");
-  server_.respond("GET", "/latin1", latin1);
-  for (auto kind : {ZRBRQ_ResponseSerializerTypeHTTP, ZRBRQ_ResponseSerializerTypeXMLParser}) {
-    SCOPED_TRACE(kind);
-    fs::remove_all(library_ / "RequestCache");
-    std::shared_ptr<CachedRequest> hit;
-    for (int i = 0; i < 2; ++i) {
-      hit = makeRequest();
-      hit->url = server_.url("/latin1");
-      hit->responseKind = kind;
-      EXPECT_EQ(run(hit).back(), "success") << (hit->error() ? hit->error()->description() : "no error");
-    }
     ASSERT_TRUE(hit->isDataFromCache());
-    EXPECT_EQ(hit->responseString(), "<p>caf\u00e9</p>");
-    EXPECT_FALSE(hit->responseJSONObject());
-    if (kind == ZRBRQ_ResponseSerializerTypeXMLParser) {
-      EXPECT_TRUE(hit->responseObject().objectAs<ZRBXMLParser>());
+    EXPECT_FALSE(hit->successCompletionBlock());
+    EXPECT_EQ(hit->responseString(), c.text);
+    EXPECT_EQ(hit->responseData().bytes().size(), first->responseData().bytes().size());
+    if (c.kind == ZRBRQ_ResponseSerializerTypeJSON) {
+      EXPECT_EQ(hit->responseJSONObject()["name"].string(), "cam-1");
+      EXPECT_EQ(hit->responseObject(), hit->responseJSONObject());
     } else {
-      EXPECT_EQ(hit->responseObject(), hit->responseData());
+      EXPECT_FALSE(hit->responseJSONObject());
+      if (c.kind == ZRBRQ_ResponseSerializerTypeXMLParser) {
+        EXPECT_TRUE(hit->responseObject().objectAs<ZRBXMLParser>());
+      } else {
+        EXPECT_EQ(hit->responseObject(), hit->responseData());
+      }
     }
+
+    hit->setIgnoreCache(true);
+    run(hit);
+    EXPECT_FALSE(hit->isDataFromCache());
+    EXPECT_FALSE(hit->cacheData());
+    EXPECT_EQ(server_.requestCount(), before + 2);
   }
 }
 

@@ -17,6 +17,7 @@
 #include "request/base_request.h"
 #include "request/network_agent.h"
 #include "request/request.h"
+#include "settings/app_sdk_log_manager.h"
 
 template <class Base>
 class ZRBTestConfiguredRequest : public Base {
@@ -158,3 +159,36 @@ inline std::vector<std::string> ZRBTestRun(const ZRBRQ_BaseRequestPtr& request) 
   ZRBTestSettle();
   return recorder->events();
 }
+
+// Collects the SDK's log lines while it lives.
+class ZRBTestLogCatcher {
+ public:
+  ZRBTestLogCatcher() {
+    manager_->setCollector([this](long, const std::string&, const std::string& line) {
+      std::lock_guard lock(mutex_);
+      lines_.push_back(line);
+    });
+    manager_->setCollectAppSdkLogEnable(true);
+  }
+  ~ZRBTestLogCatcher() {
+    manager_->setCollectAppSdkLogEnable(false);
+    manager_->setCollector(nullptr);
+  }
+  // The lines so far that start with `prefix`.
+  std::vector<std::string> lines(std::string_view prefix = "") {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> found;
+    std::copy_if(lines_.begin(), lines_.end(), std::back_inserter(found),
+                 [&](const std::string& line) { return line.starts_with(prefix); });
+    return found;
+  }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    lines_.clear();
+  }
+
+ private:
+  const std::shared_ptr<ZRBAppSdkLogManager> manager_ = ZRBAppSdkLogManager::sharedInstance();
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
