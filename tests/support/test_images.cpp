@@ -5,6 +5,7 @@
 #include <tiffio.h>
 #include <unistd.h>
 #include <webp/encode.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -32,15 +33,6 @@ void put16(Bytes& out, unsigned value) {
 void put32(Bytes& out, std::uint32_t value) {
   put16(out, value & 0xFFFF);
   put16(out, value >> 16);
-}
-
-std::uint32_t crc32(const std::uint8_t* p, std::size_t n) {
-  std::uint32_t crc = 0xFFFFFFFF;
-  for (std::size_t i = 0; i < n; ++i) {
-    crc ^= p[i];
-    for (int k = 0; k < 8; ++k) crc = crc & 1 ? (crc >> 1) ^ 0xEDB88320 : crc >> 1;
-  }
-  return ~crc;
 }
 
 }  // namespace
@@ -107,7 +99,7 @@ Bytes pngClaiming(std::uint32_t width, std::uint32_t height) {
     out[16 + i] = static_cast<std::uint8_t>(width >> (24 - 8 * i));
     out[20 + i] = static_cast<std::uint8_t>(height >> (24 - 8 * i));
   }
-  const std::uint32_t crc = crc32(out.data() + 12, 17);
+  const auto crc = static_cast<std::uint32_t>(::crc32(0, out.data() + 12, 17));
   for (int i = 0; i < 4; ++i) out[29 + i] = static_cast<std::uint8_t>(crc >> (24 - 8 * i));
   return out;
 }

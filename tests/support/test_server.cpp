@@ -286,44 +286,39 @@ asio::awaitable<void> ZRBTestServer::Impl::serveRequests(Connection& connection,
     }
     auto route = findRoute(request.method, request.path);
 
-    bool readBody = !route || route->readBody;
-    if (readBody) {
-      auto expect = request.headers.get("Expect");
-      if (expect && equalsIgnoringCase(*expect, "100-continue")) {
-        static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
-        auto [ec, n] = co_await asio::async_write(stream, asio::buffer(kContinue), kNoThrow);
-        if (ec) co_return;
-      }
-      std::uint64_t keepLimit = route && route->bodyKeepLimit ? *route->bodyKeepLimit : options.bodyKeepLimit;
-      zrb_test_server::RunningSHA256 hash;
-      bool failed = false;
-      while (!parser.is_done()) {
-        message.body().data = piece.data();
-        message.body().size = piece.size();
-        auto [ec, n] = co_await http::async_read(stream, buffer, parser, kNoThrow);
-        if (ec == http::error::need_buffer) ec = {};
-        std::size_t got = piece.size() - message.body().size;
-        std::string_view part(piece.data(), got);
-        hash.update(part);
-        request.bodySize += got;
-        std::size_t keep = static_cast<std::size_t>(std::min<std::uint64_t>(
-            got, keepLimit - std::min<std::uint64_t>(keepLimit, request.body.size())));
-        request.body.append(part.substr(0, keep));
-        if (route && route->onBodyPart && got > 0) route->onBodyPart(request, part, false);
-        if (ec) {
-          failed = true;
-          break;
-        }
-      }
-      request.bodySHA256 = hash.finish();
-      if (failed) {
-        // The client went away mid-body; the record says how far it got.
-        record(request);
-        co_return;
-      }
-      request.bodyComplete = true;
-      if (route && route->onBodyPart) route->onBodyPart(request, {}, true);
+    auto expect = request.headers.get("Expect");
+    if (expect && equalsIgnoringCase(*expect, "100-continue")) {
+      static constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+      auto [ec, n] = co_await asio::async_write(stream, asio::buffer(kContinue), kNoThrow);
+      if (ec) co_return;
     }
+    std::uint64_t keepLimit = route && route->bodyKeepLimit ? *route->bodyKeepLimit : options.bodyKeepLimit;
+    ZRBTestSHA256 hash;
+    bool failed = false;
+    while (!parser.is_done()) {
+      message.body().data = piece.data();
+      message.body().size = piece.size();
+      auto [ec, n] = co_await http::async_read(stream, buffer, parser, kNoThrow);
+      if (ec == http::error::need_buffer) ec = {};
+      std::size_t got = piece.size() - message.body().size;
+      std::string_view part(piece.data(), got);
+      hash.update(part);
+      request.bodySize += got;
+      std::size_t keep = static_cast<std::size_t>(
+          std::min<std::uint64_t>(got, keepLimit - std::min<std::uint64_t>(keepLimit, request.body.size())));
+      request.body.append(part.substr(0, keep));
+      if (ec) {
+        failed = true;
+        break;
+      }
+    }
+    request.bodySHA256 = hash.finish();
+    if (failed) {
+      // The client went away mid-body; the record says how far it got.
+      record(request);
+      co_return;
+    }
+    request.bodyComplete = true;
     record(request);
 
     ZRBTestResponse response;
@@ -336,7 +331,7 @@ asio::awaitable<void> ZRBTestServer::Impl::serveRequests(Connection& connection,
         response = ZRBTestResponse::text(500, std::string("handler threw: ") + error.what() + "\n");
       }
     }
-    bool keepAlive = parser.keep_alive() && readBody && response.keepAlive;
+    bool keepAlive = parser.keep_alive() && response.keepAlive;
     bool kept = co_await writeResponse(connection, stream, response, request.method == "HEAD", keepAlive);
     if (!kept) co_return;
     if (!keepAlive) {
@@ -550,8 +545,3 @@ void ZRBTestServer::clearRequests() {
 }
 
 std::uint64_t ZRBTestServer::connectionCount() const { return impl_->accepted.load(); }
-
-std::uint64_t ZRBTestServer::openConnectionCount() const {
-  std::lock_guard lock(impl_->connectionsMutex);
-  return impl_->live.size();
-}

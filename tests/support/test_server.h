@@ -16,6 +16,8 @@
 // thread. The Beast/Asio machinery stays in the .cpp files so including this header is cheap.
 #pragma once
 
+#include <openssl/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -66,6 +68,18 @@ std::string ZRBTestPatternBytes(std::uint64_t offset, std::uint64_t length, std:
 std::string ZRBTestPatternSHA256(std::uint64_t offset, std::uint64_t length, std::uint64_t seed = 0);
 // Lower-case hex SHA-256 of `bytes`.
 std::string ZRBTestSHA256Hex(std::string_view bytes);
+
+// A running SHA-256 over bytes that arrive piece by piece.
+class ZRBTestSHA256 {
+ public:
+  ZRBTestSHA256();
+  void update(std::string_view bytes);
+  // Lower-case hex; the hash cannot be updated afterwards.
+  std::string finish();
+
+ private:
+  std::shared_ptr<EVP_MD_CTX> context_;
+};
 
 // A scripted answer. The defaults give a well-formed 200 with Content-Length on a kept-alive
 // connection. The server adds Content-Length (or Transfer-Encoding: chunked) and Connection: close
@@ -121,18 +135,13 @@ struct ZRBTestRecordedRequest {
   std::string body;  // the body up to the route's keep limit
   std::uint64_t bodySize = 0;
   std::string bodySHA256;     // lower-case hex, of the whole body
-  bool bodyComplete = false;  // the whole body was read (false for routes that do not read it)
+  bool bodyComplete = false;  // the whole body was read (false when the client stopped sending)
 
   std::optional<std::string> header(std::string_view name) const { return headers.get(name); }
 };
 
 // Answers one request. It runs on a server thread once the request body has been read.
 using ZRBTestHandler = std::function<ZRBTestResponse(const ZRBTestRecordedRequest& request)>;
-// Receives the request body piece by piece while it arrives; `request` has the head and the counts
-// so far (its index is assigned only when it is recorded). Once the whole body is in, a last call
-// has `last` set and an empty part; a body cut short by the client gets no last call.
-using ZRBTestBodyPartCallback =
-    std::function<void(const ZRBTestRecordedRequest& request, std::string_view part, bool last)>;
 
 struct ZRBTestRoute {
   std::string method{};  // empty: any; "GET" also answers HEAD (without the body)
@@ -141,10 +150,6 @@ struct ZRBTestRoute {
   ZRBTestHandler handler{};
   // How much of the request body to keep in the record (default: the server's option).
   std::optional<std::uint64_t> bodyKeepLimit{};
-  ZRBTestBodyPartCallback onBodyPart{};
-  // false answers as soon as the head is in, without reading (or asking for, on Expect:
-  // 100-continue) the body; the connection then closes.
-  bool readBody = true;
 };
 
 struct ZRBTestRangeOptions {
@@ -160,7 +165,6 @@ struct ZRBTestRangeOptions {
 
 struct ZRBTestUploadSinkOptions {
   std::uint64_t keepLimit = 0;  // bytes of the body kept in the record
-  ZRBTestBodyPartCallback onBodyPart{};
   int status = 200;
 };
 
@@ -195,7 +199,6 @@ class ZRBTestServer {
   void respond(std::string method, std::string path, ZRBTestResponse response);
   void respondPrefix(std::string method, std::string pathPrefix, ZRBTestResponse response);
   void handle(std::string method, std::string path, ZRBTestHandler handler);
-  void handlePrefix(std::string method, std::string pathPrefix, ZRBTestHandler handler);
 
   // Any method at `path` redirects to `location` with 301, 302, 303, 307 or 308.
   void redirect(std::string path, std::string location, int status = 302);
@@ -214,15 +217,14 @@ class ZRBTestServer {
   // connectionID, tls.
   void echo(std::string pathPrefix = "/echo");
 
-  // Requests in order of arrival (those whose body has been read, or was skipped).
+  // Requests in order of arrival (those whose body has been read).
   std::vector<ZRBTestRecordedRequest> requests() const;
   std::size_t requestCount() const;
   // Waits until at least `count` requests are recorded; false on timeout.
   bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
   void clearRequests();
-  // Connections accepted so far (TLS ones count even when the handshake fails) and open now.
+  // Connections accepted so far (TLS ones count even when the handshake fails).
   std::uint64_t connectionCount() const;
-  std::uint64_t openConnectionCount() const;
 
   struct Impl;
 

@@ -1,4 +1,6 @@
 // The test server's value types and convenience routes: everything that needs no Beast.
+#include <openssl/evp.h>
+
 #include <algorithm>
 #include <charconv>
 #include <stdexcept>
@@ -6,19 +8,17 @@
 #include "support/test_server.h"
 #include "support/test_server_internal.h"
 
-namespace zrb_test_server {
-
-RunningSHA256::RunningSHA256() : context_(EVP_MD_CTX_new()) {
+ZRBTestSHA256::ZRBTestSHA256() : context_(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
   if (!context_ || EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1) {
     throw std::runtime_error("SHA-256 unavailable");
   }
 }
 
-void RunningSHA256::update(std::string_view bytes) {
+void ZRBTestSHA256::update(std::string_view bytes) {
   if (!bytes.empty()) EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size());
 }
 
-std::string RunningSHA256::finish() {
+std::string ZRBTestSHA256::finish() {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   EVP_DigestFinal_ex(context_.get(), digest, &length);
@@ -30,6 +30,8 @@ std::string RunningSHA256::finish() {
   }
   return hex;
 }
+
+namespace zrb_test_server {
 
 std::string jsonString(std::string_view text) {
   std::string out = "\"";
@@ -120,7 +122,7 @@ std::string ZRBTestPatternBytes(std::uint64_t offset, std::uint64_t length, std:
 }
 
 std::string ZRBTestPatternSHA256(std::uint64_t offset, std::uint64_t length, std::uint64_t seed) {
-  zrb_test_server::RunningSHA256 hash;
+  ZRBTestSHA256 hash;
   std::string piece(64 * 1024, '\0');
   while (length > 0) {
     std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(length, piece.size()));
@@ -133,7 +135,7 @@ std::string ZRBTestPatternSHA256(std::uint64_t offset, std::uint64_t length, std
 }
 
 std::string ZRBTestSHA256Hex(std::string_view bytes) {
-  zrb_test_server::RunningSHA256 hash;
+  ZRBTestSHA256 hash;
   hash.update(bytes);
   return hash.finish();
 }
@@ -170,19 +172,14 @@ void ZRBTestServer::respond(std::string method, std::string path, ZRBTestRespons
 }
 
 void ZRBTestServer::respondPrefix(std::string method, std::string pathPrefix, ZRBTestResponse response) {
-  handlePrefix(std::move(method), std::move(pathPrefix),
-               [response](const ZRBTestRecordedRequest&) { return response; });
+  route({.method = std::move(method),
+         .path = std::move(pathPrefix),
+         .prefix = true,
+         .handler = [response](const ZRBTestRecordedRequest&) { return response; }});
 }
 
 void ZRBTestServer::handle(std::string method, std::string path, ZRBTestHandler handler) {
   route({.method = std::move(method), .path = std::move(path), .handler = std::move(handler)});
-}
-
-void ZRBTestServer::handlePrefix(std::string method, std::string pathPrefix, ZRBTestHandler handler) {
-  route({.method = std::move(method),
-         .path = std::move(pathPrefix),
-         .prefix = true,
-         .handler = std::move(handler)});
 }
 
 void ZRBTestServer::redirect(std::string path, std::string location, int status) {
@@ -300,34 +297,33 @@ void ZRBTestServer::uploadSink(std::string path, ZRBTestUploadSinkOptions option
                                                         ",\"sha256\":" + jsonString(request.bodySHA256) +
                                                         "}");
              },
-         .bodyKeepLimit = options.keepLimit,
-         .onBodyPart = std::move(options.onBodyPart)});
+         .bodyKeepLimit = options.keepLimit});
 }
 
 void ZRBTestServer::echo(std::string pathPrefix) {
-  handlePrefix("", std::move(pathPrefix), [](const ZRBTestRecordedRequest& request) {
-    // Repeated fields are joined, as a client reading them through a map would see them.
-    std::vector<std::pair<std::string, std::string>> joined;
-    for (const auto& [name, value] : request.headers.fields()) {
-      auto it = std::ranges::find_if(
-          joined, [&name = name](const auto& field) { return equalsIgnoringCase(field.first, name); });
-      if (it == joined.end()) {
-        joined.emplace_back(name, value);
-      } else {
-        it->second += ", " + value;
-      }
-    }
-    std::string headers;
-    for (const auto& [name, value] : joined) {
-      if (!headers.empty()) headers += ',';
-      headers += jsonString(name) + ":" + jsonString(value);
-    }
-    std::string body = "{\"method\":" + jsonString(request.method) +
-                       ",\"target\":" + jsonString(request.target) + ",\"headers\":{" + headers +
-                       "},\"bodyLength\":" + std::to_string(request.bodySize) +
-                       ",\"bodySHA256\":" + jsonString(request.bodySHA256) +
-                       ",\"connectionID\":" + std::to_string(request.connectionID) +
-                       ",\"tls\":" + (request.tls ? "true" : "false") + "}";
-    return ZRBTestResponse::json(200, std::move(body));
-  });
+  route({.path = std::move(pathPrefix), .prefix = true, .handler = [](const ZRBTestRecordedRequest& request) {
+           // Repeated fields are joined, as a client reading them through a map would see them.
+           std::vector<std::pair<std::string, std::string>> joined;
+           for (const auto& [name, value] : request.headers.fields()) {
+             auto it = std::ranges::find_if(
+                 joined, [&name = name](const auto& field) { return equalsIgnoringCase(field.first, name); });
+             if (it == joined.end()) {
+               joined.emplace_back(name, value);
+             } else {
+               it->second += ", " + value;
+             }
+           }
+           std::string headers;
+           for (const auto& [name, value] : joined) {
+             if (!headers.empty()) headers += ',';
+             headers += jsonString(name) + ":" + jsonString(value);
+           }
+           std::string body = "{\"method\":" + jsonString(request.method) +
+                              ",\"target\":" + jsonString(request.target) + ",\"headers\":{" + headers +
+                              "},\"bodyLength\":" + std::to_string(request.bodySize) +
+                              ",\"bodySHA256\":" + jsonString(request.bodySHA256) +
+                              ",\"connectionID\":" + std::to_string(request.connectionID) +
+                              ",\"tls\":" + (request.tls ? "true" : "false") + "}";
+           return ZRBTestResponse::json(200, std::move(body));
+         }});
 }
