@@ -17,7 +17,7 @@
 #include "platform/foundation/assert.h"
 #include "platform/runtime/dispatch.h"
 #include "settings/error_domains.h"
-#include "support/test_pki.h"
+#include "support/temporary_directory.h"
 #include "support/test_server.h"
 
 namespace {
@@ -102,12 +102,8 @@ ZRBValue bytes(std::string_view text) { return ZRBValue::data(text); }
 
 class MultipartBodyTest : public ::testing::Test {
  protected:
-  ~MultipartBodyTest() override { std::filesystem::remove_all(directory_); }
-
   std::string file(const std::string& name, const std::string& contents) const {
-    std::string path = (directory_ / name).string();
-    std::ofstream(path, std::ios::binary) << contents;
-    return path;
+    return directory_.write(name, contents);
   }
 
   // Four kinds of part: a field, bytes with a file name, a file on disk and a caller's stream.
@@ -129,7 +125,7 @@ class MultipartBodyTest : public ::testing::Test {
     return expectedBody(boundary, parts);
   }
 
-  std::filesystem::path directory_ = ZRBTestPKI::makeTemporaryDirectory();
+  ZRBTestTemporaryDirectory directory_;
   // Bytes that look like a delimiter inside a body must pass through untouched.
   std::string binary_ = std::string("\0\r\n--\xff", 6) + ZRBTestPatternBytes(0, 300);
   std::string photoBytes_ = ZRBTestPatternBytes(0, 5000);
@@ -207,7 +203,7 @@ TEST_F(MultipartBodyTest, ThrottlingDeliversAtMostOnePacketPerReadAndPausesAfter
 
 TEST_F(MultipartBodyTest, BadFilesAreErrorRecordsWhenAppendedAndStreamErrorsWhenRead) {
   ZRBHS_StreamingMultipartFormData formData(postRequest(), ZRBUTF8StringEncoding);
-  auto missing = ZRBURL::fileURLWithPath((directory_ / "missing.png").string(), false);
+  auto missing = ZRBURL::fileURLWithPath(directory_ / "missing.png", false);
   std::pair<ZRBURLPtr, std::string> cases[] = {
       {ZRBURL::URLWithString("http://example.test/a.png"), "Expected URL to be a file URL"},
       {missing, "File URL not reachable."},

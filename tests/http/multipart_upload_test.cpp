@@ -3,7 +3,6 @@
 // a body that must be sent again is copied part by part, or fails at once when a part cannot be read
 // twice.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <atomic>
@@ -18,6 +17,7 @@
 #include "platform/foundation/json_serialization.h"
 #include "platform/net/url_session.h"
 #include "support/recording_delegate.h"
+#include "support/temporary_directory.h"
 #include "support/test_server.h"
 
 namespace {
@@ -29,18 +29,11 @@ std::uint64_t residentBytes() {
   return resident * std::uint64_t(sysconf(_SC_PAGESIZE));
 }
 
-std::string hex(const unsigned char* bytes, std::size_t length) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (std::size_t i = 0; i < length; ++i) out += {kHex[bytes[i] >> 4], kHex[bytes[i] & 15]};
-  return out;
-}
-
 TEST(MultipartUploadTest, LargeFileAndFieldsArriveIntactInBoundedMemory) {
   // Holding the body, or the file, in memory anywhere on the way would cross the bound.
   constexpr std::uint64_t kBound = 64ull << 20, kSize = 4 * kBound;
-  auto directory = ZRBTestPKI::makeTemporaryDirectory();
-  auto file = directory / "clip.bin";
+  ZRBTestTemporaryDirectory directory;
+  const std::string file = directory / "clip.bin";
 
   auto serializer = ZRBHS_HTTPRequestSerializer::serializer();
   ZRBTestServer server;
@@ -53,7 +46,7 @@ TEST(MultipartUploadTest, LargeFileAndFieldsArriveIntactInBoundedMemory) {
   auto request = serializer->multipartFormRequestWithMethod(
       "POST", server.url("/upload"), ZRBValue::dictionary({{"camera", "porch"}, {"frames", 1800}}),
       [&](ZRBHS_StreamingMultipartFormData& form) {
-        form.appendPartWithFileURL(ZRBURL::fileURLWithPath(file.string()), "video", "clip.bin",
+        form.appendPartWithFileURL(ZRBURL::fileURLWithPath(file), "video", "clip.bin",
                                    "application/octet-stream", &error);
       },
       &error);
@@ -68,22 +61,19 @@ TEST(MultipartUploadTest, LargeFileAndFieldsArriveIntactInBoundedMemory) {
                      "\r\nContent-Disposition: form-data; name=\"video\"; filename=\"clip.bin\"\r\n"
                      "Content-Type: application/octet-stream\r\n\r\n";
   std::string tail = "\r\n--" + boundary + "--\r\n";
-  EVP_MD_CTX* digest = EVP_MD_CTX_new();
-  EVP_DigestInit_ex(digest, EVP_sha256(), nullptr);
-  EVP_DigestUpdate(digest, head.data(), head.size());
+  ZRBTestSHA256 expected;
+  expected.update(head);
   {
     std::ofstream out(file, std::ios::binary | std::ios::in);
     std::vector<char> chunk(1 << 20);
     for (std::uint64_t offset = 0; offset < kSize; offset += chunk.size()) {
       ZRBTestPatternFill(offset, chunk, 7);
       out.write(chunk.data(), std::streamsize(chunk.size()));
-      EVP_DigestUpdate(digest, chunk.data(), chunk.size());
+      expected.update(std::string_view(chunk.data(), chunk.size()));
     }
   }
-  EVP_DigestUpdate(digest, tail.data(), tail.size());
-  unsigned char hash[32];
-  EVP_DigestFinal_ex(digest, hash, nullptr);
-  EVP_MD_CTX_free(digest);
+  expected.update(tail);
+  const std::string expectedSHA256 = expected.finish();
 
   ZRBTestUploadSinkOptions options;
   options.keepLimit = head.size();
@@ -107,7 +97,6 @@ TEST(MultipartUploadTest, LargeFileAndFieldsArriveIntactInBoundedMemory) {
   sampler.join();
   session->invalidateAndCancel();
   delegate->waitForInvalidation();
-  std::filesystem::remove_all(directory);
   ASSERT_TRUE(finished);
   ASSERT_EQ(delegate->completion(task).error, nullptr);
 
@@ -117,7 +106,7 @@ TEST(MultipartUploadTest, LargeFileAndFieldsArriveIntactInBoundedMemory) {
   EXPECT_EQ(recorded.bodySize, head.size() + kSize + tail.size());
   EXPECT_EQ(task->countOfBytesSent(), std::int64_t(recorded.bodySize));
   EXPECT_EQ(recorded.body, head);
-  EXPECT_EQ(recorded.bodySHA256, hex(hash, sizeof hash));
+  EXPECT_EQ(recorded.bodySHA256, expectedSHA256);
   // The server runs in this process too, but keeps nothing of the body.
   EXPECT_LT(peak - baseline, kBound) << "peak resident " << (peak >> 20) << " MiB";
 }

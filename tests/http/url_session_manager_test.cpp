@@ -23,7 +23,7 @@
 #include "platform/foundation/string_format.h"
 #include "platform/runtime/notification_center.h"
 #include "support/recording_delegate.h"
-#include "support/test_pki.h"
+#include "support/temporary_directory.h"
 #include "support/test_server.h"
 
 namespace {
@@ -192,17 +192,17 @@ TEST_F(URLSessionManagerTest, ErrorsReachTheCompletionAndTheNotification) {
 
 TEST_F(URLSessionManagerTest, DownloadsCompleteWithTheirDestination) {
   server_.respond("GET", "/file", ZRBTestResponse::text(200, "file body"));
-  auto directory = ZRBTestPKI::makeTemporaryDirectory();
+  ZRBTestTemporaryDirectory directory;
   struct Case {
     const char* name;
-    std::filesystem::path destination;  // empty: the destination callback answers null
+    std::string destination;  // empty: the destination callback answers null
     bool moves;
     bool managerHook;  // the manager-wide hook names the destination, and the task's is never asked
   };
   const Case cases[] = {
       {"with destination", directory / "kept.txt", true, false},
       {"without destination", {}, false, false},
-      {"destination that cannot be written", directory / "missing" / "kept.txt", false, false},
+      {"destination that cannot be written", directory / "missing/kept.txt", false, false},
       {"the manager's hook wins", directory / "hook.txt", true, true},
   };
   for (const Case& c : cases) {
@@ -210,13 +210,13 @@ TEST_F(URLSessionManagerTest, DownloadsCompleteWithTheirDestination) {
     NotificationInbox completed(ZRBHS_NetworkingTaskDidCompleteNotification);
     NotificationInbox moveFailed(ZRBHS_URLSessionDownloadTaskDidFailToMoveFileNotification);
     Inbox<Outcome> outcomes;
-    ZRBURLPtr destination = c.destination.empty() ? nullptr : ZRBURL::fileURLWithPath(c.destination.string());
+    ZRBURLPtr destination = c.destination.empty() ? nullptr : ZRBURL::fileURLWithPath(c.destination);
     std::atomic<bool> taskAsked{false};
     ZRBURLPtr taskDestination = destination;
     if (c.managerHook) {
       manager_->setDownloadTaskDidFinishDownloadingBlock(
           [destination](auto&, auto&, const ZRBURLPtr&) { return destination; });
-      taskDestination = ZRBURL::fileURLWithPath((directory / "task.txt").string());
+      taskDestination = ZRBURL::fileURLWithPath(directory / "task.txt");
     }
     auto task = manager_->downloadTaskWithRequest(
         requestFor(server_.url("/file")), nullptr,
@@ -453,9 +453,8 @@ TEST(URLSessionManagerUploadRetries, FileUploadsAreAskedForAgainOnlyInBackground
   ZRBTestServer server;
   server.start();
   server.respond("POST", "/upload", ZRBTestResponse::json(200, R"({"stored":true})"));
-  auto directory = ZRBTestPKI::makeTemporaryDirectory();
-  const auto file = directory / "body.txt";
-  std::ofstream(file) << "file body";
+  ZRBTestTemporaryDirectory directory;
+  const std::string file = directory.write("body.txt", "file body");
 
   struct Case {
     const char* name;
@@ -486,7 +485,7 @@ TEST(URLSessionManagerUploadRetries, FileUploadsAreAskedForAgainOnlyInBackground
 
     Inbox<Outcome> outcomes;
     auto task = manager->uploadTaskWithRequest(
-        requestFor(server.url("/upload"), "POST"), ZRBURL::fileURLWithPath(file.string()), nullptr,
+        requestFor(server.url("/upload"), "POST"), ZRBURL::fileURLWithPath(file), nullptr,
         [&outcomes](ZRBURLResponsePtr response, ZRBValue object, ZRBErrorPtr error) {
           outcomes.put({std::move(response), std::move(object), std::move(error), {}});
         });
