@@ -1,14 +1,16 @@
 // Which configured domain applies to a host: isSubdomain's plain-suffix rule, the look-up's order
-// and its log lines.
+// and its log lines; and the log itself, which formats nothing unless a logger is installed.
 #include "pinning/domain_lookup.h"
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "pinning/pgd_log.h"
+#include "log_lines.h"
 #include "pinning/registry/registry.h"
+#include "platform/foundation/object.h"
 
 namespace {
 
@@ -54,8 +56,7 @@ TEST(DomainLookupTest, IsSubdomainIsAPlainSuffixTest) {
 // longest), logging each domain tried.
 TEST(DomainLookupTest, ExactNameFirstThenFirstIncludingDomainInOrder) {
   ZRB_InitializeDomainRegistry();
-  std::vector<std::string> lines;
-  ZRB_PGDSetLoggerBlock([&lines](const std::string& line) { lines.push_back(line); });
+  PGDLogLines log;
   ZRB_PGDPinnedDomainPolicies domains;
   for (auto [domain, include] :
        {std::pair{"example.org", false}, {"example.com", true}, {"www.example.com", true}}) {
@@ -64,24 +65,48 @@ TEST(DomainLookupTest, ExactNameFirstThenFirstIncludingDomainInOrder) {
     domains.set(domain, policy);
   }
   auto lookUp = [&](std::string_view host) {
-    lines.clear();
+    log.clear();
     return zrb_getPinningConfigurationKeyForDomain(host, domains);
   };
   const std::string checking = "Checking includeSubdomains configuration for ";
 
   EXPECT_EQ(lookUp("example.org"), "example.org");
-  EXPECT_EQ(lines, std::vector<std::string>{});
+  EXPECT_EQ(log.lines(), std::vector<std::string>{});
   EXPECT_EQ(lookUp("www.example.com"), "www.example.com");
   EXPECT_EQ(lookUp("evilexample.com"), "example.com");
   EXPECT_EQ(lookUp("a.www.example.com"), "example.com");
-  EXPECT_EQ(lines, (std::vector<std::string>{
-                       checking + "example.com",
-                       "Applying includeSubdomains configuration from example.com to a.www.example.com"}));
+  EXPECT_EQ(log.lines(),
+            (std::vector<std::string>{
+                checking + "example.com",
+                "Applying includeSubdomains configuration from example.com to a.www.example.com"}));
   // Without include-subdomains only the exact name is pinned.
   EXPECT_EQ(lookUp("www.example.org"), std::nullopt);
-  EXPECT_EQ(lines, (std::vector<std::string>{checking + "example.com", checking + "www.example.com",
-                                             "Domain www.example.org is not pinned"}));
-  ZRB_PGDSetLoggerBlock(nullptr);
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{checking + "example.com", checking + "www.example.com",
+                                                   "Domain www.example.org is not pinned"}));
+}
+
+// Counts how often it is described, so a test can tell whether a message was formatted.
+class CountingObject : public ZRBObject {
+ public:
+  std::string description() const override {
+    ++descriptions;
+    return "<counted>";
+  }
+  mutable int descriptions = 0;
+};
+
+TEST(PGDLogTest, FormatsOnlyForAnInstalledLogger) {
+  auto object = std::make_shared<CountingObject>();
+  ZRB_PGDLog("before: %@", object);
+  {
+    PGDLogLines log;
+    ZRB_PGDLog("Checking certificate with CN: %@", object);
+    ZRB_PGDLog("index %ld for domain %@", 3L, std::string("example.com"));
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{"Checking certificate with CN: <counted>",
+                                                     "index 3 for domain example.com"}));
+  }
+  ZRB_PGDLog("after: %@", object);
+  EXPECT_EQ(object->descriptions, 1);
 }
 
 }  // namespace

@@ -72,7 +72,8 @@ class RegistryAssertTest : public testing::Test {
   }
 };
 
-TEST_F(RegistryAssertTest, MissingTablesAreReportedOneAtATime) {
+// Missing tables are reported one at a time, then misuse and a broken table.
+TEST_F(RegistryAssertTest, MissingTablesMisuseAndBrokenTablesAreReported) {
   const char strings[] = "com";
   ZRB_TrieNode node{0, 0, 0, 1};
   ZRB_SetRegistryTables(nullptr, nullptr, 0, nullptr, 0);
@@ -84,9 +85,8 @@ TEST_F(RegistryAssertTest, MissingTablesAreReportedOneAtATime) {
   EXPECT_EQ(g_reports, (std::vector<std::string>{"registry/trie_search:g_string_table != NULL",
                                                  "registry/trie_search:g_node_table != NULL",
                                                  "registry/trie_search:g_leaf_node_table != NULL"}));
-}
 
-TEST_F(RegistryAssertTest, MisuseAndBrokenTablesAreReported) {
+  g_reports.clear();
   ZRB_InitializeDomainRegistry();
   const ZRB_TrieNode* jp = ZRB_FindRegistryNode("jp", nullptr);
   const ZRB_TrieNode* kawasaki = ZRB_FindRegistryNode("kawasaki", jp);
@@ -108,10 +108,10 @@ TEST_F(RegistryAssertTest, MisuseAndBrokenTablesAreReported) {
   // An exception rule with nothing to its right would put the registry past the host's end; only
   // a broken table says that, and the search reports it instead of answering.
   g_reports.clear();
-  const char strings[] = "!foo\0*";
+  const char broken[] = "!foo\0*";
   const ZRB_TrieNode nodes[] = {{0, 0, 0, 1}, {5, 0, 0, 1}};
   const uint16_t noLeaves[] = {0};
-  ZRB_SetRegistryTables(strings, nodes, 2, noLeaves, 2);
+  ZRB_SetRegistryTables(broken, nodes, 2, noLeaves, 2);
   EXPECT_EQ(ZRB_GetRegistryLength("bar"), 3u);  // the wildcard alone is fine
   EXPECT_EQ(ZRB_GetRegistryLength("foo"), 0u);
   EXPECT_EQ(g_reports, std::vector<std::string>{"registry/registry_search:registry < value_end"});
