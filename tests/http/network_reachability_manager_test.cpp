@@ -6,8 +6,9 @@
 #include <netinet/in.h>
 #include <sys/un.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -16,6 +17,7 @@
 
 #include "platform/runtime/dispatch.h"
 #include "platform/runtime/notification_center.h"
+#include "support/inbox.h"
 #include "support/network_namespace.h"
 
 namespace {
@@ -23,50 +25,21 @@ namespace {
 using Manager = ZRBHS_NetworkReachabilityManager;
 using namespace std::chrono_literals;
 
-// The reports of one manager, in order. Its block runs on the main queue.
-class Reports {
- public:
-  static Manager::StatusBlock recordInto(const std::shared_ptr<Reports>& reports) {
-    return [reports](ZRBHS_NetworkReachabilityStatus status) {
-      std::lock_guard lock(reports->mutex_);
-      reports->onMainQueue_ = reports->onMainQueue_ && ZRBDispatch::isMainQueue();
-      reports->statuses_.push_back(status);
-      reports->changed_.notify_all();
-    };
-  }
-  std::size_t count() {
-    std::lock_guard lock(mutex_);
-    return statuses_.size();
-  }
+// The reports of one manager, in order, and how many arrived off the main queue.
+struct Reports : ZRBTestInbox<ZRBHS_NetworkReachabilityStatus> {
   // Waits for a report of `status` at position `from` or later.
   bool waitFor(ZRBHS_NetworkReachabilityStatus status, std::size_t from = 0) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 20s, [&] {
-      for (std::size_t i = from; i < statuses_.size(); ++i) {
-        if (statuses_[i] == status) return true;
-      }
-      return false;
+    return waitUntil([&](const auto& items) {
+      return std::find(items.begin() + std::ptrdiff_t(std::min(from, items.size())), items.end(), status) !=
+             items.end();
     });
   }
-  bool waitForCount(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 20s, [&] { return statuses_.size() >= count; });
+  std::vector<ZRBHS_NetworkReachabilityStatus> since(std::size_t from) const {
+    auto items = now();
+    items.erase(items.begin(), items.begin() + std::ptrdiff_t(std::min(from, items.size())));
+    return items;
   }
-  std::vector<ZRBHS_NetworkReachabilityStatus> since(std::size_t from) {
-    std::lock_guard lock(mutex_);
-    return {statuses_.begin() + static_cast<std::ptrdiff_t>(std::min(from, statuses_.size())),
-            statuses_.end()};
-  }
-  bool allOnMainQueue() {
-    std::lock_guard lock(mutex_);
-    return onMainQueue_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<ZRBHS_NetworkReachabilityStatus> statuses_;
-  bool onMainQueue_ = true;
+  std::atomic<int> offMainQueue{0};
 };
 
 // Long enough for any straggling burst to have been reported: many coalescing delays, then
@@ -98,7 +71,10 @@ void addEthernetWithDefaultRoute() {
 
 std::shared_ptr<Reports> startWithReports(const ZRBHS_NetworkReachabilityManagerPtr& manager) {
   auto reports = std::make_shared<Reports>();
-  manager->setReachabilityStatusChangeBlock(Reports::recordInto(reports));
+  manager->setReachabilityStatusChangeBlock([reports](ZRBHS_NetworkReachabilityStatus status) {
+    if (!ZRBDispatch::isMainQueue()) ++reports->offMainQueue;
+    reports->put(status);
+  });
   manager->startMonitoring();
   return reports;
 }
@@ -162,7 +138,7 @@ TEST(NetworkReachabilityManagerTest, BadTargetsGiveUnknownOrNotReachableManagers
     auto manager = Manager::managerForDomain(name);
     ASSERT_NE(manager->networkReachability(), nullptr);
     auto reports = startWithReports(manager);
-    ASSERT_TRUE(reports->waitForCount(1)) << name;
+    ASSERT_GE(reports->wait(1).size(), 1u) << name;
     EXPECT_EQ(reports->since(0).front(), ZRBHS_NetworkReachabilityStatusNotReachable) << name;
   }
 }
@@ -200,7 +176,7 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
     std::vector<std::shared_ptr<Reports>> reports;
     for (const auto& c : cases) reports.push_back(startWithReports(c.manager));
     for (std::size_t i = 0; i < std::size(cases); ++i) {
-      ASSERT_TRUE(reports[i]->waitForCount(1)) << i;
+      ASSERT_GE(reports[i]->wait(1).size(), 1u) << i;
       EXPECT_EQ(reports[i]->since(0).front(), cases[i].status) << i;
       ZRBNetworkReachabilityFlags flags = 0xffffffff;
       ASSERT_TRUE(cases[i].manager->networkReachability()->getFlags(flags)) << i;
@@ -224,7 +200,7 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
   auto reports = startWithReports(manager);
 
   // No route at all.
-  ASSERT_TRUE(reports->waitForCount(1));
+  ASSERT_GE(reports->wait(1).size(), 1u);
   EXPECT_EQ(reports->since(0), std::vector{ZRBHS_NetworkReachabilityStatusNotReachable});
   ZRBDispatch::mainQueue()->sync([&] {
     EXPECT_EQ(keyPaths, (std::vector<std::string>{"networkReachabilityStatus", "reachable",
@@ -242,7 +218,7 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
   EXPECT_EQ(flags, ZRBNetworkReachabilityFlagsReachable);  // through a gateway
 
   // Taking the link down: every report after it says not reachable.
-  std::size_t before = reports->count();
+  std::size_t before = reports->now().size();
   ZRBTestShell("ip link set v0 down");
   ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusNotReachable, before));
   settle();
@@ -251,7 +227,7 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
   // A default route over a tun device, whose link type is a modem's.
   ZRBTestTunDevice tun("wwan0");
   ASSERT_TRUE(tun.isOpen());
-  before = reports->count();
+  before = reports->now().size();
   ZRBTestShell("ip link set wwan0 up && ip route add default dev wwan0");
   ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusReachableViaWWAN, before));
   settle();
@@ -264,7 +240,7 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
   // Taking the tun link down is announced by one report. (A veth's carrier messages come from the
   // kernel's deferred work, on a busy machine sometimes after the burst was reported; a tun's
   // all come at once.)
-  before = reports->count();
+  before = reports->now().size();
   ZRBTestShell("ip link set wwan0 down");
   ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusNotReachable, before));
   settle();
@@ -273,10 +249,10 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
   manager->stopMonitoring();
   settle();
   center->removeObserver(observer);
-  EXPECT_TRUE(reports->allOnMainQueue());
+  EXPECT_EQ(reports->offMainQueue, 0);
   std::lock_guard lock(mutex);
   EXPECT_TRUE(postedOnMainQueue);
-  ASSERT_EQ(posted.size(), reports->count());  // one notification per report, the same status
+  ASSERT_EQ(posted.size(), reports->now().size());  // one notification per report, the same status
   auto statuses = reports->since(0);
   for (std::size_t i = 0; i < posted.size(); ++i) {
     EXPECT_EQ(posted[i], ZRBValue::dictionary({{kZRBHS_NetworkingReachabilityNotificationStatusItem,
@@ -294,8 +270,8 @@ TEST(NetworkReachabilityManagerNamespaceTest, StartingTwiceAndReleasingWhileMoni
   auto releasedReports = startWithReports(released);
   auto reports = startWithReports(twice);
   twice->startMonitoring();
-  ASSERT_TRUE(releasedReports->waitForCount(1));
-  ASSERT_TRUE(reports->waitForCount(2));
+  ASSERT_GE(releasedReports->wait(1).size(), 1u);
+  ASSERT_GE(reports->wait(2).size(), 2u);
   settle();
   EXPECT_EQ(reports->since(0), std::vector(2, ZRBHS_NetworkReachabilityStatusNotReachable));
   std::weak_ptr<Manager> gone = released;
@@ -305,8 +281,8 @@ TEST(NetworkReachabilityManagerNamespaceTest, StartingTwiceAndReleasingWhileMoni
   addEthernetWithDefaultRoute();
   ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusReachableViaWiFi, 2));
   settle();
-  EXPECT_EQ(releasedReports->count(), 1u);
-  const std::size_t before = reports->count();
+  EXPECT_EQ(releasedReports->now().size(), 1u);
+  const std::size_t before = reports->now().size();
   ZRBTestShell("ip route del default");  // one message, so one report
   ASSERT_TRUE(reports->waitFor(ZRBHS_NetworkReachabilityStatusNotReachable, before));
   settle();

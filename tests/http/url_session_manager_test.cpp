@@ -22,6 +22,7 @@
 #include "platform/foundation/exception.h"
 #include "platform/foundation/string_format.h"
 #include "platform/runtime/notification_center.h"
+#include "support/inbox.h"
 #include "support/recording_delegate.h"
 #include "support/temporary_directory.h"
 #include "support/test_server.h"
@@ -30,31 +31,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Collects what arrives on other threads; waits without a fixed sleep.
 template <typename T>
-class Inbox {
- public:
-  void put(T item) {
-    std::lock_guard lock(mutex_);
-    items_.push_back(std::move(item));
-    changed_.notify_all();
-  }
-  // Waits for `count` items; returns what is there then.
-  std::vector<T> wait(std::size_t count, std::chrono::milliseconds timeout = 20s) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, timeout, [&] { return items_.size() >= count; });
-    return items_;
-  }
-  std::vector<T> now() {
-    std::lock_guard lock(mutex_);
-    return items_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<T> items_;
-};
+using Inbox = ZRBTestInbox<T>;
 
 struct Outcome {
   ZRBURLResponsePtr response;
