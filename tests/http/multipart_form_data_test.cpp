@@ -1,5 +1,6 @@
-// Multipart bodies read locally: exact wire bytes for any read size, boundary placement, throttling,
-// failing sources, builder errors and assertions, and the serializer's multipart entry points.
+// Multipart bodies: exact wire bytes for any read size, boundary placement, throttling, failing
+// sources, builder errors and assertions, the serializer's multipart entry points, and a body sent
+// again after a redirect.
 #include "http/multipart_form_data.h"
 
 #include <gtest/gtest.h>
@@ -15,8 +16,11 @@
 
 #include "http/request_serializer.h"
 #include "platform/foundation/assert.h"
+#include "platform/foundation/json_serialization.h"
+#include "platform/net/url_session.h"
 #include "platform/runtime/dispatch.h"
 #include "settings/error_domains.h"
+#include "support/recording_delegate.h"
 #include "support/temporary_directory.h"
 #include "support/test_server.h"
 
@@ -67,9 +71,11 @@ std::string assertionText(const std::function<void()>& call) {
   return "(no assertion)";
 }
 
-// A caller's body stream that notes whether the part opened and closed it on the main queue.
+// A caller's body stream, readable once and with no way to copy it, that notes whether the part
+// opened and closed it on the main queue.
 class ProbeStream final : public ZRBInputStream {
  public:
+  explicit ProbeStream(std::string bytes = "streamed bytes") : bytes_(std::move(bytes)) {}
   void open() override {
     openedOnMainQueue = ZRBDispatch::isMainQueue();
     ZRBInputStream::open();
@@ -88,7 +94,7 @@ class ProbeStream final : public ZRBInputStream {
   bool closedOnMainQueue = false;
 
  private:
-  std::string bytes_ = "streamed bytes";
+  std::string bytes_;
   std::size_t offset_ = 0;
 };
 
@@ -339,6 +345,58 @@ TEST_F(MultipartBodyTest, WritingTheBodyToAFileReportsOnTheMainQueue) {
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->domain(), ZRBPOSIXErrorDomain);
   EXPECT_EQ(error->code(), ENOENT);
+}
+
+// Through a URL session: a body that must be sent again is copied part by part, or fails at once
+// when a part cannot be read twice.
+TEST(MultipartUploadTest, BodySentAgainAfterARedirectIsCopiedOrFailsAtOnce) {
+  ZRBTestServer server;
+  server.start();
+  server.echo("/echo");
+  server.redirect("/moved", "/echo/there", 307);
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto session = ZRBURLSession::sessionWithConfiguration(nullptr, delegate, nullptr);
+  auto serializer = ZRBHS_HTTPRequestSerializer::serializer();
+  const std::string payload = ZRBTestPatternBytes(0, 50000);
+
+  int completions = 0;
+  for (bool callersOwnStream : {false, true}) {
+    auto request = serializer->multipartFormRequestWithMethod(
+        "POST", server.url("/moved"), ZRBValue::dictionary({{"a", "1"}}),
+        [&](ZRBHS_StreamingMultipartFormData& form) {
+          form.appendPartWithFileData(ZRBValue::data(payload), "d", "d.bin", "application/octet-stream");
+          ZRBInputStreamPtr stream = callersOwnStream
+                                         ? std::make_shared<ProbeStream>(payload)
+                                         : ZRBInputStream::inputStreamWithData(ZRBValue::data(payload));
+          form.appendPartWithInputStream(stream, "s", "s.bin", payload.size(), "application/octet-stream");
+        });
+    ASSERT_NE(request, nullptr);
+    request->setTimeoutInterval(30);  // a body that hangs instead of failing ends here
+    std::string sent;
+    if (!callersOwnStream) {
+      auto copy = request->HTTPBodyStream()->copyStream();
+      copy->open();
+      std::uint8_t buffer[8192];
+      for (long n; (n = copy->read(buffer, sizeof buffer)) > 0;)
+        sent.append(reinterpret_cast<char*>(buffer), n);
+    }
+    auto task = session->uploadTaskWithStreamedRequest(request);
+    task->resume();
+    ASSERT_TRUE(delegate->waitForCompletions(++completions, std::chrono::seconds(60)));
+    auto completion = delegate->completion(task);
+    SCOPED_TRACE(callersOwnStream ? "caller's own stream" : "copyable parts");
+    if (callersOwnStream) {
+      ASSERT_NE(completion.error, nullptr);
+      EXPECT_EQ(completion.error->code(), ZRBURLErrorRequestBodyStreamExhausted);
+    } else {
+      ASSERT_EQ(completion.error, nullptr) << completion.error->description();
+      auto echoed = ZRBJSONSerialization::JSONObjectWithData(std::string_view(completion.body));
+      EXPECT_EQ(echoed["method"].description(), "POST");
+      EXPECT_EQ(echoed["bodySHA256"].description(), ZRBTestSHA256Hex(sent));
+    }
+  }
+  session->invalidateAndCancel();
+  delegate->waitForInvalidation();
 }
 
 }  // namespace

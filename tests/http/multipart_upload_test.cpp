@@ -1,20 +1,16 @@
-// Multipart bodies streamed through a URL session to the loopback server: a file four times the
-// memory bound and form fields arrive byte for byte while the process stays within that bound, and
-// a body that must be sent again is copied part by part, or fails at once when a part cannot be read
-// twice.
+// A multipart body streamed through a URL session to the loopback server: a file four times the
+// memory bound and form fields arrive byte for byte while the process stays within that bound.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "http/multipart_form_data.h"
 #include "http/request_serializer.h"
-#include "platform/foundation/json_serialization.h"
 #include "platform/net/url_session.h"
 #include "support/recording_delegate.h"
 #include "support/temporary_directory.h"
@@ -109,74 +105,6 @@ TEST(MultipartUploadTest, LargeFileAndFieldsArriveIntactInBoundedMemory) {
   EXPECT_EQ(recorded.bodySHA256, expectedSHA256);
   // The server runs in this process too, but keeps nothing of the body.
   EXPECT_LT(peak - baseline, kBound) << "peak resident " << (peak >> 20) << " MiB";
-}
-
-// A caller's own stream: readable once, with no way to copy it.
-class OnceStream final : public ZRBInputStream {
- public:
-  explicit OnceStream(std::string bytes) : bytes_(std::move(bytes)) {}
-  long read(std::uint8_t* buffer, std::size_t maxLength) override {
-    if (streamStatus() != ZRBStreamStatusOpen) return streamStatus() == ZRBStreamStatusAtEnd ? 0 : -1;
-    std::size_t count = std::min(maxLength, bytes_.size() - offset_);
-    std::memcpy(buffer, bytes_.data() + offset_, count);
-    offset_ += count;
-    if (offset_ == bytes_.size()) setStreamStatus(ZRBStreamStatusAtEnd);
-    return static_cast<long>(count);
-  }
-
- private:
-  std::string bytes_;
-  std::size_t offset_ = 0;
-};
-
-TEST(MultipartUploadTest, BodySentAgainAfterARedirectIsCopiedOrFailsAtOnce) {
-  ZRBTestServer server;
-  server.start();
-  server.echo("/echo");
-  server.redirect("/moved", "/echo/there", 307);
-  auto delegate = std::make_shared<RecordingDelegate>();
-  auto session = ZRBURLSession::sessionWithConfiguration(nullptr, delegate, nullptr);
-  auto serializer = ZRBHS_HTTPRequestSerializer::serializer();
-  const std::string payload = ZRBTestPatternBytes(0, 50000);
-
-  int completions = 0;
-  for (bool callersOwnStream : {false, true}) {
-    auto request = serializer->multipartFormRequestWithMethod(
-        "POST", server.url("/moved"), ZRBValue::dictionary({{"a", "1"}}),
-        [&](ZRBHS_StreamingMultipartFormData& form) {
-          form.appendPartWithFileData(ZRBValue::data(payload), "d", "d.bin", "application/octet-stream");
-          ZRBInputStreamPtr stream = callersOwnStream
-                                         ? std::make_shared<OnceStream>(payload)
-                                         : ZRBInputStream::inputStreamWithData(ZRBValue::data(payload));
-          form.appendPartWithInputStream(stream, "s", "s.bin", payload.size(), "application/octet-stream");
-        });
-    ASSERT_NE(request, nullptr);
-    request->setTimeoutInterval(30);  // a body that hangs instead of failing ends here
-    std::string sent;
-    if (!callersOwnStream) {
-      auto copy = request->HTTPBodyStream()->copyStream();
-      copy->open();
-      std::uint8_t buffer[8192];
-      for (long n; (n = copy->read(buffer, sizeof buffer)) > 0;)
-        sent.append(reinterpret_cast<char*>(buffer), n);
-    }
-    auto task = session->uploadTaskWithStreamedRequest(request);
-    task->resume();
-    ASSERT_TRUE(delegate->waitForCompletions(++completions, std::chrono::seconds(60)));
-    auto completion = delegate->completion(task);
-    SCOPED_TRACE(callersOwnStream ? "caller's own stream" : "copyable parts");
-    if (callersOwnStream) {
-      ASSERT_NE(completion.error, nullptr);
-      EXPECT_EQ(completion.error->code(), ZRBURLErrorRequestBodyStreamExhausted);
-    } else {
-      ASSERT_EQ(completion.error, nullptr) << completion.error->description();
-      auto echoed = ZRBJSONSerialization::JSONObjectWithData(std::string_view(completion.body));
-      EXPECT_EQ(echoed["method"].description(), "POST");
-      EXPECT_EQ(echoed["bodySHA256"].description(), ZRBTestSHA256Hex(sent));
-    }
-  }
-  session->invalidateAndCancel();
-  delegate->waitForInvalidation();
 }
 
 }  // namespace
