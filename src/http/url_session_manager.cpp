@@ -219,6 +219,11 @@ void ZRBHS_URLSessionManager::setCompletionGroup(ZRBDispatchGroupPtr group) {
   completionGroup_ = std::move(group);
 }
 
+ZRBHS_URLSessionManager::CompletionSettings ZRBHS_URLSessionManager::completionSettings() const {
+  std::lock_guard lock(fieldsMutex_);
+  return {responseSerializer_, completionQueue_, completionGroup_};
+}
+
 // ---- task lists ----
 
 std::vector<ZRBURLSessionTaskPtr> ZRBHS_URLSessionManager::tasks() const {

@@ -277,6 +277,14 @@ class ZRBHS_URLSessionManager : public ZRBURLSessionDelegate, public ZRBCoding {
                           const ZRBURLSessionTaskPtr& task);
   ZRBHS_URLSessionManagerTaskDelegatePtr delegateForTask(const ZRBURLSessionTaskPtr& task) const;
   void removeDelegateForTask(const ZRBURLSessionTaskPtr& task);
+  // What a finishing task needs, read together: the response serializer, the completion queue and
+  // the completion group as set (either may be null).
+  struct CompletionSettings {
+    ZRBHS_ResponseSerializerPtr responseSerializer;
+    ZRBDispatchQueuePtr completionQueue;
+    ZRBDispatchGroupPtr completionGroup;
+  };
+  CompletionSettings completionSettings() const;
   // Posts the public resume / suspend notification when the task is one of this manager's.
   void taskDidResume(const ZRBURLSessionTaskPtr& task);
   void taskDidSuspend(const ZRBURLSessionTaskPtr& task);

@@ -25,24 +25,86 @@ constexpr std::size_t kDecodeHereLimit = 16 * 1024;
 // caller cannot hold up the transport for long.
 ZRBInlineBudget completionBudget(std::chrono::milliseconds(2), std::chrono::seconds(1));
 
-void runCompletion(const ZRBDispatchQueue& queue, const ZRBDispatchQueuePtr& delegateQueue,
-                   ZRBDispatchBlock complete) {
-  ZRBInlineBudget::Run inlineRun(completionBudget);
-  if (inlineRun.allowed() && queue.runNowIfIdle([&complete, &delegateQueue] {
-        // The task lists must not wait for the delegate queue that this thread may be holding.
-        const ZRBDispatchQueue* outer = ZRBHS_URLSessionManager::heldDelegateQueue;
-        ZRBHS_URLSessionManager::heldDelegateQueue = delegateQueue.get();
-        struct Restore {
-          const ZRBDispatchQueue* outer;
-          ~Restore() { ZRBHS_URLSessionManager::heldDelegateQueue = outer; }
-        } restore{outer};
-        complete();
-      })) {
-    inlineRun.finished();
-    return;
+// One task's completion: the decoding step fills in the outcome, the completion queue runs it once.
+// The blocks that carry it by reference are small enough to need no allocation of their own.
+struct Completion {
+  ZRBDispatchQueuePtr queue;
+  ZRBDispatchGroupPtr group;
+  // The delegate queue this thread holds while it decodes, or null.
+  ZRBDispatchQueuePtr delegateQueue;
+  ZRBURLSessionTaskPtr task;
+  ZRBURLResponsePtr response;
+  ZRBHS_TaskCompletionHandler handler;
+  bool notify = false;
+  ZRBValue object;
+  ZRBErrorPtr failure;
+  ZRBValue info;
+
+  // On the completion queue, once; the group was entered for it.
+  void run() {
+    struct Leave {
+      ZRBDispatchGroup& group;
+      ~Leave() { group.leave(); }
+    } leave{*group};
+    if (handler) handler(response, object, failure);
+    if (!notify) return;
+    ZRBDispatch::mainQueue()->async([task = task, info = info] {
+      ZRBNotificationCenter::defaultCenter()->post(ZRBHS_NetworkingTaskDidCompleteNotification,
+                                                   ZRBValue(task), info);
+    });
   }
-  queue.async(std::move(complete));
-}
+
+  // When the completion queue is idle, this thread runs the completion as the queue's block
+  // instead of handing it to another thread.
+  void dispatch() {
+    group->enter();
+    ZRBInlineBudget::Run inlineRun(completionBudget);
+    if (inlineRun.allowed() && queue->runNowIfIdle([this] {
+          // The task lists must not wait for the delegate queue that this thread may be holding.
+          const ZRBDispatchQueue* outer = ZRBHS_URLSessionManager::heldDelegateQueue;
+          ZRBHS_URLSessionManager::heldDelegateQueue = delegateQueue.get();
+          struct Restore {
+            const ZRBDispatchQueue* outer;
+            ~Restore() { ZRBHS_URLSessionManager::heldDelegateQueue = outer; }
+          } restore{outer};
+          run();
+        })) {
+      inlineRun.finished();
+      return;
+    }
+    ZRBDispatchQueuePtr target = queue;
+    target->async([completion = std::move(*this)]() mutable { completion.run(); });
+  }
+};
+
+// The decoding step of a completion, on the processing queue.
+struct Decoding {
+  Completion completion;
+  ZRBHS_ResponseSerializerPtr serializer;
+  ZRBValue data;
+  ZRBURLPtr fileURL;
+  ZRBDictionaryBuilder userInfo;
+
+  void run() {
+    ZRBErrorPtr failure;
+    ZRBValue object;
+    try {
+      if (serializer) object = serializer->responseObjectForResponse(completion.response, data, &failure);
+    } catch (const std::exception& exception) {
+      std::fprintf(stderr, "ORVELKIT: a response serializer threw: %s\n", exception.what());
+      failure = decodingFailure(exception.what());
+    }
+    if (fileURL) object = ZRBValue(fileURL);
+    if (completion.notify) {
+      if (object) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteSerializedResponseKey), object);
+      if (failure) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteErrorKey), ZRBValue(failure));
+      completion.info = userInfo.build();
+    }
+    completion.object = std::move(object);
+    completion.failure = std::move(failure);
+    completion.dispatch();
+  }
+};
 
 void postMoveFailure(const ZRBURLSessionDownloadTaskPtr& task, const ZRBErrorPtr& error) {
   ZRBNotificationCenter::defaultCenter()->post(ZRBHS_URLSessionDownloadTaskDidFailToMoveFileNotification,
@@ -208,10 +270,12 @@ void ZRBHS_URLSessionManagerTaskDelegate::URLSessionTaskDidCompleteWithError(con
                                                                              const ZRBURLSessionTaskPtr& task,
                                                                              ZRBErrorPtr error) {
   auto manager = manager_.lock();
-  ZRBHS_ResponseSerializerPtr serializer = manager ? manager->responseSerializer() : nullptr;
-  ZRBDispatchQueuePtr queue = manager ? manager->completionQueue() : nullptr;
+  ZRBHS_URLSessionManager::CompletionSettings settings;
+  if (manager) settings = manager->completionSettings();
+  ZRBHS_ResponseSerializerPtr serializer = std::move(settings.responseSerializer);
+  ZRBDispatchQueuePtr queue = std::move(settings.completionQueue);
   if (!queue) queue = ZRBDispatch::mainQueue();
-  ZRBDispatchGroupPtr group = manager ? manager->completionGroup() : nullptr;
+  ZRBDispatchGroupPtr group = std::move(settings.completionGroup);
   if (!group) group = ZRBHS_URLSessionManager::defaultCompletionGroup();
 
   // The body leaves the delegate here, whole: no copy is made of it.
@@ -239,63 +303,38 @@ void ZRBHS_URLSessionManagerTaskDelegate::URLSessionTaskDidCompleteWithError(con
   }
 
   const std::size_t size = data.bytes().size();
-  ZRBURLResponsePtr response = task->response();
-  // Shared by the decoding step and the completion; the handler runs once and goes with them.
+  Decoding decoding;
+  Completion& completion = decoding.completion;
+  completion.queue = std::move(queue);
+  completion.group = std::move(group);
   // Set when decoding runs here, on the delegate queue; a completion run from there holds it.
-  ZRBDispatchQueuePtr delegateQueue =
-      size <= kDecodeHereLimit && manager ? manager->operationQueue() : nullptr;
-  auto finish = [group, queue, task, response, notify, delegateQueue, handler = std::move(completionHandler)](
-                    ZRBValue object, ZRBErrorPtr failure, ZRBValue info) mutable {
-    group->enter();
-    auto complete = [group, task, response, notify, handler = std::move(handler), object = std::move(object),
-                     failure = std::move(failure), info = std::move(info)] {
-      struct Leave {
-        ZRBDispatchGroup& group;
-        ~Leave() { group.leave(); }
-      } leave{*group};
-      if (handler) handler(response, object, failure);
-      if (!notify) return;
-      ZRBDispatch::mainQueue()->async([task, info] {
-        ZRBNotificationCenter::defaultCenter()->post(ZRBHS_NetworkingTaskDidCompleteNotification,
-                                                     ZRBValue(task), info);
-      });
-    };
-    // When the completion queue is idle, the thread that decoded runs the completion as the
-    // queue's block instead of handing it to another thread (see runCompletion).
-    runCompletion(*queue, delegateQueue, std::move(complete));
-  };
+  if (size <= kDecodeHereLimit && manager) completion.delegateQueue = manager->operationQueue();
+  completion.task = task;
+  completion.response = task->response();
+  completion.handler = std::move(completionHandler);
   completionHandler = nullptr;
+  completion.notify = notify;
 
   if (error) {
-    if (notify) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteErrorKey), ZRBValue(error));
-    finish(ZRBValue(), std::move(error), notify ? userInfo.build() : ZRBValue());
+    if (notify) {
+      userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteErrorKey), ZRBValue(error));
+      completion.info = userInfo.build();
+    }
+    completion.failure = std::move(error);
+    completion.dispatch();
     return;
   }
-  auto decode = [finish = std::move(finish), serializer, response, data = std::move(data),
-                 userInfo = std::move(userInfo), fileURL = downloadFileURL_, notify]() mutable {
-    ZRBErrorPtr failure;
-    ZRBValue object;
-    try {
-      if (serializer) object = serializer->responseObjectForResponse(response, data, &failure);
-    } catch (const std::exception& exception) {
-      std::fprintf(stderr, "ORVELKIT: a response serializer threw: %s\n", exception.what());
-      failure = decodingFailure(exception.what());
-    }
-    if (fileURL) object = ZRBValue(fileURL);
-    if (!notify) {
-      finish(std::move(object), std::move(failure), ZRBValue());
-      return;
-    }
-    if (object) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteSerializedResponseKey), object);
-    if (failure) userInfo.append(ZRBValue(ZRBHS_NetworkingTaskDidCompleteErrorKey), ZRBValue(failure));
-    finish(std::move(object), std::move(failure), userInfo.build());
-  };
+  decoding.serializer = std::move(serializer);
+  decoding.data = std::move(data);
+  decoding.fileURL = downloadFileURL_;
+  decoding.userInfo = std::move(userInfo);
   // A small body decodes in less time than handing it to another thread takes: it is decoded as a
   // block of the processing queue on this thread. Larger ones go to the queue's threads, so that
   // decoding them never holds up the delegate queue.
   if (size <= kDecodeHereLimit) {
-    ZRBHS_URLSessionManager::processingQueue()->sync(decode);
+    ZRBHS_URLSessionManager::processingQueue()->sync([&decoding] { decoding.run(); });
   } else {
-    ZRBHS_URLSessionManager::processingQueue()->async(std::move(decode));
+    ZRBHS_URLSessionManager::processingQueue()->async(
+        [decoding = std::move(decoding)]() mutable { decoding.run(); });
   }
 }

@@ -4,9 +4,11 @@
 // lock, so a replacement never waits for calls in progress and a call never sees a half-written
 // function: it runs either the old one or the new one, which stays alive until the call returns.
 // (A mutex guards the reference only while it is copied. std::atomic<std::shared_ptr> would do the
-// same, but the standard library this is built with releases its internal lock too weakly.)
+// same, but the standard library this is built with releases its internal lock too weakly.) Most
+// callbacks are never set: asking for an unset one takes no lock.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -30,9 +32,11 @@ class ZRBAtomicFunction<Result(Arguments...)> {
         function ? std::make_shared<const Function>(std::move(function)) : nullptr;
     std::lock_guard lock(mutex_);
     current_.swap(replacement);  // the old function is released after the lock, outside it
+    set_.store(current_ != nullptr, std::memory_order_release);
   }
   // The current function, or null; callers may keep it as long as they like.
   std::shared_ptr<const Function> load() const {
+    if (!set_.load(std::memory_order_acquire)) return nullptr;
     std::lock_guard lock(mutex_);
     return current_;
   }
@@ -47,4 +51,5 @@ class ZRBAtomicFunction<Result(Arguments...)> {
  private:
   mutable std::mutex mutex_;
   std::shared_ptr<const Function> current_;
+  std::atomic<bool> set_{false};
 };
