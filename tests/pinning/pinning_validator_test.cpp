@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -92,33 +94,6 @@ class PinningValidatorTest : public ::testing::Test {
   Observed observed_;
 };
 
-// A valid chain that carries none of the pins: blocked only under enforcement, observed either way.
-TEST_F(PinningValidatorTest, UnpinnedChainIsBlockedOnlyUnderEnforcement) {
-  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
-  for (bool enforce : {true, false}) {
-    observed_ = {};
-    auto policy = policyFor(chain, {ZRB_PGDPin{1}, ZRB_PGDPin{2}});
-    policy.enforcePinning = enforce;
-    auto trust = trustFor(chain);
-    EXPECT_EQ(validator(policy)->evaluateTrust(trust, "localhost"),
-              enforce ? PGDTrustDecisionShouldBlockConnection : PGDTrustDecisionShouldAllowConnection);
-    Observed seen = observed();
-    ASSERT_EQ(seen.calls, 1) << enforce;
-    EXPECT_EQ(seen.result->evaluationResult(), PGDTrustEvaluationResultFailedNoMatchingPin);
-    EXPECT_EQ(seen.result->finalTrustDecision(),
-              enforce ? PGDTrustDecisionShouldBlockConnection : PGDTrustDecisionShouldAllowConnection);
-    EXPECT_EQ(seen.result->serverHostname(), "localhost");
-    EXPECT_EQ(seen.notedHostname, "localhost");
-    EXPECT_EQ(seen.policy->enforcePinning, enforce);
-    // The built chain, leaf first, as PEM with 64-character CR LF lines.
-    ASSERT_EQ(seen.result->certificateChain().size(), 3u);
-    EXPECT_EQ(seen.result->certificateChain()[0], "-----BEGIN CERTIFICATE-----\n" +
-                                                      ZRBBase64Encode(chain.leaf.der(), 1) +
-                                                      "\n-----END CERTIFICATE-----");
-    EXPECT_NE(seen.result->certificateChain()[0].find("\r\n"), std::string::npos);
-  }
-}
-
 // The chain is walked from the root down: with root and leaf pinned, the root's pin is found first.
 TEST_F(PinningValidatorTest, RootPinIsFoundBeforeLeafPin) {
   const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
@@ -150,56 +125,84 @@ TEST_F(PinningValidatorTest, AlgorithmThatDoesNotFitTheKeyGivesNonMatchingHashes
   EXPECT_EQ(log.count("Testing SSL Pin "), 6);
 }
 
-// Lapsed, excluded and unknown domains are not pinned, and the observer hears nothing of them.
-TEST_F(PinningValidatorTest, LapsedExcludedAndUnknownDomainsAreNotPinned) {
-  const ZRBTestChain& chain = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
-  auto expired = policyFor(chain, {ZRB_PGDPin{1}});
-  expired.expirationDate = std::chrono::system_clock::now() - std::chrono::hours(1);
-  ZRB_PGDDomainPolicy excluded;
-  excluded.excludeSubdomainFromParentPolicy = true;
-  struct Case {
-    ZRB_PGDDomainPolicy policy;
-    std::string domain;
-  };
-  for (const auto& [policy, domain] : {Case{expired, "localhost"}, Case{excluded, "localhost"},
-                                       Case{policyFor(chain, {ZRB_PGDPin{1}}), "example.com"}}) {
-    auto trust = trustFor(chain);
-    EXPECT_EQ(validator(policy, domain)->evaluateTrust(trust, "localhost"), PGDTrustDecisionDomainNotPinned);
-  }
-  // A policy that lapses tomorrow still applies.
-  auto current = policyFor(chain, {ZRB_PGDPin{1}});
-  current.expirationDate = std::chrono::system_clock::now() + std::chrono::hours(24);
-  auto trust = trustFor(chain);
-  EXPECT_EQ(validator(current)->evaluateTrust(trust, "localhost"), PGDTrustDecisionShouldBlockConnection);
-  EXPECT_EQ(observed().calls, 1);
-}
-
-// A chain the default validation rejects blocks whatever the enforcement, before pins are looked at.
-TEST_F(PinningValidatorTest, DefaultValidationFailureBlocksEvenWithoutEnforcement) {
-  struct Case {
-    const ZRBTestChain* chain;
-    bool trustRoot;
-    std::string host;
-  };
+// Unpinned chains are blocked only under enforcement; lapsed, excluded and unknown domains are not
+// pinned and the observer hears nothing of them; a chain the default validation rejects is blocked
+// whatever the enforcement and the pins, before any pin is looked at.
+TEST_F(PinningValidatorTest, DecisionsByPolicyAndChain) {
+  using namespace std::chrono_literals;
   const ZRBTestChain& valid = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
   const ZRBTestChain& expired = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256, ZRBTestLeafVariant::Expired);
-  const Case cases[] = {
-      {&expired, true, "localhost"},   // expired leaf
-      {&valid, false, "localhost"},    // unknown root
-      {&valid, true, "wrong.example"}  // host the leaf is not issued for (pinned under that name)
+  const auto now = std::chrono::system_clock::now();
+  const auto Allow = PGDTrustDecisionShouldAllowConnection, Block = PGDTrustDecisionShouldBlockConnection,
+             NotPinned = PGDTrustDecisionDomainNotPinned;
+  const auto NoPin = PGDTrustEvaluationResultFailedNoMatchingPin,
+             BadChain = PGDTrustEvaluationResultFailedInvalidCertificateChain;
+  // Leaf and root pinned, enforcement off: only the default validation can block.
+  auto pinnedLoosely = [](const ZRBTestChain& chain) {
+    return [&chain](ZRB_PGDDomainPolicy& p) {
+      p.publicKeyHashes = {pinOf(chain.leaf), pinOf(chain.root)};
+      p.enforcePinning = false;
+    };
   };
-  for (const auto& [chain, trustRoot, host] : cases) {
+  struct Case {
+    const char* name;
+    const ZRBTestChain& chain;
+    std::function<void(ZRB_PGDDomainPolicy&)> change;
+    std::string domain;  // pinned, and the host asked about unless "example.com"
+    PGDTrustDecision decision;
+    std::optional<PGDTrustEvaluationResult> observed;  // none: the observer hears nothing
+  };
+  const Case cases[] = {
+      {"unpinned, enforced", valid, [](auto&) {}, "localhost", Block, NoPin},
+      {"unpinned, not enforced", valid, [](auto& p) { p.enforcePinning = false; }, "localhost", Allow, NoPin},
+      {"lapses tomorrow", valid, [&](auto& p) { p.expirationDate = now + 24h; }, "localhost", Block, NoPin},
+      {"lapsed", valid, [&](auto& p) { p.expirationDate = now - 1h; }, "localhost", NotPinned, {}},
+      {"excluded",
+       valid,
+       [](auto& p) {
+         p = {};
+         p.excludeSubdomainFromParentPolicy = true;
+       },
+       "localhost",
+       NotPinned,
+       {}},
+      {"another domain", valid, [](auto&) {}, "example.com", NotPinned, {}},
+      {"expired leaf", expired, pinnedLoosely(expired), "localhost", Block, BadChain},
+      {"unknown root", valid,
+       [&](auto& p) {
+         pinnedLoosely(valid)(p);
+         p.additionalTrustAnchors.reset();
+       },
+       "localhost", Block, BadChain},
+      {"host the leaf is not issued for", valid, pinnedLoosely(valid), "wrong.example", Block, BadChain},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
     observed_ = {};
     PGDLogLines log;
-    auto policy = policyFor(*chain, {pinOf(chain->leaf), pinOf(chain->root)});
-    policy.enforcePinning = false;
-    if (!trustRoot) policy.additionalTrustAnchors.reset();
-    auto trust = trustFor(*chain);
-    EXPECT_EQ(validator(policy, host)->evaluateTrust(trust, host), PGDTrustDecisionShouldBlockConnection)
-        << host;
-    EXPECT_EQ(observed().result->evaluationResult(), PGDTrustEvaluationResultFailedInvalidCertificateChain);
-    EXPECT_GE(log.find("Error: default SSL validation failed for " + host + ": "), 0);
-    EXPECT_EQ(log.find("Checking certificate"), -1);
+    auto policy = policyFor(c.chain, {ZRB_PGDPin{1}, ZRB_PGDPin{2}});
+    c.change(policy);
+    const std::string host = c.domain == "example.com" ? "localhost" : c.domain;
+    EXPECT_EQ(validator(policy, c.domain)->evaluateTrust(trustFor(c.chain), host), c.decision);
+    Observed seen = observed();
+    ASSERT_EQ(seen.calls, c.observed ? 1 : 0);
+    if (!c.observed) continue;
+    EXPECT_EQ(seen.result->evaluationResult(), *c.observed);
+    EXPECT_EQ(seen.result->finalTrustDecision(), c.decision);
+    EXPECT_EQ(seen.result->serverHostname(), host);
+    EXPECT_EQ(seen.notedHostname, c.domain);
+    EXPECT_EQ(seen.policy->enforcePinning, policy.enforcePinning);
+    if (*c.observed == BadChain) {
+      EXPECT_GE(log.find("Error: default SSL validation failed for " + host + ": "), 0);
+      EXPECT_EQ(log.find("Checking certificate"), -1);
+      continue;
+    }
+    // The built chain, leaf first, as PEM with 64-character CR LF lines.
+    ASSERT_EQ(seen.result->certificateChain().size(), 3u);
+    EXPECT_EQ(seen.result->certificateChain()[0], "-----BEGIN CERTIFICATE-----\n" +
+                                                      ZRBBase64Encode(c.chain.leaf.der(), 1) +
+                                                      "\n-----END CERTIFICATE-----");
+    EXPECT_NE(seen.result->certificateChain()[0].find("\r\n"), std::string::npos);
   }
 }
 
