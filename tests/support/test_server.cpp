@@ -7,6 +7,7 @@
 #include <atomic>
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/experimental/awaitable_operators.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
@@ -20,6 +21,7 @@
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/status.hpp>
+#include <charconv>
 #include <condition_variable>
 #include <cstdio>
 #include <map>
@@ -63,6 +65,7 @@ struct Connection {
     closed = true;
     boost::system::error_code ignored;
     socket.close(ignored);
+    if (upstream) upstream->close(ignored);
     timer.cancel();
     watchdog.cancel();
   }
@@ -78,6 +81,7 @@ struct Connection {
   const std::uint64_t id;
   tcp::socket socket;
   std::unique_ptr<ssl::stream<tcp::socket&>> tls;
+  std::optional<tcp::socket> upstream;  // a tunnel's other end
   asio::steady_timer timer;
   asio::steady_timer watchdog;
   bool closed = false;
@@ -90,6 +94,38 @@ std::string reasonPhrase(int status) {
 }
 
 bool statusHasNoBody(int status) { return (status >= 100 && status < 200) || status == 204 || status == 304; }
+
+// Copies bytes until `from` ends, then ends the sending side of `to`.
+asio::awaitable<void> relay(tcp::socket& from, tcp::socket& to) {
+  std::vector<char> chunk(kWriteSlice);
+  for (;;) {
+    auto [ec, n] = co_await from.async_read_some(asio::buffer(chunk), kNoThrow);
+    if (ec) break;
+    auto [writeError, written] = co_await asio::async_write(to, asio::buffer(chunk.data(), n), kNoThrow);
+    if (writeError) break;
+  }
+  boost::system::error_code ignored;
+  to.shutdown(tcp::socket::shutdown_send, ignored);
+}
+
+// Answers a CONNECT for `target` ("host:port") on a plain connection and relays until both ends close.
+asio::awaitable<void> tunnel(Connection& connection, std::string_view target, beast::flat_buffer& buffer) {
+  unsigned port = 0;
+  const char* digits = target.data() + std::min(target.rfind(':') + 1, target.size());
+  std::from_chars(digits, target.data() + target.size(), port);
+  auto& upstream = connection.upstream.emplace(connection.socket.get_executor());
+  auto [ec] = co_await upstream.async_connect(
+      tcp::endpoint(asio::ip::make_address_v4("127.0.0.1"), static_cast<std::uint16_t>(port)), kNoThrow);
+  const bool connected = !ec && port > 0 && port <= 65535;
+  std::string_view answer =
+      connected ? "HTTP/1.1 200 Connection established\r\n\r\n" : "HTTP/1.1 502 Bad Gateway\r\n\r\n";
+  auto [writeError, written] = co_await asio::async_write(connection.socket, asio::buffer(answer), kNoThrow);
+  if (writeError || !connected) co_return;
+  // Whatever the client sent after its request head goes first.
+  co_await asio::async_write(upstream, buffer.data(), kNoThrow);
+  using namespace asio::experimental::awaitable_operators;
+  co_await (relay(connection.socket, upstream) && relay(upstream, connection.socket));
+}
 
 }  // namespace
 
@@ -283,6 +319,12 @@ asio::awaitable<void> ZRBTestServer::Impl::serveRequests(Connection& connection,
     request.path = request.target.substr(0, request.target.find('?'));
     for (const auto& field : message) {
       request.headers.add(std::string(field.name_string()), std::string(field.value()));
+    }
+    if constexpr (std::is_same_v<Stream, tcp::socket>) {
+      if (options.tunnels && request.method == "CONNECT") {
+        co_await tunnel(connection, request.target, buffer);
+        co_return;
+      }
     }
     auto route = findRoute(request.method, request.path);
 

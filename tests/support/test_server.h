@@ -172,6 +172,9 @@ struct ZRBTestServerOptions {
   // TLS with this chain's leaf and intermediate; clients trust the chain's root.
   std::optional<ZRBTestChain> tls{};
   std::uint64_t bodyKeepLimit = 1 << 20;
+  // Plain servers only: "CONNECT host:port" opens a tunnel to 127.0.0.1:port, whatever the host, and
+  // relays bytes both ways until either side closes. Such requests are not recorded.
+  bool tunnels = false;
 };
 
 class ZRBTestServer {
