@@ -3,6 +3,7 @@
 // again after a redirect.
 #include "http/multipart_form_data.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -60,15 +61,6 @@ std::string readAll(ZRBInputStream& stream, std::size_t chunk, std::vector<long>
     if (n <= 0) return out;
     out.append(reinterpret_cast<const char*>(buffer.data()), static_cast<std::size_t>(n));
   }
-}
-
-std::string assertionText(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const ZRBAssertionFailure& failure) {
-    return failure.what();
-  }
-  return "(no assertion)";
 }
 
 // A caller's body stream, readable once and with no way to copy it, that notes whether the part
@@ -265,7 +257,8 @@ TEST(MultipartAssertions, MisuseIsAnAssertionFailureNamingTheCondition) {
        "[fileURL isFileURL]"},
   };
   for (const auto& [call, condition] : cases)
-    EXPECT_EQ(assertionText(call), "Invalid parameter not satisfying: " + condition);
+    EXPECT_THAT(
+        call, testing::ThrowsMessage<ZRBAssertionFailure>("Invalid parameter not satisfying: " + condition));
   EXPECT_TRUE(formData.bodyStream()->isEmpty());
 }
 

@@ -4,11 +4,10 @@
 #include "http/url_session_manager.h"
 
 #include <dirent.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <set>
@@ -41,21 +40,15 @@ struct Outcome {
   std::string queue;  // where the completion ran
 };
 
-// Records the queue it decodes on and how often it is asked.
+// Records the queue it decodes on, once per call.
 class RecordingSerializer final : public ZRBHS_JSONResponseSerializer {
  public:
   ZRBValue responseObjectForResponse(const ZRBURLResponsePtr& response, const ZRBValue& data,
                                      ZRBErrorPtr* error) override {
-    calls.fetch_add(1);
-    {
-      std::lock_guard lock(mutex);
-      queues.push_back(ZRBDispatch::currentQueueLabel());
-    }
+    queues.put(ZRBDispatch::currentQueueLabel());
     return ZRBHS_JSONResponseSerializer::responseObjectForResponse(response, data, error);
   }
-  std::atomic<int> calls{0};
-  std::mutex mutex;
-  std::vector<std::string> queues;
+  ZRBTestInbox<std::string> queues;
 };
 
 // Observes one notification name for the life of the object.
@@ -119,11 +112,8 @@ TEST_F(URLSessionManagerTest, DecodesOffTheDelegateQueueAndCompletesOnceOnTheCom
   EXPECT_EQ(results[0].error, nullptr);
   EXPECT_EQ(results[0].object["answer"].intValue(), 42);
   EXPECT_EQ(results[0].queue, "test.completion");
-  {
-    std::lock_guard lock(serializer_->mutex);
-    EXPECT_EQ(serializer_->queues,
-              (std::vector<std::string>{"com.brontide.zrb_networking.session.manager.processing"}));
-  }
+  EXPECT_EQ(serializer_->queues.now(),
+            (std::vector<std::string>{"com.brontide.zrb_networking.session.manager.processing"}));
   auto notifications = completed.wait(1);
   ASSERT_EQ(notifications.size(), 1u);
   EXPECT_EQ(notifications[0]->objectAs<ZRBURLSessionTask>(), task);
@@ -150,7 +140,7 @@ TEST_F(URLSessionManagerTest, ErrorsReachTheCompletionAndTheNotification) {
   server_.respond("GET", "/broken", ZRBTestResponse::json(200, "{not json"));
   for (const auto& [path, decoded] : {std::pair("/cut", false), std::pair("/broken", true)}) {
     SCOPED_TRACE(path);
-    const int callsBefore = serializer_->calls.load();
+    const std::size_t callsBefore = serializer_->queues.now().size();
     NotificationInbox completed(ZRBHS_NetworkingTaskDidCompleteNotification);
     Inbox<Outcome> outcomes;
     manager_->dataTaskWithRequest(requestFor(server_.url(path)), record(outcomes))->resume();
@@ -158,7 +148,7 @@ TEST_F(URLSessionManagerTest, ErrorsReachTheCompletionAndTheNotification) {
     ASSERT_EQ(results.size(), 1u);
     ASSERT_NE(results[0].error, nullptr);
     EXPECT_TRUE(results[0].object.isAbsent());
-    EXPECT_EQ(serializer_->calls.load() - callsBefore, decoded ? 1 : 0);
+    EXPECT_EQ(serializer_->queues.now().size() - callsBefore, decoded ? 1u : 0u);
     auto notifications = completed.wait(1);
     ASSERT_EQ(notifications.size(), 1u);
     const ZRBValue& info = notifications[0]->userInfo();
@@ -214,8 +204,7 @@ TEST_F(URLSessionManagerTest, DownloadsCompleteWithTheirDestination) {
     EXPECT_EQ(results[0].object.objectAs<ZRBURL>(), destination);
     EXPECT_EQ(keysOf(notifications[0]->userInfo()).count(ZRBHS_NetworkingTaskDidCompleteAssetPathKey),
               destination ? 1u : 0u);
-    std::ifstream file(c.destination);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), c.moves ? "file body" : "");
+    EXPECT_EQ(ZRBTestReadFile(c.destination), c.moves ? "file body" : "");
     EXPECT_EQ(moveFailed.now().size(), destination && !c.moves ? 1u : 0u);
     if (!moveFailed.now().empty()) {
       EXPECT_EQ(moveFailed.now()[0]->objectAs<ZRBURLSessionTask>(), task);
@@ -527,13 +516,7 @@ TEST_F(URLSessionManagerTest, BadInputFailsAsDocumented) {
        ZRBAssertionMessage("requestSerializer")},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    try {
-      c.call();
-      ADD_FAILURE() << "no assertion";
-    } catch (const ZRBAssertionFailure& failure) {
-      EXPECT_EQ(failure.what(), c.message);
-    }
+    EXPECT_THAT(c.call, testing::ThrowsMessage<ZRBAssertionFailure>(c.message)) << c.name;
   }
   EXPECT_EQ(manager_->responseSerializer(), serializer_);
   try {

@@ -1,5 +1,6 @@
 // Pin-failure reports: the JSON record key by key, the once-a-day limit over a moved clock, and the
 // reporter's construction, exceptions and uploads to a loopback server.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -159,12 +160,9 @@ TEST(ReportsRateLimiterTest, SameFailureOnceADay) {
 TEST(ReportsRateLimiterTest, NullArgumentsAreAssertions) {
   auto limiter = ZRB_PGDReportsRateLimiter::init();
   EXPECT_THROW(limiter->shouldRateLimitReport(nullptr), ZRBAssertionFailure);
-  try {
-    limiter->setLastReportsCacheResetDate(std::nullopt);
-    ADD_FAILURE() << "no assertion";
-  } catch (const ZRBAssertionFailure& failure) {
-    EXPECT_STREQ(failure.what(), "Invalid parameter not satisfying: lastReportsCacheResetDate");
-  }
+  EXPECT_THAT([&] { limiter->setLastReportsCacheResetDate(std::nullopt); },
+              testing::ThrowsMessage<ZRBAssertionFailure>(
+                  "Invalid parameter not satisfying: lastReportsCacheResetDate"));
 }
 
 class BackgroundReporterTest : public ::testing::Test {
