@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <typeinfo>
 
 #include "http/multipart_form_data.h"
 #include "http/query_string.h"
@@ -353,6 +354,12 @@ ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::requestWithMethod(
   if (isSet(kTimeoutInterval)) request->setTimeoutInterval(timeoutInterval_);
   lock.unlock();
 
+  // A plain serializer works on the request it just made; a subclass may serialize differently and
+  // gets it through requestBySerializingRequest, which works on a copy.
+  if (typeid(*this) == typeid(ZRBHS_HTTPRequestSerializer)) {
+    if (!serializeInto(request, *request, parameters, error)) return nullptr;
+    return request;
+  }
   ZRBURLRequestPtr serialized = requestBySerializingRequest(request, parameters, error);
   if (!serialized) return nullptr;
   // The serialized request is usually a fresh mutable copy nobody else holds: hand it out as it is.
@@ -370,8 +377,13 @@ ZRBURLRequestPtr ZRBHS_HTTPRequestSerializer::requestBySerializingRequest(const 
   if (!request) return nullptr;
 
   ZRBMutableURLRequestPtr mutableRequest = request->mutableCopy();
-  applyDefaultHeaders(*mutableRequest);
+  if (!serializeInto(request, *mutableRequest, parameters, error)) return nullptr;
+  return mutableRequest;
+}
 
+bool ZRBHS_HTTPRequestSerializer::serializeInto(const ZRBURLRequestPtr& request, ZRBMutableURLRequest& target,
+                                                const ZRBValue& parameters, ZRBErrorPtr* error) const {
+  // The query first: a custom serialization sees the request as it was given.
   std::optional<std::string> query;
   if (!parameters.isAbsent()) {
     std::shared_ptr<const QueryStringSerialization> custom;
@@ -386,12 +398,14 @@ ZRBURLRequestPtr ZRBHS_HTTPRequestSerializer::requestBySerializingRequest(const 
       query = (*custom)(request, parameters, &serializationError);
       if (serializationError) {
         ZRBSetError(error, std::move(serializationError));
-        return nullptr;
+        return false;
       }
     } else if (style == ZRBHS_QueryStringStyleDefault) {
       query = ZRBHS_QueryStringFromParameters(parameters);
     }
   }
+  ZRBMutableURLRequest* mutableRequest = &target;
+  applyDefaultHeaders(*mutableRequest);
 
   if (encodesParametersInURI(mutableRequest->HTTPMethod())) {
     if (query && !query->empty()) {
@@ -415,7 +429,7 @@ ZRBURLRequestPtr ZRBHS_HTTPRequestSerializer::requestBySerializingRequest(const 
       mutableRequest->setHTTPBody(ZRBValue());
     }
   }
-  return mutableRequest;
+  return true;
 }
 
 ZRBMutableURLRequestPtr ZRBHS_HTTPRequestSerializer::multipartFormRequestWithMethod(

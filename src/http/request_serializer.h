@@ -225,6 +225,10 @@ class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
     field = value;
     markSet(property);
   }
+  // What requestBySerializingRequest does to its copy (`target`) of `request`: false, with the
+  // error set, when a custom query serialization failed. `target` may be `request` itself.
+  bool serializeInto(const ZRBURLRequestPtr& request, ZRBMutableURLRequest& target,
+                     const ZRBValue& parameters, ZRBErrorPtr* error) const;
   // Called with mutex_ held.
   void markSet(ObservedProperty property) { explicitlySet_ |= 1u << property; }
   bool isSet(ObservedProperty property) const { return explicitlySet_ >> property & 1u; }

@@ -402,7 +402,16 @@ void ZRBHS_URLSessionManager::setDelegateForTask(const ZRBHS_URLSessionManagerTa
   ZRBAssertNamed(delegate, "delegate");
   if (!task || !delegate) return;
   std::lock_guard lock(lock_);
-  mutableTaskDelegatesKeyedByTaskIdentifier_[task->taskIdentifier()] = delegate;
+  auto& delegates = mutableTaskDelegatesKeyedByTaskIdentifier_;
+  // The entry of the last task removed is used again: one allocation less per task.
+  if (spareDelegateEntry_ && !delegates.contains(task->taskIdentifier())) {
+    spareDelegateEntry_.key() = task->taskIdentifier();
+    spareDelegateEntry_.mapped() = delegate;
+    delegates.insert(std::move(spareDelegateEntry_));
+    spareDelegateEntry_ = {};
+  } else {
+    delegates[task->taskIdentifier()] = delegate;
+  }
   delegate->setupProgressForTask(task);
 }
 
@@ -423,7 +432,7 @@ void ZRBHS_URLSessionManager::removeDelegateForTask(const ZRBURLSessionTaskPtr& 
   auto found = mutableTaskDelegatesKeyedByTaskIdentifier_.find(task->taskIdentifier());
   if (found == mutableTaskDelegatesKeyedByTaskIdentifier_.end()) return;
   removed = std::move(found->second);
-  mutableTaskDelegatesKeyedByTaskIdentifier_.erase(found);
+  spareDelegateEntry_ = mutableTaskDelegatesKeyedByTaskIdentifier_.extract(found);
   removed->cleanUpProgressForTask(task);
 }
 

@@ -337,6 +337,8 @@ class ZRBHS_URLSessionManager : public ZRBURLSessionDelegate, public ZRBCoding {
   mutable std::mutex lock_;  // kLockName: the task delegates
   std::unordered_map<unsigned long, ZRBHS_URLSessionManagerTaskDelegatePtr>
       mutableTaskDelegatesKeyedByTaskIdentifier_;
+  // A removed entry kept for the next task (its delegate already moved out).
+  decltype(mutableTaskDelegatesKeyedByTaskIdentifier_)::node_type spareDelegateEntry_;
 
   ZRBAtomicFunction<void(const ZRBURLSessionPtr&, const ZRBErrorPtr&)> sessionDidBecomeInvalid_;
   ZRBAtomicFunction<ZRBURLSessionAuthChallengeDisposition(
