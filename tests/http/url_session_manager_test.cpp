@@ -211,31 +211,22 @@ TEST_F(URLSessionManagerTest, DownloadsCompleteWithTheirDestination) {
   }
 }
 
-TEST_F(URLSessionManagerTest, OptionalCallbacksAreAnsweredOnlyWithTheirHooks) {
+// The four optional callbacks go unanswered without their hooks, so the session does what the
+// platform does (a redirect is followed); a hook answers in their place and replaces that.
+TEST_F(URLSessionManagerTest, HooksReplaceBuiltInBehaviour) {
   using Op = ZRBURLSessionDelegateOperation;
   const Op optional[] = {Op::TaskWillPerformHTTPRedirection, Op::DataTaskDidReceiveResponse,
                          Op::DataTaskWillCacheResponse, Op::SessionDidFinishEventsForBackgroundURLSession};
   for (Op op : optional) EXPECT_FALSE(manager_->respondsToOperation(op)) << int(op);
   EXPECT_TRUE(manager_->respondsToOperation(Op::TaskNeedNewBodyStream));
   EXPECT_TRUE(manager_->respondsToOperation(Op::SessionDidReceiveChallenge));
-  manager_->setTaskWillPerformHTTPRedirectionBlock(
-      [](auto&, auto&, auto&, const ZRBURLRequestPtr& request) { return request; });
-  manager_->setDataTaskDidReceiveResponseBlock(
-      [](auto&, auto&, auto&) { return ZRBURLSessionResponseAllow; });
-  manager_->setDataTaskWillCacheResponseBlock(
-      [](auto&, auto&, const ZRBCachedURLResponsePtr& r) { return r; });
-  manager_->setDidFinishEventsForBackgroundURLSessionBlock([](auto&) {});
-  for (Op op : optional) EXPECT_TRUE(manager_->respondsToOperation(op)) << int(op);
-}
-
-TEST_F(URLSessionManagerTest, HooksReplaceBuiltInBehaviour) {
   server_.redirect("/moved", "/json");
-  // Without the hook the redirect is followed; the hook's null answer stops at the 302.
   Inbox<Outcome> followed;
   manager_->dataTaskWithRequest(requestFor(server_.url("/moved")), record(followed))->resume();
   ASSERT_EQ(followed.wait(1).size(), 1u);
   EXPECT_EQ(followed.now()[0].object["answer"].intValue(), 42);
 
+  // The redirection hook's null answer stops at the 302.
   std::atomic<int> asked{0};
   manager_->setTaskWillPerformHTTPRedirectionBlock([&](auto&, auto&, auto&, auto&) -> ZRBURLRequestPtr {
     ++asked;
@@ -257,6 +248,11 @@ TEST_F(URLSessionManagerTest, HooksReplaceBuiltInBehaviour) {
   ASSERT_EQ(cancelled.wait(1).size(), 1u);
   ASSERT_TRUE(cancelled.now()[0].error);
   EXPECT_EQ(cancelled.now()[0].error->code(), -999);
+
+  manager_->setDataTaskWillCacheResponseBlock(
+      [](auto&, auto&, const ZRBCachedURLResponsePtr& r) { return r; });
+  manager_->setDidFinishEventsForBackgroundURLSessionBlock([](auto&) {});
+  for (Op op : optional) EXPECT_TRUE(manager_->respondsToOperation(op)) << int(op);
 }
 
 TEST_F(URLSessionManagerTest, AHookThatThrowsDoesNotTakeTheTransportDown) {
