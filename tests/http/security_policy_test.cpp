@@ -13,6 +13,7 @@
 #include "platform/foundation/exception.h"
 #include "serializer_checks.h"
 #include "settings/setting.h"
+#include "support/raises.h"
 #include "support/test_pki.h"
 
 namespace {
@@ -176,12 +177,7 @@ TEST(SecurityPolicy, BundleCertificatesAreTheTopLevelDerFiles) {
 
   // A listed certificate that cannot be read is not skipped silently.
   fs::create_symlink(dir / "missing", dir / "broken.der");
-  try {
-    Policy::certificatesInBundle(bundle);
-    ADD_FAILURE() << "an unreadable certificate file was accepted";
-  } catch (const ZRBException& e) {
-    EXPECT_EQ(e.name(), kZRBHS_InvalidArgumentException);
-  }
+  EXPECT_THAT([&] { Policy::certificatesInBundle(bundle); }, ZRBTestRaises(kZRBHS_InvalidArgumentException));
   fs::remove_all(dir);
 
   EXPECT_EQ(Policy::certificatesInBundle(ZRBBundle(dir.string(), "")), ZRBValue::set({}));

@@ -21,6 +21,7 @@
 #include "platform/foundation/string_format.h"
 #include "platform/runtime/notification_center.h"
 #include "support/inbox.h"
+#include "support/raises.h"
 #include "support/recording_delegate.h"
 #include "support/temporary_directory.h"
 #include "support/test_server.h"
@@ -514,12 +515,11 @@ TEST_F(URLSessionManagerTest, BadInputFailsAsDocumented) {
     EXPECT_THAT(c.call, testing::ThrowsMessage<ZRBAssertionFailure>(c.message)) << c.name;
   }
   EXPECT_EQ(manager_->responseSerializer(), serializer_);
-  try {
-    manager_->downloadTaskWithResumeData(ZRBValue::data("not resume data"), nullptr, nullptr, nullptr);
-    ADD_FAILURE() << "resume data accepted";
-  } catch (const ZRBException& exception) {
-    EXPECT_EQ(exception.name(), "ZRBInvalidArgumentException");
-  }
+  EXPECT_THAT(
+      [&] {
+        manager_->downloadTaskWithResumeData(ZRBValue::data("not resume data"), nullptr, nullptr, nullptr);
+      },
+      ZRBTestRaises("ZRBInvalidArgumentException"));
 }
 
 // ---- the HTTP manager ----

@@ -23,6 +23,7 @@
 #include "platform/system/bundle.h"
 #include "platform/system/file_manager.h"
 #include "settings/vendor_identifier.h"
+#include "support/raises.h"
 #include "support/test_pki.h"
 #include "support/test_server.h"
 
@@ -225,23 +226,14 @@ TEST_F(BackgroundReporterTest, Exceptions) {
        "Reporter was given an invalid value for reportURIs: (\n) for domain example.com"},
   };
   for (const auto& c : cases) {
-    try {
-      fail(reporter, 443, c.uris);
-      ADD_FAILURE() << "no exception";
-    } catch (const ZRBException& exception) {
-      EXPECT_EQ(exception.name(), "PGDBackgroundReporter configuration invalid");
-      EXPECT_EQ(exception.reason(), c.reason);
-    }
+    EXPECT_THAT([&] { fail(reporter, 443, c.uris); },
+                ZRBTestRaises("PGDBackgroundReporter configuration invalid", c.reason));
   }
 
   ZRBFileManager::defaultManager()->setTemporaryDirectory((temporary_ / "missing").string());
-  try {
-    fail(reporter, 443, std::vector{ZRBURL::URLWithString("http://127.0.0.1:9/")});
-    ADD_FAILURE() << "no exception";
-  } catch (const ZRBException& exception) {
-    EXPECT_EQ(exception.name(), "PGDBackgroundReporter runtime error");
-    EXPECT_TRUE(exception.reason().starts_with("Report cannot be saved to file: ")) << exception.reason();
-  }
+  EXPECT_THAT([&] { fail(reporter, 443, std::vector{ZRBURL::URLWithString("http://127.0.0.1:9/")}); },
+              ZRBTestRaises("PGDBackgroundReporter runtime error",
+                            testing::StartsWith("Report cannot be saved to file: ")));
 }
 
 // Two URIs: two uploads of the same file. The same failure again is limited; another port is not.

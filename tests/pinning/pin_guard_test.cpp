@@ -21,6 +21,7 @@
 #include "platform/net/url_connection.h"
 #include "platform/runtime/method_replacement.h"
 #include "platform/system/file_manager.h"
+#include "support/raises.h"
 #include "support/recording_connection_delegate.h"
 #include "support/recording_delegate.h"
 #include "support/test_connect_proxy.h"
@@ -79,14 +80,10 @@ class PinGuardTest : public ::testing::Test {
 
 TEST_F(PinGuardTest, SharedInstanceIsMadeOnceAndOnlyItMaySwizzle) {
   EXPECT_THROW(ZRB_PinGuard::initWithConfiguration(ZRBValue()), ZRBAssertionFailure);
-  try {
-    ZRB_PinGuard::initWithConfiguration(configurationFor(chain_, "example.com", true));
-    ADD_FAILURE() << "a private instance may not swizzle";
-  } catch (const ZRBException& exception) {
-    EXPECT_EQ(exception.name(), kZRB_PGDConfigurationInvalidException);
-    EXPECT_EQ(exception.reason(),
-              "Cannot use PGDSwizzleNetworkDelegates outside the PinGuard sharedInstance");
-  }
+  // A private instance may not swizzle.
+  EXPECT_THAT([&] { ZRB_PinGuard::initWithConfiguration(configurationFor(chain_, "example.com", true)); },
+              ZRBTestRaises(kZRB_PGDConfigurationInvalidException,
+                            "Cannot use PGDSwizzleNetworkDelegates outside the PinGuard sharedInstance"));
   PGDLogLines log;
   auto first = configurationFor(chain_, "example.com");
   auto shared = ZRB_PinGuard::initSharedInstanceWithConfiguration(first);
