@@ -10,7 +10,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -187,16 +186,14 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
   auto manager = Manager::manager();
   std::vector<std::string> keyPaths;  // touched on the main queue only
   manager->addChangeObserver([&keyPaths](std::string_view keyPath) { keyPaths.emplace_back(keyPath); });
-  std::mutex mutex;
-  std::vector<ZRBValue> posted;
-  bool postedOnMainQueue = true;
+  // Each notification's user info, or "off the main queue" when posted elsewhere.
+  ZRBTestInbox<ZRBValue> posted;
   auto center = ZRBNotificationCenter::defaultCenter();
-  auto observer = center->addObserver(kZRBHS_NetworkingReachabilityDidChangeNotification, ZRBValue(), nullptr,
-                                      [&](const ZRBNotificationPtr& notification) {
-                                        std::lock_guard lock(mutex);
-                                        postedOnMainQueue = postedOnMainQueue && ZRBDispatch::isMainQueue();
-                                        posted.push_back(notification->userInfo());
-                                      });
+  auto observer = center->addObserver(
+      kZRBHS_NetworkingReachabilityDidChangeNotification, ZRBValue(), nullptr,
+      [&posted](const ZRBNotificationPtr& notification) {
+        posted.put(ZRBDispatch::isMainQueue() ? notification->userInfo() : ZRBValue("off the main queue"));
+      });
   auto reports = startWithReports(manager);
 
   // No route at all.
@@ -250,14 +247,13 @@ TEST(NetworkReachabilityManagerNamespaceTest, StatusFollowsRoutesLinksAndModems)
   settle();
   center->removeObserver(observer);
   EXPECT_EQ(reports->offMainQueue, 0);
-  std::lock_guard lock(mutex);
-  EXPECT_TRUE(postedOnMainQueue);
-  ASSERT_EQ(posted.size(), reports->now().size());  // one notification per report, the same status
-  auto statuses = reports->since(0);
-  for (std::size_t i = 0; i < posted.size(); ++i) {
-    EXPECT_EQ(posted[i], ZRBValue::dictionary({{kZRBHS_NetworkingReachabilityNotificationStatusItem,
-                                                ZRBValue(static_cast<long long>(statuses[i]))}}));
+  // One notification per report, with the same status.
+  std::vector<ZRBValue> expected;
+  for (auto status : reports->since(0)) {
+    expected.push_back(ZRBValue::dictionary(
+        {{kZRBHS_NetworkingReachabilityNotificationStatusItem, ZRBValue(static_cast<long long>(status))}}));
   }
+  EXPECT_EQ(posted.now(), expected);
 }
 
 // A second start reads the flags again but leaves one registration, so one change gives one report;
