@@ -13,8 +13,10 @@ namespace {
 
 struct Base {
   int identifier = 0;
-  static Base make(int id);
-  int doubled(int factor, const std::string& label) const;
+  static Base make(int id) { return Base{id}; }
+  int doubled(int factor, const std::string& label) const {
+    return identifier * factor + static_cast<int>(label.size());
+  }
 };
 BOOST_DESCRIBE_STRUCT(Base, (), (identifier, doubled, make))
 ZRBMD_MODEL(Base);
