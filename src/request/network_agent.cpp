@@ -695,7 +695,9 @@ void ZRBRQ_NetworkAgent::deliverOnMainQueue(const ZRBRQ_BaseRequestPtr& request,
     self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
     finished = request->requestTask();
   }
-  ZRBDispatch::mainQueue()->async(
+  // Results finished together on one thread wake the main thread once, when that thread is done
+  // with them; nothing on the processing queue waits for the callbacks.
+  ZRBDispatch::mainQueue()->asyncDeferringWake(
       [self = std::move(self), request, finished, callbacks = std::move(callbacks)] {
         try {
           callbacks();

@@ -144,6 +144,8 @@ class DispatchQueueCore : public std::enable_shared_from_this<DispatchQueueCore>
 
 namespace {
 
+void releaseDeferredMainWake();
+
 // Blocks run one at a time, in submission order. The queue is owned by at most one runner at a
 // time: a drain on the pool, started by the submission that found the queue idle, or a caller of
 // sync() or runNowIfIdle(), which runs its block on its own thread. A drain gives its pool thread
@@ -227,6 +229,7 @@ class SerialCore final : public DispatchQueueCore {
       }
       scheduleDrain();
     }
+    releaseDeferredMainWake();  // the blocks before it may wait for the main queue
     ready.wait();
   }
 
@@ -292,6 +295,7 @@ class ConcurrentCore final : public DispatchQueueCore {
       auto turn = std::make_shared<std::promise<void>>();
       auto ready = turn->get_future();
       enqueue(Job{nullptr, nullptr, turn}, barrier);
+      releaseDeferredMainWake();  // the blocks before it may wait for the main queue
       ready.wait();
     }
     Finish finish{*this, barrier};
@@ -390,27 +394,24 @@ class ConcurrentCore final : public DispatchQueueCore {
 
 }  // namespace
 
+// Inline runs (runNowIfIdle) in progress on this thread, and whether a main-queue block queued by
+// asyncDeferringWake inside them still owes the main thread its wake-up.
+struct DeferredMainWake {
+  int inlineRuns = 0;
+  bool owed = false;
+};
+__attribute__((tls_model("initial-exec"))) thread_local DeferredMainWake deferredMainWake;
+
 // The main queue keeps its own list so that whoever runs it (its own thread, a host thread, a
 // host's poster) takes blocks from one place, one at a time and in order.
 class MainCore final : public DispatchQueueCore {
  public:
   MainCore() : DispatchQueueCore("com.velkit.dispatch.main", QueueKind::Main) {}
 
-  void submit(Job job, bool) override {
-    std::function<void(std::function<void()>)> poster;
-    {
-      std::lock_guard lock(mutex_);
-      blocks_.push_back(std::move(job));
-      auto mode = mode_.load();
-      if (mode == ZRBDispatch::MainQueueMode::OwnThread) {
-        startThreadLocked();
-      } else if (mode == ZRBDispatch::MainQueueMode::HostPoster) {
-        poster = poster_;
-      }
-    }
-    available_.notify_all();
-    if (poster) poster(runner());
-  }
+  void submit(Job job, bool) override { push(std::move(job), false); }
+  // The block is queued now; inside an inline run, the wake-up waits for the run's end.
+  void submitDeferringWake(Job job) { push(std::move(job), deferredMainWake.inlineRuns > 0); }
+  void wake() { available_.notify_all(); }
 
   // Main-queue code may depend on running on the main thread, so the main thread runs the block
   // and the caller waits (from the main queue itself, sync() runs the block inline before this).
@@ -498,6 +499,27 @@ class MainCore final : public DispatchQueueCore {
   }
 
  private:
+  void push(Job job, bool deferWake) {
+    std::function<void(std::function<void()>)> poster;
+    {
+      std::lock_guard lock(mutex_);
+      blocks_.push_back(std::move(job));
+      auto mode = mode_.load();
+      if (mode == ZRBDispatch::MainQueueMode::OwnThread) {
+        startThreadLocked();
+      } else if (mode == ZRBDispatch::MainQueueMode::HostPoster) {
+        poster = poster_;  // one post per block: nothing to save by waiting
+        deferWake = false;
+      }
+    }
+    if (deferWake) {
+      deferredMainWake.owed = true;
+      return;
+    }
+    available_.notify_all();
+    if (poster) poster(runner());
+  }
+
   std::function<void()> runner() {
     return [self = std::static_pointer_cast<MainCore>(shared_from_this())] { self->runOne(); };
   }
@@ -543,6 +565,24 @@ const std::shared_ptr<MainCore>& mainCore() {
 }
 
 const Frame* callerFrames() { return mainCore()->callerFrames(); }
+
+// Before this thread blocks, or when its outermost inline run ends: the main thread must not sleep
+// through blocks queued for it.
+void releaseDeferredMainWake() {
+  if (!deferredMainWake.owed) return;
+  deferredMainWake.owed = false;
+  mainCore()->wake();
+}
+
+class InlineRunScope {
+ public:
+  InlineRunScope() { ++deferredMainWake.inlineRuns; }
+  ~InlineRunScope() {
+    if (--deferredMainWake.inlineRuns == 0) releaseDeferredMainWake();
+  }
+  InlineRunScope(const InlineRunScope&) = delete;
+  InlineRunScope& operator=(const InlineRunScope&) = delete;
+};
 
 bool chainContains(const Frame* frames, const DispatchQueueCore* queue) {
   for (const Frame* f = frames; f; f = f->parent) {
@@ -608,7 +648,16 @@ void ZRBDispatchQueue::async(ZRBDispatchBlock block) const {
   core_->submit(Job{std::move(block), nullptr, nullptr}, false);
 }
 
+void ZRBDispatchQueue::asyncDeferringWake(ZRBDispatchBlock block) const {
+  if (core_->kind() != QueueKind::Main) {
+    async(std::move(block));
+    return;
+  }
+  zrb_detail::mainCore()->submitDeferringWake(Job{std::move(block), nullptr, nullptr});
+}
+
 bool ZRBDispatchQueue::runNowIfIdle(const ZRBDispatchBlock& block) const {
+  zrb_detail::InlineRunScope scope;
   return core_->runNowIfIdle(block);
 }
 
@@ -775,6 +824,7 @@ void ZRBDispatchGroup::notify(const ZRBDispatchQueuePtr& queue, ZRBDispatchBlock
 }
 
 bool ZRBDispatchGroup::wait(std::chrono::nanoseconds timeout) {
+  zrb_detail::releaseDeferredMainWake();  // what it waits for may wait for the main queue
   if (timeout > zrb_detail::kForever) {
     wait();
     return true;
@@ -784,6 +834,7 @@ bool ZRBDispatchGroup::wait(std::chrono::nanoseconds timeout) {
 }
 
 void ZRBDispatchGroup::wait() {
+  zrb_detail::releaseDeferredMainWake();  // what it waits for may wait for the main queue
   std::unique_lock lock(state_->mutex);
   state_->empty.wait(lock, [&] { return state_->count == 0; });
 }
@@ -799,6 +850,7 @@ bool ZRBDispatchSemaphore::signal() {
 }
 
 bool ZRBDispatchSemaphore::wait(std::chrono::nanoseconds timeout) {
+  zrb_detail::releaseDeferredMainWake();  // what it waits for may wait for the main queue
   if (timeout > zrb_detail::kForever) {
     wait();
     return true;
@@ -812,6 +864,7 @@ bool ZRBDispatchSemaphore::wait(std::chrono::nanoseconds timeout) {
 }
 
 void ZRBDispatchSemaphore::wait() {
+  zrb_detail::releaseDeferredMainWake();  // what it waits for may wait for the main queue
   std::unique_lock lock(mutex_);
   ++waiting_;
   available_.wait(lock, [&] { return value_ > 0; });

@@ -71,6 +71,13 @@ class ZRBDispatchQueue final : public ZRBObject {
 
   // Queues the block and returns at once.
   void async(ZRBDispatchBlock block) const;
+  // The main queue: queues the block like async(), but when the calling code runs inside
+  // runNowIfIdle (a thread that found callbacks ready and runs them itself), the main thread is
+  // woken only when the outermost such run on this thread ends, so a thread that finishes many
+  // tasks in one turn wakes it once for all of them. A blocking wait of this file (sync, groups,
+  // semaphores) wakes it first; nothing else may wait for the block before that run ends.
+  // Other queues: async().
+  void asyncDeferringWake(ZRBDispatchBlock block) const;
   // Runs the block at once on the calling thread, as a block of this queue, when this is a serial
   // queue (not the main queue) with nothing queued or running, or a concurrent queue of one's own
   // where no barrier runs or waits (beside its other blocks, as async would run it); returns

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <future>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -452,6 +454,56 @@ TEST(DispatchMainQueueTest, PosterModeKeepsMainBlocksInOrder) {
   for (auto it = runs.rbegin(); it != runs.rend(); ++it) (*it)();
   EXPECT_EQ(ran, (std::vector<int>{0, 1, 2, 3}));
   EXPECT_TRUE(insideIsMain);
+}
+
+TEST(DispatchMainQueueTest, DeferredWakesReachTheMainThreadWhenTheInlineRunEndsOrWaits) {
+  const auto& main = ZRBDispatch::mainQueue();
+  auto queue = ZRBDispatchQueue::serial("test.deferred.wake");
+  auto other = ZRBDispatchQueue::serial("test.deferred.wake.other");
+  std::mutex ranMutex;
+  std::vector<int> ran;
+  auto record = [&](int step) {
+    std::lock_guard lock(ranMutex);
+    ran.push_back(step);
+  };
+  std::promise<void> lastRan;
+  bool waitedInside = false, queueSawIt = false;
+  ASSERT_TRUE(queue->runNowIfIdle([&] {
+    // Queued now, in order with plain blocks; the wake may come later.
+    main->asyncDeferringWake([&] { record(1); });
+    main->async([&] { record(2); });
+    // A wait of this thread wakes the main thread first...
+    ZRBDispatchSemaphore inside;
+    main->asyncDeferringWake([&] { inside.signal(); });
+    waitedInside = inside.wait(kHangGuard);
+    // ...and so does a sync that must wait for a block that waits for the main queue.
+    auto seen = std::make_shared<std::promise<void>>();
+    main->asyncDeferringWake([seen] { seen->set_value(); });
+    other->async([&, ready = seen->get_future().share()] {
+      queueSawIt = ready.wait_for(kHangGuard) == std::future_status::ready;
+    });
+    other->sync([] {});
+    main->asyncDeferringWake([&] {
+      record(3);
+      lastRan.set_value();
+    });
+  }));
+  // The end of the run wakes it for the last one.
+  EXPECT_EQ(lastRan.get_future().wait_for(kHangGuard), std::future_status::ready);
+  EXPECT_TRUE(waitedInside);
+  EXPECT_TRUE(queueSawIt);
+  std::lock_guard lock(ranMutex);
+  EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(DispatchMainQueueTest, DeferringWakesOutsideAnInlineRunOrOffTheMainQueueIsAsync) {
+  for (const auto& queue : {ZRBDispatch::mainQueue(), ZRBDispatchQueue::serial("test.deferred.plain")}) {
+    std::promise<bool> ran;
+    queue->asyncDeferringWake([&] { ran.set_value(ZRBDispatch::isMainQueue()); });
+    auto result = ran.get_future();
+    ASSERT_EQ(result.wait_for(kHangGuard), std::future_status::ready) << queue->label();
+    EXPECT_EQ(result.get(), queue->isMain()) << queue->label();
+  }
 }
 
 TEST(DispatchGroupTest, NotifyRunsOnceAfterTheLastLeaveAndAtOnceWhenEmpty) {
