@@ -57,19 +57,21 @@ void observeTaskStateOnce() {
   static std::once_flag once;
   std::call_once(once, [] {
     auto center = ZRBNotificationCenter::defaultCenter();
-    center->addObserver("com.brontide.zrb_networking.nsurlsessiontask.resume", ZRBValue(), nullptr,
-                        [](const ZRBNotificationPtr& notification) {
-                          // Nobody listens: no manager to look for.
-                          static const std::string kPublic(ZRBHS_NetworkingTaskDidResumeNotification);
-                          if (!ZRBNotificationCenter::defaultCenter()->hasObservers(kPublic)) return;
-                          auto task = notification->objectAs<ZRBURLSessionTask>();
-                          if (auto manager = managerOfTask(task)) manager->taskDidResume(task);
-                        });
+    center->addObserver(
+        "com.brontide.zrb_networking.nsurlsessiontask.resume", ZRBValue(), nullptr,
+        [](const ZRBNotificationPtr& notification) {
+          // Nobody listens: no manager to look for.
+          static const ZRBNotificationCenter::ObservedName kPublic(ZRBHS_NetworkingTaskDidResumeNotification);
+          if (!kPublic.hasObservers(*ZRBNotificationCenter::defaultCenter())) return;
+          auto task = notification->objectAs<ZRBURLSessionTask>();
+          if (auto manager = managerOfTask(task)) manager->taskDidResume(task);
+        });
     center->addObserver("com.brontide.zrb_networking.nsurlsessiontask.suspend", ZRBValue(), nullptr,
                         [](const ZRBNotificationPtr& notification) {
                           // Nobody listens: no manager to look for.
-                          static const std::string kPublic(ZRBHS_NetworkingTaskDidSuspendNotification);
-                          if (!ZRBNotificationCenter::defaultCenter()->hasObservers(kPublic)) return;
+                          static const ZRBNotificationCenter::ObservedName kPublic(
+                              ZRBHS_NetworkingTaskDidSuspendNotification);
+                          if (!kPublic.hasObservers(*ZRBNotificationCenter::defaultCenter())) return;
                           auto task = notification->objectAs<ZRBURLSessionTask>();
                           if (auto manager = managerOfTask(task)) manager->taskDidSuspend(task);
                         });
@@ -437,20 +439,20 @@ void ZRBHS_URLSessionManager::removeDelegateForTask(const ZRBURLSessionTaskPtr& 
 }
 
 void ZRBHS_URLSessionManager::taskDidResume(const ZRBURLSessionTaskPtr& task) {
-  static const std::string kName(ZRBHS_NetworkingTaskDidResumeNotification);
+  static const ZRBNotificationCenter::ObservedName kName(ZRBHS_NetworkingTaskDidResumeNotification);
   if (!task || task->taskDescription() != taskDescription_) return;
   // Nobody listens: no hop to the main queue for every task.
-  if (!ZRBNotificationCenter::defaultCenter()->hasObservers(kName)) return;
+  if (!kName.hasObservers(*ZRBNotificationCenter::defaultCenter())) return;
   ZRBDispatch::mainQueue()->async([task] {
     ZRBNotificationCenter::defaultCenter()->post(ZRBHS_NetworkingTaskDidResumeNotification, ZRBValue(task));
   });
 }
 
 void ZRBHS_URLSessionManager::taskDidSuspend(const ZRBURLSessionTaskPtr& task) {
-  static const std::string kName(ZRBHS_NetworkingTaskDidSuspendNotification);
+  static const ZRBNotificationCenter::ObservedName kName(ZRBHS_NetworkingTaskDidSuspendNotification);
   if (!task || task->taskDescription() != taskDescription_) return;
   // Nobody listens: no hop to the main queue for every task.
-  if (!ZRBNotificationCenter::defaultCenter()->hasObservers(kName)) return;
+  if (!kName.hasObservers(*ZRBNotificationCenter::defaultCenter())) return;
   ZRBDispatch::mainQueue()->async([task] {
     ZRBNotificationCenter::defaultCenter()->post(ZRBHS_NetworkingTaskDidSuspendNotification, ZRBValue(task));
   });

@@ -288,8 +288,8 @@ void ZRBHS_URLSessionManagerTaskDelegate::URLSessionTaskDidCompleteWithError(con
   }
 
   // The notification's user info is made only when somebody listens for it.
-  static const std::string kCompleted(ZRBHS_NetworkingTaskDidCompleteNotification);
-  const bool notify = ZRBNotificationCenter::defaultCenter()->hasObservers(kCompleted);
+  static const ZRBNotificationCenter::ObservedName kCompleted(ZRBHS_NetworkingTaskDidCompleteNotification);
+  const bool notify = kCompleted.hasObservers(*ZRBNotificationCenter::defaultCenter());
   ZRBDictionaryBuilder userInfo;
   if (notify) {
     userInfo.reserve(4);

@@ -12,22 +12,23 @@ namespace {
 
 // The names the managers' relay observers post to, once they are registered.
 struct Relayed {
-  std::string resume;
-  std::string suspend;
+  ZRBNotificationCenter::ObservedName resume;
+  ZRBNotificationCenter::ObservedName suspend;
 };
 std::atomic<const Relayed*> relayed{nullptr};
 
-void post(const std::string& name, const std::string* relayedName, ZRBURLSessionTask& task) {
+void post(const ZRBNotificationCenter::ObservedName& name,
+          const ZRBNotificationCenter::ObservedName* relayedName, ZRBURLSessionTask& task) {
   // Nobody listens (no manager exists yet), or only the managers' relay, which would find nobody
   // to tell: nothing to make or post for every task.
   const auto& center = ZRBNotificationCenter::defaultCenter();
-  const std::size_t observers = center->observerCount(name);
+  const std::size_t observers = name.observerCount(*center);
   if (observers == 0) return;
-  if (observers == 1 && relayedName && !center->hasObservers(*relayedName)) return;
+  if (observers == 1 && relayedName && !relayedName->hasObservers(*center)) return;
   // Tasks are always held by shared pointers; one that is not (being destroyed) has no observers.
   ZRBObjectPtr object = task.weak_from_this().lock();
   if (!object) return;
-  center->post(name, ZRBValue(std::move(object)));
+  center->post(name.name(), ZRBValue(std::move(object)));
 }
 
 }  // namespace
@@ -36,7 +37,7 @@ void ZRBHS_URLSessionTaskSwizzling::ZRBHS_resume(ZRBURLSessionTask& task,
                                                  const ZRBURLSessionTaskStateSlot::Function& original) {
   ZRBURLSessionTaskState state = task.state();
   original(task);
-  static const std::string kName(ZRBHS_NSURLSessionTaskDidResumeNotification);
+  static const ZRBNotificationCenter::ObservedName kName(ZRBHS_NSURLSessionTaskDidResumeNotification);
   if (state == ZRBURLSessionTaskStateRunning) return;
   const Relayed* relay = relayed.load(std::memory_order_acquire);
   post(kName, relay ? &relay->resume : nullptr, task);
@@ -46,7 +47,7 @@ void ZRBHS_URLSessionTaskSwizzling::ZRBHS_suspend(ZRBURLSessionTask& task,
                                                   const ZRBURLSessionTaskStateSlot::Function& original) {
   ZRBURLSessionTaskState state = task.state();
   original(task);
-  static const std::string kName(ZRBHS_NSURLSessionTaskDidSuspendNotification);
+  static const ZRBNotificationCenter::ObservedName kName(ZRBHS_NSURLSessionTaskDidSuspendNotification);
   if (state == ZRBURLSessionTaskStateSuspended) return;
   const Relayed* relay = relayed.load(std::memory_order_acquire);
   post(kName, relay ? &relay->suspend : nullptr, task);
@@ -69,7 +70,8 @@ void ZRBHS_URLSessionTaskSwizzling::install() {
 
 void ZRBHS_URLSessionTaskSwizzling::relayObserved(const char* resumeRelayed, const char* suspendRelayed) {
   // Kept for the process: wrappers may read it at any time.
-  static const Relayed* names = new Relayed{resumeRelayed, suspendRelayed};
+  static const Relayed* names = new Relayed{ZRBNotificationCenter::ObservedName(resumeRelayed),
+                                            ZRBNotificationCenter::ObservedName(suspendRelayed)};
   relayed.store(names, std::memory_order_release);
 }
 

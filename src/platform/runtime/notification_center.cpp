@@ -75,6 +75,7 @@ ZRBNotificationObserverPtr ZRBNotificationCenter::addObserver(std::string_view n
     record->order = nextOrder_++;
     (record->name.empty() ? anyName_ : byName_[record->name]).push_back(record);
     observerCount_.fetch_add(1, std::memory_order_release);
+    generation_.fetch_add(1, std::memory_order_release);
   }
   return ZRBNotificationObserverPtr(new ZRBNotificationObserver(record));
 }
@@ -93,6 +94,7 @@ void ZRBNotificationCenter::removeObserver(const ZRBNotificationObserverPtr& obs
     auto remove = [&](std::vector<RecordPtr>& list) {
       auto removed = std::remove(list.begin(), list.end(), record);
       observerCount_.fetch_sub(static_cast<std::size_t>(list.end() - removed), std::memory_order_release);
+      generation_.fetch_add(1, std::memory_order_release);
       list.erase(removed, list.end());
     };
     if (record->name.empty()) {
@@ -116,6 +118,18 @@ std::size_t ZRBNotificationCenter::observerCount(const std::string& name) const 
   std::lock_guard lock(mutex_);
   auto named = byName_.find(name);
   return anyName_.size() + (named == byName_.end() ? 0 : named->second.size());
+}
+
+std::size_t ZRBNotificationCenter::ObservedName::observerCount(const ZRBNotificationCenter& center) const {
+  // The generation is read first: an answer worked out after it is at least as new as it.
+  const std::uint64_t key = center.generation_.load(std::memory_order_acquire) + 1;
+  const std::uint64_t remembered = remembered_.load(std::memory_order_acquire);
+  constexpr std::uint64_t kCountMask = (std::uint64_t{1} << kCountBits) - 1;
+  if (remembered >> kCountBits == key) return static_cast<std::size_t>(remembered & kCountMask);
+  const std::size_t count = center.observerCount(name_);
+  remembered_.store(key << kCountBits | std::min<std::uint64_t>(count, kCountMask),
+                    std::memory_order_release);
+  return count;
 }
 
 void ZRBNotificationCenter::post(std::string name, ZRBValue object, ZRBValue userInfo) {

@@ -98,6 +98,24 @@ class ZRBNotificationCenter final : public ZRBObject {
   // How many registrations would see a notification of that name (catch-all ones included).
   std::size_t observerCount(const std::string& name) const;
 
+  // observerCount() for a name asked about on every request: the count is remembered and worked
+  // out again only after observers were added or removed, so asking costs two atomic reads. Use
+  // one per name (a function-local static), always with the same center. Counts above 65535 are
+  // remembered as 65535.
+  class ObservedName {
+   public:
+    explicit ObservedName(std::string name) : name_(std::move(name)) {}
+    const std::string& name() const { return name_; }
+    std::size_t observerCount(const ZRBNotificationCenter& center) const;
+    bool hasObservers(const ZRBNotificationCenter& center) const { return observerCount(center) != 0; }
+
+   private:
+    static constexpr unsigned kCountBits = 16;
+    const std::string name_;
+    // (the center's generation + 1) << kCountBits | the count then (capped); 0 before the first.
+    mutable std::atomic<std::uint64_t> remembered_{0};
+  };
+
   void post(const ZRBNotificationPtr& notification);
   void post(std::string name, ZRBValue object = {}, ZRBValue userInfo = {});
 
@@ -112,4 +130,6 @@ class ZRBNotificationCenter final : public ZRBObject {
   // The registrations in byName_ and anyName_ (changed under mutex_): with none, asking and posting
   // take no lock.
   std::atomic<std::size_t> observerCount_{0};
+  // Counts additions and removals (changed under mutex_), for ObservedName.
+  std::atomic<std::uint64_t> generation_{0};
 };

@@ -144,3 +144,26 @@ TEST(NotificationCenterTest, ConcurrentPostsAddsAndRemovals) {
 }
 
 }  // namespace
+
+// A remembered count must follow every addition and removal, of its own name and of catch-alls.
+TEST(NotificationCenterTest, ObservedNameFollowsAdditionsAndRemovals) {
+  ZRBNotificationCenter center;
+  const ZRBNotificationCenter::ObservedName watched("watched");
+  auto add = [&](const char* name) {
+    return center.addObserver(name, {}, nullptr, [](const ZRBNotificationPtr&) {});
+  };
+  EXPECT_EQ(watched.observerCount(center), 0u);
+  auto own = add("watched");
+  auto other = add("other");
+  EXPECT_EQ(watched.observerCount(center), 1u);
+  auto catchAll = add("");
+  EXPECT_EQ(watched.observerCount(center), 2u);
+  EXPECT_EQ(watched.observerCount(center), center.observerCount("watched"));
+  center.removeObserver(own);
+  EXPECT_EQ(watched.observerCount(center), 1u);
+  center.removeObserver(catchAll);
+  EXPECT_FALSE(watched.hasObservers(center));
+  center.removeObserver(other);
+  own = add("watched");
+  EXPECT_TRUE(watched.hasObservers(center));
+}
