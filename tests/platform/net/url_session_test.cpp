@@ -157,6 +157,25 @@ TEST_F(URLSessionTest, CompletionHandlerGetsTheWholeBodyAndConfigurationHeadersA
   session->finishTasksAndInvalidate();
 }
 
+TEST_F(URLSessionTest, ResolveEntriesKeepMappingANameForTransfersOnReusedHandles) {
+  server_.respond("GET", "/named", ZRBTestResponse::text(200, "named"));
+  const std::string authority = "resolve.invalid:" + std::to_string(server_.port());
+  auto configuration = ZRBURLSessionConfiguration::ephemeralSessionConfiguration();
+  configuration->setResolveEntries({authority + ":127.0.0.1"});
+  auto session = ZRBURLSession::sessionWithConfiguration(configuration);
+  // One after another, so each transfer takes the handle the last one gave back.
+  for (int i = 0; i < 3; ++i) {
+    std::promise<std::tuple<ZRBValue, ZRBURLResponsePtr, ZRBErrorPtr>> promise;
+    session->dataTaskWithRequest(requestFor("http://" + authority + "/named"), capture(promise))->resume();
+    auto [data, response, error] = promise.get_future().get();
+    EXPECT_EQ(error, nullptr) << "transfer " << i;
+    auto bytes = data.bytes();
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size()), "named")
+        << "transfer " << i;
+  }
+  session->finishTasksAndInvalidate();
+}
+
 TEST_F(URLSessionTest, ProxiesComeFromTheEnvironmentAsItWasWhenTheSessionStarted) {
   // The test server is the proxy: it sees the absolute target. Reached directly, localhost:9 would
   // refuse the connection.

@@ -205,14 +205,17 @@ ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
     curl_easy_setopt(easy, CURLOPT_PROXY, (https ? environment.https : environment.http).c_str());
     curl_easy_setopt(easy, CURLOPT_NOPROXY, environment.noProxy.c_str());
   }
-  if (!setup.resolveEntries.empty()) {
+  // libcurl moves the entries into the DNS cache for good when a transfer starts, so a handle that
+  // set the same ones last time keeps them, without a reset for them when it is returned.
+  if (setup.resolveEntries != handle.resolveEntries) {
     curl_slist_free_all(handle.resolveList);
     handle.resolveList = nullptr;
     for (const auto& entry : setup.resolveEntries) {
       if (curl_slist* grown = curl_slist_append(handle.resolveList, entry.c_str()))
         handle.resolveList = grown;
     }
-    setExtraOption(handle, CURLOPT_RESOLVE, handle.resolveList);
+    curl_easy_setopt(easy, CURLOPT_RESOLVE, handle.resolveList);
+    handle.resolveEntries = setup.resolveEntries;
   }
   if (setup.user) {
     setExtraOption(handle, CURLOPT_USERNAME, setup.user->c_str());

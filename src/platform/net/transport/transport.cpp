@@ -181,6 +181,7 @@ void ZRBTransport::returnEasyHandle(std::unique_ptr<ZRBEasyHandle> handle) {
     handle->connectTimeout = -1;
     curl_slist_free_all(handle->resolveList);
     handle->resolveList = nullptr;
+    handle->resolveEntries.clear();
   }
   pool_.push_back(std::move(handle));
 }

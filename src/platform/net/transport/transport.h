@@ -54,8 +54,9 @@ struct ZRBEasyHandle {
   std::string headerText;
   std::vector<curl_slist> headerList;
   // The resolve list of the current transfer (libcurl reads it when the transfer starts); freed
-  // when the handle is reset.
+  // when the handle is reset. `resolveEntries` are its texts, as last set.
   curl_slist* resolveList = nullptr;
+  std::vector<std::string> resolveEntries;
 };
 
 // The proxies the environment names, read once when the transport starts (libcurl would look them
