@@ -137,10 +137,19 @@ class PinCheckDelegate final : public ZRBURLSessionDelegate {
     done_ = true;
     changed_.notify_all();
   }
+  void sessionDidBecomeInvalid(const ZRBURLSessionPtr&, ZRBErrorPtr) override {
+    std::lock_guard lock(mutex_);
+    invalid_ = true;
+    changed_.notify_all();
+  }
 
   void wait() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return done_; });
+  }
+  void waitUntilInvalid() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return invalid_; });
   }
   ZRBSecTrustPtr trust() {
     std::lock_guard lock(mutex_);
@@ -160,6 +169,7 @@ class PinCheckDelegate final : public ZRBURLSessionDelegate {
   std::mutex mutex_;
   std::condition_variable changed_;
   bool done_ = false;
+  bool invalid_ = false;
   ZRBSecTrustPtr trust_;
   std::optional<PGDTrustDecision> decision_;
   ZRBErrorPtr error_;
@@ -281,6 +291,11 @@ int orvelPinCheckCommand(OrvelArguments arguments) {
   session->dataTaskWithURL(url)->resume();
   delegate->wait();
   session->invalidateAndCancel();
+  // The session lets go of its delegate (the validator and the server's chain, OpenSSL objects) on
+  // its delegate queue right after reporting itself invalid. Once that block is over, the last
+  // references are this thread's, so they are not freed beside OpenSSL's clean-up at exit.
+  delegate->waitUntilInvalid();
+  session->delegateQueue()->sync([] {});
   observerQueue->sync([] {});
 
   std::optional<PGDTrustDecision> decision = delegate->decision();
