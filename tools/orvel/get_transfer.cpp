@@ -103,7 +103,16 @@ OrvelTransfer::~OrvelTransfer() {
   // The anchor certificates are freed here: with the manager they would go on a pool thread while
   // the exiting process cleans OpenSSL up.
   manager->setSessionDidReceiveAuthenticationChallengeBlock(nullptr);
+  // The session ends its transport thread and lets go of the manager in the delegate queue's block
+  // that reports it invalid. Waiting for that block keeps both from running on beside the exiting
+  // process's clean-up; the bound only matters if a cancelled task never completes.
+  auto invalid = std::make_shared<std::promise<void>>();
+  auto reported = invalid->get_future();
+  manager->setSessionDidBecomeInvalidBlock(
+      [invalid](const ZRBURLSessionPtr&, const ZRBErrorPtr&) { invalid->set_value(); });
   manager->invalidateSessionCancelingTasks(true);
+  if (reported.wait_for(std::chrono::seconds(5)) == std::future_status::ready)
+    manager->operationQueue()->sync([] {});
 }
 
 bool OrvelTransfer::trustRejected() const { return state_->trustRejected.load(); }

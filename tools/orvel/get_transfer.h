@@ -7,7 +7,7 @@
 //
 // The agent is made with the transfer, after the session configuration (--resolve) and any
 // pinning are in place, so that its session is covered; its session is invalidated when the
-// transfer goes.
+// transfer goes, which waits until the session has let go of its manager and transport thread.
 #pragma once
 
 #include <functional>
