@@ -9,12 +9,13 @@
 
 namespace {
 
-// Binds a text domain the first time it is used.
+// Binds a text domain the first time it is used. The record is immortal: the main queue's thread
+// may still look texts up while an exiting process runs its static destructors.
 void bindTable(const std::string& table) {
-  static std::mutex mutex;
-  static std::set<std::string> bound;
-  std::lock_guard lock(mutex);
-  if (!bound.insert(table).second) return;
+  static auto* mutex = new std::mutex;
+  static auto* bound = new std::set<std::string>;
+  std::lock_guard lock(*mutex);
+  if (!bound->insert(table).second) return;
   if (auto folder = ZRBBundle::libraryBundle()->localePath())
     ::bindtextdomain(table.c_str(), folder->c_str());
   ::bind_textdomain_codeset(table.c_str(), "UTF-8");
