@@ -17,6 +17,7 @@
 
 #include "commands.h"
 #include "http/network_reachability_manager.h"
+#include "platform/runtime/dispatch.h"
 
 namespace {
 
@@ -110,6 +111,8 @@ int watch(const ZRBHS_NetworkReachabilityManagerPtr& manager) {
   int received = 0;
   sigwait(&stop, &received);
   manager->stopMonitoring();
+  // A report already queued still prints; the program ends only after it, not beside it.
+  ZRBDispatch::mainQueue()->sync([] {});
   return 0;
 }
 
