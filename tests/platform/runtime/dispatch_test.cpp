@@ -31,6 +31,16 @@ bool waitUntil(Predicate predicate) {
   return true;
 }
 
+// Gives the queue a block that holds on until `release` is signalled; returns once it runs.
+bool occupy(const ZRBDispatchQueue& queue, ZRBDispatchSemaphore& release) {
+  auto running = std::make_shared<std::atomic<bool>>(false);
+  queue.async([running, &release] {
+    *running = true;
+    release.wait(kHangGuard);
+  });
+  return waitUntil([&] { return running->load(); });
+}
+
 // Restores the default main-queue mode whatever a test did.
 struct OwnMainThreadAgain {
   ~OwnMainThreadAgain() { ZRBDispatch::useOwnMainThread(); }
@@ -79,12 +89,7 @@ TEST(DispatchQueueTest, RunNowIfIdleTakesAnIdleSerialQueueAndKeepsItsOrder) {
 
   // A busy queue is not taken, nor is the main queue.
   ZRBDispatchSemaphore release;
-  std::atomic<bool> running{false};
-  queue->async([&] {
-    running = true;
-    release.wait(kHangGuard);
-  });
-  ASSERT_TRUE(waitUntil([&] { return running.load(); }));
+  ASSERT_TRUE(occupy(*queue, release));
   EXPECT_FALSE(queue->runNowIfIdle([] {}));
   release.signal();
   queue->sync([] {});  // the block is done with `release` before the test ends
@@ -95,12 +100,7 @@ TEST(DispatchQueueTest, RunNowIfIdleJoinsAConcurrentQueueUnlessABarrierRunsOrWai
   auto queue = ZRBDispatchQueue::concurrent("test.concurrent.now");
   // Beside a running block, as a block of the queue.
   ZRBDispatchSemaphore release;
-  std::atomic<bool> running{false};
-  queue->async([&] {
-    running = true;
-    release.wait(kHangGuard);
-  });
-  ASSERT_TRUE(waitUntil([&] { return running.load(); }));
+  ASSERT_TRUE(occupy(*queue, release));
   std::string label;
   ASSERT_TRUE(queue->runNowIfIdle([&] { label = ZRBDispatch::currentQueueLabel(); }));
   EXPECT_EQ(label, "test.concurrent.now");
