@@ -4,10 +4,18 @@
 # The "json" cases are the third side: GETs of a 200-byte JSON body through ZRBHS_HTTPSessionManager
 # (JSON response serializer, completion queue) against libcurl parsing each body with the same JSON
 # library; in those rows "ours" is the session manager.
-# The "agent" cases run the json GETs as request objects through the network agent; over HTTPS they
-# go to a pinned name (bench.example.com, resolved to 127.0.0.1) with the agent's own pinning on
-# and a warm hash cache. Their baseline is the json case's, and an "extra CPU" row gives the
-# agent's CPU per request over the session manager's (the json row's "ours") in microseconds.
+# The "agent" cases run the json GETs as request objects through the network agent; over HTTPS
+# with the agent's own pinning on and a warm hash cache. Their baseline is the json case's, and an
+# "extra CPU" row gives the agent's CPU per request over the session manager's (the json row's
+# "ours") in microseconds.
+# Every side of a case sends the same request, byte for byte; one probe request per side checks it
+# (nginx logs their lengths) and a mismatch stops the run. In the json and agent cases that request
+# is the one the session manager and the agent really send: their request serializer's default
+# fields (Accept-Language, and a User-Agent made from an information map this script writes, so
+# that both programs have the same one), which transport_manager prints and the baseline sends as
+# plain header lines, then the transport's Accept-Encoding. So our cost of those fields shows
+# against libcurl's cost of sending the same lines. Over HTTPS the three sides all ask for the
+# pinned name (bench.example.com, resolved to 127.0.0.1), so that their Host fields agree too.
 # The "pinned" cases are HTTPS GETs to the pinned name through the shared pin guard's delegate
 # proxy with a warm hash cache, against the same session program without pinning: in those rows
 # "curl" is the unpinned session. Notes give the handshakes (server-trust decisions) each side
@@ -98,6 +106,16 @@ cat >"$pki/pinning.json" <<EOF
   "PGDPublicKeyHashes": ["$server_pin", "$(head -c 32 /dev/zero | base64)"],
   "PGDAdditionalTrustAnchors": ["$ca_json"], "PGDDisableDefaultReportUri": true}}}
 EOF
+
+# The main bundle's information map of our json sides: their default User-Agent comes from it.
+cat >"$work/Info.plist" <<EOF
+<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><dict>
+<key>CFBundleExecutable</key><string>transport_bench</string>
+<key>CFBundleShortVersionString</key><string>1.0</string>
+</dict></plist>
+EOF
+export ORVELKIT_INFO_PLIST="$work/Info.plist"
 
 # ---- content: the big file is sparse, so it costs neither disk nor time to make ----
 mkdir -p "$work/www" "$work/logs" "$work/out"
@@ -214,7 +232,17 @@ fi
 
 http_url="http://127.0.0.1:$http_port"
 https_url="https://127.0.0.1:$https_port"
+pinned_url="https://bench.example.com:$https_port"
 pinned_resolve="bench.example.com:$https_port:127.0.0.1"
+
+# The json sides' default header fields, for the baseline to send as well.
+header_lines=""
+if [ -n "$manager_program" ]; then
+  if ! header_lines="$("$manager_program" header-lines)"; then
+    echo "transport bench: $manager_program header-lines failed" >&2
+    exit 1
+  fi
+fi
 
 # ---- measuring ----
 # value KEY LINE: the number after KEY= in a report line.
@@ -265,8 +293,8 @@ check_download() {
   fi
 }
 
-# measure_json ROUNDS ARGS...: as measure, for the json cases: the baseline against the manager.
-# With WITH_AGENT=1 the agent runs too, into agent_lines (at AGENT_URL when that is set).
+# measure_json ROUNDS ARGS...: as measure, for the json cases: the baseline (sending the json
+# sides' header lines) against the manager, and with WITH_AGENT=1 the agent too, into agent_lines.
 measure_json() {
   local rounds="$1" side
   shift
@@ -276,18 +304,25 @@ measure_json() {
   for _ in $(seq "$rounds"); do
     for side in curl manager agent; do
       case "$side" in
-        curl) baseline_lines+=("$(run "$baseline_program" "$@")") ;;
-        manager) our_lines+=("$(run "$manager_program" "$@")") ;;
-        agent)
-          if [ "${WITH_AGENT:-0}" = 1 ]; then
-            # The same arguments but for the URL, which is AGENT_URL when set.
-            agent_lines+=("$(run env "BENCH_RESOLVE=$pinned_resolve" "XDG_CACHE_HOME=$work/cache" \
-              "$agent_program" "$1" "${AGENT_URL:-$2}" "${@:3}")")
-          fi
-          ;;
+        curl) baseline_lines+=("$(run_json "$baseline_program" "$@")") ;;
+        manager) our_lines+=("$(run_json "$manager_program" "$@")") ;;
+        agent) if [ "${WITH_AGENT:-0}" = 1 ]; then agent_lines+=("$(run_json "$agent_program" "$@")"); fi ;;
       esac
     done
   done
+}
+
+# run_json PROGRAM ARGS...: run for a json side, with what every json side gets: the header lines
+# (only the baseline reads them), the pinned name's address and the agent's hash cache.
+run_json() {
+  local program="$1"
+  shift
+  if [ -z "$program" ]; then
+    echo "absent"
+    return
+  fi
+  run env "BENCH_HEADER_LINES=$header_lines" "BENCH_RESOLVE=$pinned_resolve" "XDG_CACHE_HOME=$work/cache" \
+    "$program" "$@"
 }
 
 # measure ROUNDS CHECK ARGS...: runs the baseline and ours ROUNDS times each, alternating so that
@@ -348,20 +383,39 @@ same_protocol() {
   fi
 }
 
-# same_request CASE BASE CA...: one request of each side to /probe, whose length nginx logs; notes
-# a case where the two sides sent requests of different lengths.
+# same_request CASE BASE CA...: one request of each side to /probe (/probe.json for the json
+# sides), whose length nginx logs; a case whose sides send requests of different lengths stops the
+# run, as its figures would compare different work.
 same_request() {
-  local name="$1" base="$2" lengths program="$our_program" mode=requests path=probe
+  local name="$1" base="$2" lengths expected=0 program
   shift 2
-  if [ "${name% json}" != "$name" ]; then program="$manager_program" mode=json-requests path=probe.json; fi
-  [ -n "$program" ] || return 0
   : >"$work/logs/probe.log"
-  run "$baseline_program" "$mode" "$base/$path" 1 1 "$@" >/dev/null
-  run "$program" "$mode" "$base/$path" 1 1 "$@" >/dev/null
+  if [ "${name% json}" != "$name" ]; then
+    for program in "$baseline_program" "$manager_program" "$agent_program"; do
+      [ -n "$program" ] || continue
+      expected=$((expected + 1))
+      run_json "$program" json-requests "$base/probe.json" 1 1 "$@" >/dev/null
+    done
+  else
+    [ -n "$our_program" ] || return 0
+    expected=2
+    run "$baseline_program" requests "$base/probe" 1 1 "$@" >/dev/null
+    run "$our_program" requests "$base/probe" 1 1 "$@" >/dev/null
+  fi
+  [ "$expected" -ge 2 ] || return 0
+  # A log line may come a moment after the client has its answer.
+  for _ in $(seq 100); do
+    [ "$(wc -l <"$work/logs/probe.log")" -lt "$expected" ] || break
+    sleep 0.05
+  done
   lengths="$(tr '\n' ' ' <"$work/logs/probe.log")"
-  # shellcheck disable=SC2086 # two numbers
+  # shellcheck disable=SC2086 # numbers
   set -- $lengths
-  if [ "$#" -ne 2 ] || [ "$1" != "$2" ]; then notes+=("$name: request lengths differ (curl, ours: ${lengths:-none})"); fi
+  if [ "$#" -ne "$expected" ] || [ "$(printf '%s\n' "$@" | sort -u | wc -l)" -ne 1 ]; then
+    echo "transport bench: $name: the sides sent different requests (lengths, curl first:" \
+      "${lengths:-none})" >&2
+    exit 1
+  fi
 }
 
 rows=()
@@ -386,13 +440,13 @@ for scheme in http https; do
     row "$scheme c=$c" "CPU us/request" "$(best cpu_us_per_request min "${baseline_lines[@]}")" \
       "$(best cpu_us_per_request min "${our_lines[@]}")" lower 1.2
   done
-  same_request "$scheme json" "$base" "${ca[@]}"
+  json_base="$base"
+  if [ "$scheme" = https ]; then json_base="$pinned_url"; fi
+  same_request "$scheme json" "$json_base" "${ca[@]}"
   for c in $concurrency; do
     WITH_AGENT=0
     if [ -n "$agent_program" ]; then WITH_AGENT=1; fi
-    AGENT_URL=""
-    if [ "$scheme" = https ]; then AGENT_URL="https://bench.example.com:$https_port/small.json"; fi
-    measure_json "$request_rounds" json-requests "$base/small.json" "$requests" "$c" "${ca[@]}"
+    measure_json "$request_rounds" json-requests "$json_base/small.json" "$requests" "$c" "${ca[@]}"
     same_protocol "$scheme c=$c json"
     row "$scheme c=$c json" "requests/s" "$(best requests_per_s max "${baseline_lines[@]}")" \
       "$(best requests_per_s max "${our_lines[@]}")" higher 0.9

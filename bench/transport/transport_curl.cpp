@@ -4,19 +4,25 @@
 //
 // The same work includes the same request: the session sends a User-Agent and an Accept-Encoding
 // field and decodes what the server compresses, so this program does too, with the cheapest means
-// libcurl offers (fixed header lines, formatted once). run.sh checks that both requests have the
-// same length.
+// libcurl offers (fixed header lines, formatted once). The session manager and the agent also send
+// their request serializer's default fields; run.sh hands those to this program in
+// BENCH_HEADER_LINES, and checks that every side's request has the same length.
+// BENCH_RESOLVE ("HOST:PORT:ADDRESS") lets a name that the other sides use reach the server.
 //
 // See run.sh for the server and the cases; measure.h for the command line and the report.
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <simdjson.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "measure.h"
@@ -30,13 +36,35 @@ namespace {
 #define ORVELKIT_VERSION_STRING "0"
 #endif
 
-// The header lines the session adds to a request that has none of its own.
-curl_slist* sessionHeaderLines() {
+// The header lines of every request: those of BENCH_HEADER_LINES (one per line, in libcurl's
+// notation) first, as a request's own fields come before the ones the session adds; then the
+// session's User-Agent unless such a line gave one, and its Accept-Encoding.
+curl_slist* requestHeaderLines() {
   static curl_slist* lines = [] {
-    curl_slist* list = curl_slist_append(nullptr, "User-Agent: ORVELKIT/" ORVELKIT_VERSION_STRING);
+    curl_slist* list = nullptr;
+    bool userAgent = false;
+    const char* extra = std::getenv("BENCH_HEADER_LINES");
+    for (std::string_view rest = extra ? extra : ""; !rest.empty();) {
+      const std::string line(rest.substr(0, rest.find('\n')));
+      rest.remove_prefix(std::min(rest.size(), line.size() + 1));
+      if (line.empty()) continue;
+      userAgent = userAgent || ::strncasecmp(line.c_str(), "User-Agent:", 11) == 0 ||
+                  ::strncasecmp(line.c_str(), "User-Agent;", 11) == 0;
+      list = curl_slist_append(list, line.c_str());
+    }
+    if (!userAgent) list = curl_slist_append(list, "User-Agent: ORVELKIT/" ORVELKIT_VERSION_STRING);
     return curl_slist_append(list, "Accept-Encoding: gzip, deflate, br");
   }();
   return lines;
+}
+
+// The entries of BENCH_RESOLVE, made once.
+curl_slist* resolveEntries() {
+  static curl_slist* entries = [] {
+    const char* resolve = std::getenv("BENCH_RESOLVE");
+    return resolve && *resolve ? curl_slist_append(nullptr, resolve) : nullptr;
+  }();
+  return entries;
 }
 
 struct Transfer {
@@ -109,7 +137,8 @@ CURL* makeEasy(const Options& options, Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
   // Decoding on, as in the session; the Accept-Encoding line itself is one of the header lines.
   curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, sessionHeaderLines());
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, requestHeaderLines());
+  if (curl_slist* entries = resolveEntries()) curl_easy_setopt(easy, CURLOPT_RESOLVE, entries);
   transfer.easy = easy;
   return easy;
 }

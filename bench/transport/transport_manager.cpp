@@ -4,10 +4,13 @@
 // the next GET starts. Server trust over HTTPS is judged by the session-level challenge hook against
 // the benchmark's own CA.
 //
-// The request serializer's default Accept-Language and User-Agent fields are cleared, so the
-// request is the one the other two sides send (run.sh compares their lengths).
+// The request carries the request serializer's default fields (Accept-Language, User-Agent), as
+// every request of the manager does. "transport_manager header-lines" prints them in libcurl's
+// notation, for the baseline to send the same (run.sh compares the requests' lengths).
+// BENCH_RESOLVE ("HOST:PORT:ADDRESS") lets a name reach the server, as for the agent.
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -81,9 +84,23 @@ class Run {
   transport_bench::Outcome outcome_;
 };
 
+// The default header fields of a fresh request serializer, one libcurl header line each ("Name;"
+// for an empty value, as the transport sends it).
+void printHeaderLines() {
+  const ZRBValue fields = ZRBHS_HTTPRequestSerializer::serializer()->HTTPRequestHeaders();
+  for (const auto& [name, value] : fields.entries()) {
+    const std::string text = value.string();
+    std::printf("%s%s%s\n", name.string().c_str(), text.empty() ? ";" : ": ", text.c_str());
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::string(argv[1]) == "header-lines") {
+    printHeaderLines();
+    return 0;
+  }
   const Options options = transport_bench::parseOptions(argc, argv);
   if (options.mode != Options::Mode::JSONRequests && options.mode != Options::Mode::Requests)
     transport_bench::fail("transport_manager runs the request cases only");
@@ -91,10 +108,10 @@ int main(int argc, char** argv) {
   ZRBURLSessionConfigurationPtr configuration = ZRBURLSessionConfiguration::ephemeralSessionConfiguration();
   configuration->setHTTPMaximumConnectionsPerHost(options.concurrency);
   configuration->setHTTPShouldSetCookies(false);
+  if (const char* resolve = std::getenv("BENCH_RESOLVE"); resolve && *resolve) {
+    configuration->setResolveEntries({resolve});
+  }
   auto manager = ZRBHS_HTTPSessionManager::initWithSessionConfiguration(configuration);
-  auto serializer = manager->requestSerializer();
-  serializer->setValueForHTTPHeaderField(std::nullopt, "Accept-Language");
-  serializer->setValueForHTTPHeaderField(std::nullopt, "User-Agent");
   auto completionQueue = ZRBDispatchQueue::serial("orvelkit.bench.transport.completion");
   manager->setCompletionQueue(completionQueue);
 
