@@ -13,9 +13,11 @@
 
 namespace {
 
-ZRBURLSessionPtr makeSession(const std::shared_ptr<RecordingDelegate>& delegate, double timeout = 60) {
+ZRBURLSessionPtr makeSession(const std::shared_ptr<RecordingDelegate>& delegate, double timeout = 60,
+                             long connectionsPerHost = 6) {
   auto configuration = ZRBURLSessionConfiguration::ephemeralSessionConfiguration();
   configuration->setTimeoutIntervalForRequest(timeout);
+  configuration->setHTTPMaximumConnectionsPerHost(connectionsPerHost);
   return ZRBURLSession::sessionWithConfiguration(configuration, delegate, nullptr);
 }
 
@@ -199,10 +201,13 @@ TEST(URLSessionFaultTest, SuspendReallyPausesAndResumeCarriesOnUnderLoad) {
   constexpr std::uint64_t kSize = 4 << 20;
   server.respond("GET", "/stream", ZRBTestResponse::generated(kSize));
   auto delegate = std::make_shared<RecordingDelegate>();
-  // A short idle timeout: time spent suspended must not count.
-  auto session = makeSession(delegate, 1);
+  // A short idle timeout: time spent suspended must not count. Every task gets a connection of its
+  // own, since a task queued for a free one spends that wait as idle time, and on a loaded machine
+  // the others' 4 MB can take longer than the timeout.
+  constexpr int kTasks = 8;
+  auto session = makeSession(delegate, 1, kTasks);
   std::vector<ZRBURLSessionTaskPtr> tasks;
-  for (int i = 0; i < 8; ++i) {
+  for (int i = 0; i < kTasks; ++i) {
     tasks.push_back(session->dataTaskWithRequest(requestFor(server.url("/stream"))));
     tasks.back()->resume();
   }
@@ -231,7 +236,7 @@ TEST(URLSessionFaultTest, SuspendReallyPausesAndResumeCarriesOnUnderLoad) {
     for (auto& task : tasks) task->resume();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  ASSERT_TRUE(delegate->waitForCompletions(8, std::chrono::seconds(60)));
+  ASSERT_TRUE(delegate->waitForCompletions(kTasks, std::chrono::seconds(60)));
   std::string expected = ZRBTestPatternBytes(0, kSize);
   for (auto& task : tasks) {
     auto completion = delegate->completion(task);
