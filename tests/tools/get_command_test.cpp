@@ -467,12 +467,15 @@ TEST_F(OrvelGetResumeRun, AnErrorStatusOnResumeKeepsWhatThereIs) {
   EXPECT_FALSE(std::filesystem::exists(output_));
   EXPECT_TRUE(std::filesystem::exists(output_ + ".orvel-resume"));
 
-  // Once the server is back, the next -C completes the file (from the resume data while the
-  // session still has its partial file, else from the start).
+  // Once the server is back, the next -C asks for the rest only and completes the file.
   server_.serveRanges("/cut.bin", {.body = ZRBTestBodySource::pattern(kSize), .etag = std::string("\"v1\"")});
   run = orvelGet({"-C", "-o", output_, server_.url("/cut.bin")});
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(ZRBTestSHA256Hex(ZRBTestReadFile(output_)), ZRBTestPatternSHA256(0, kSize));
+  auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 3u);
+  EXPECT_EQ(requests[2].header("Range"), "bytes=700000-");
+  EXPECT_EQ(requests[2].header("If-Range"), "\"v1\"");
 }
 
 TEST_F(OrvelGetResumeRun, APartialFileWithoutResumeDataIsContinuedWithRange) {

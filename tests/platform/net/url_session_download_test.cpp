@@ -21,13 +21,13 @@ class URLSessionDownloadTest : public ::testing::Test {
  protected:
   void SetUp() override {
     server_.start();
-    ZRBTestRangeOptions options;
-    options.body = ZRBTestBodySource::pattern(kSize);
-    options.etag = "\"v1\"";
-    options.shape.bytesPerSecond = 8 << 20;  // slow enough to be cancelled halfway
-    server_.serveRanges("/file", options);
-    options.ignoreRange = true;
-    server_.serveRanges("/stubborn", options);
+    file_.body = ZRBTestBodySource::pattern(kSize);
+    file_.etag = "\"v1\"";
+    file_.shape.bytesPerSecond = 8 << 20;  // slow enough to be cancelled halfway
+    server_.serveRanges("/file", file_);
+    ZRBTestRangeOptions stubborn = file_;
+    stubborn.ignoreRange = true;
+    server_.serveRanges("/stubborn", stubborn);
     delegate_->onDownloaded = [this](const ZRBURLSessionDownloadTaskPtr&, const ZRBURLPtr& location) {
       std::lock_guard lock(mutex_);
       location_ = location->path();
@@ -57,6 +57,7 @@ class URLSessionDownloadTest : public ::testing::Test {
   }
 
   ZRBTestServer server_;
+  ZRBTestRangeOptions file_;
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
   ZRBURLSessionPtr session_;
   std::mutex mutex_;
@@ -83,9 +84,19 @@ TEST_F(URLSessionDownloadTest, FileIsHandedOverThenRemoved) {
 TEST_F(URLSessionDownloadTest, CancelledDownloadResumesWithARange) {
   ZRBValue resumeData = cancelHalfway("/file");
   ASSERT_TRUE(resumeData.isData());
+  // An error answer is handed over as it is and leaves the partial file for the next try.
+  server_.respond("GET", "/file", ZRBTestResponse::text(503, "try later"));
+  auto refused = session_->downloadTaskWithResumeData(resumeData);
+  refused->resume();
+  ASSERT_TRUE(delegate_->waitForCompletions(2));
+  {
+    std::lock_guard lock(mutex_);
+    EXPECT_EQ(contents_, "try later");
+  }
+  server_.serveRanges("/file", file_);
   auto task = session_->downloadTaskWithResumeData(resumeData);
   task->resume();
-  ASSERT_TRUE(delegate_->waitForCompletions(2));
+  ASSERT_TRUE(delegate_->waitForCompletions(3));
   EXPECT_EQ(delegate_->completion(task).error, nullptr);
   auto last = server_.requests().back();
   ASSERT_TRUE(last.header("Range"));

@@ -566,11 +566,15 @@ bool ZRBURLSessionTaskDriver::consumeBody(const char* data, std::size_t length) 
 
 bool ZRBURLSessionTaskDriver::openDownloadFile(const ZRBHTTPURLResponse& response) {
   std::int64_t offset = 0;
+  // An error answer is not the resource: its body goes to a file of its own, and the partial file
+  // stays as the resume data describe it, for a later try.
+  long status = response.statusCode();
+  if (resumeInfo_ && (status < 200 || status >= 300)) resumeInfo_.reset();
   if (resumeInfo_) {
     auto start = contentRangeStart(response.valueForHTTPHeaderField("Content-Range"));
-    if (response.statusCode() == 206 && start && *start == resumeInfo_->bytesReceived) {
+    if (status == 206 && start && *start == resumeInfo_->bytesReceived) {
       offset = *start;
-    } else if (response.statusCode() == 206) {
+    } else if (status == 206) {
       abortError_ = ZRBTransportError(ZRBURLErrorBadServerResponse, currentURL());
       return false;
     }
