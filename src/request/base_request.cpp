@@ -30,8 +30,6 @@ ZRBRQ_FIELD(ZRBRQ_BaseRequest::CompletionBlock, successCompletionBlock, setSucce
             successCompletionBlock_)
 ZRBRQ_FIELD(ZRBRQ_BaseRequest::CompletionBlock, failureCompletionBlock, setFailureCompletionBlock,
             failureCompletionBlock_)
-ZRBRQ_FIELD(std::optional<std::vector<ZRBRQ_RequestAccessoryPtr>>, requestAccessories, setRequestAccessories,
-            requestAccessories_)
 ZRBRQ_FIELD(ZRBRQ_BaseRequest::ConstructingBodyBlock, constructingBodyBlock, setConstructingBodyBlock,
             constructingBodyBlock_)
 ZRBRQ_FIELD(std::optional<std::string>, resumableDownloadPath, setResumableDownloadPath,
@@ -44,6 +42,27 @@ ZRBRQ_FIELD(std::optional<ZRBRQ_BaseRequest::HeaderMap>, requestHeaderDictionary
             requestHeaderDictionary_)
 
 #undef ZRBRQ_FIELD
+
+std::optional<std::vector<ZRBRQ_RequestAccessoryPtr>> ZRBRQ_BaseRequest::requestAccessories() const {
+  std::lock_guard lock(mutex_);
+  return requestAccessories_;
+}
+
+void ZRBRQ_BaseRequest::setRequestAccessories(
+    std::optional<std::vector<ZRBRQ_RequestAccessoryPtr>> accessories) {
+  std::lock_guard lock(mutex_);
+  requestAccessories_ = std::move(accessories);
+  hasAccessories_.store(requestAccessories_ && !requestAccessories_->empty(), std::memory_order_release);
+}
+
+void ZRBRQ_BaseRequest::setResponseFields(ZRBValue data, std::optional<std::string> string, ZRBValue object,
+                                          const ZRBValue* json) {
+  std::lock_guard lock(mutex_);
+  responseData_ = std::move(data);
+  responseString_ = std::move(string);
+  if (json) responseJSONObject_ = *json;
+  responseObject_ = std::move(object);
+}
 
 std::shared_ptr<ZRBRQ_RequestDelegate> ZRBRQ_BaseRequest::delegate() const {
   std::lock_guard lock(mutex_);
@@ -137,10 +156,12 @@ void ZRBRQ_BaseRequest::addAccessory(ZRBRQ_RequestAccessoryPtr accessory) {
   std::lock_guard lock(mutex_);
   if (!requestAccessories_) requestAccessories_.emplace();
   requestAccessories_->push_back(std::move(accessory));
+  hasAccessories_.store(true, std::memory_order_release);
 }
 
 void ZRBRQ_BaseRequest::forEachAccessory(
     void (ZRBRQ_RequestAccessory::*operation)(const ZRBRQ_BaseRequestPtr&)) {
+  if (!hasAccessories_.load(std::memory_order_acquire)) return;
   const auto accessories = requestAccessories();
   if (!accessories) return;
   const auto request = self();

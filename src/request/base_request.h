@@ -23,6 +23,7 @@
 // and write them from their threads.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -214,6 +215,11 @@ class ZRBRQ_BaseRequest : public ZRBObject {
   std::string description() const override;
 
  private:
+  friend class ZRBRQ_NetworkAgent;
+  // The response fields of one result in one hold of the lock; `json` null leaves
+  // responseJSONObject as it is.
+  void setResponseFields(ZRBValue data, std::optional<std::string> string, ZRBValue object,
+                         const ZRBValue* json);
   // Calls `operation` on every accessory, in insertion order, outside the lock.
   void forEachAccessory(void (ZRBRQ_RequestAccessory::*operation)(const ZRBRQ_BaseRequestPtr&));
 
@@ -230,6 +236,8 @@ class ZRBRQ_BaseRequest : public ZRBObject {
   CompletionBlock successCompletionBlock_;
   CompletionBlock failureCompletionBlock_;
   std::optional<std::vector<ZRBRQ_RequestAccessoryPtr>> requestAccessories_;
+  // Whether requestAccessories_ holds any, so that requests without accessories skip the lock.
+  std::atomic<bool> hasAccessories_{false};
   ConstructingBodyBlock constructingBodyBlock_;
   std::optional<std::string> resumableDownloadPath_;
   ProgressBlock resumableDownloadProgressBlock_;

@@ -41,9 +41,11 @@ float taskPriority(ZRBRQ_RequestPriority priority) {
   }
 }
 
-std::optional<std::string> decodeBody(const ZRBValue& data, const ZRBRQ_BaseRequestPtr& request) {
+// `response`: the request's task's response, whose HTTP text encoding names the body's charset.
+std::optional<std::string> decodeBody(const ZRBValue& data, const ZRBURLResponsePtr& response) {
   const auto bytes = data.bytes();
-  return ZRBStringFromBytes(bytes, ZRBRQ_NetworkUtils::stringEncodingWithResponse(request->response()));
+  const auto http = std::dynamic_pointer_cast<const ZRBHTTPURLResponse>(response);
+  return ZRBStringFromBytes(bytes, ZRBRQ_NetworkUtils::stringEncodingWithResponse(http));
 }
 
 // The session layer completes a download whose file could not be moved into place as a success and
@@ -133,6 +135,9 @@ ZRBURLPtr resolutionBase(const std::string& base) {
 
 // Requests that share a serializer: more distinct combinations get their own each time.
 constexpr std::size_t kMaxSharedSerializers = 16;
+
+// Table entries kept for reuse once their requests are done.
+constexpr std::size_t kMaxSpareRecords = 64;
 
 }  // namespace
 
@@ -358,7 +363,6 @@ ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::sessionTaskForRequest(const ZRBRQ_BaseR
   const ZRBRQ_RequestMethod method = request->requestMethod();
   const std::string url = buildRequestUrl(request);
   const ZRBValue parameters = request->requestArgument();
-  auto block = request->constructingBodyBlock();
   auto serializer = taskSerializerForRequest(request);
   // Without a serializer no URL request can be made.
   if (!serializer) return nullptr;
@@ -369,7 +373,9 @@ ZRBURLSessionTaskPtr ZRBRQ_NetworkAgent::sessionTaskForRequest(const ZRBRQ_BaseR
                             error);
       }
       return dataTask("GET", serializer, url, parameters, nullptr, error);
-    case ZRBRQ_RequestMethodPOST: return dataTask("POST", serializer, url, parameters, block, error);
+    case ZRBRQ_RequestMethodPOST:
+      // Only POST ever sends the body callback.
+      return dataTask("POST", serializer, url, parameters, request->constructingBodyBlock(), error);
     case ZRBRQ_RequestMethodHEAD:
     case ZRBRQ_RequestMethodPUT:
     case ZRBRQ_RequestMethodDELETE:
@@ -499,34 +505,44 @@ void ZRBRQ_NetworkAgent::addRequest(const ZRBRQ_BaseRequestPtr& request) {
   ZRBAssertNamed(request != nullptr, "request != nil");
   if (!request) return;
   ZRBErrorPtr error;
+  ZRBURLSessionTaskPtr task;
   if (auto custom = request->buildCustomUrlRequest()) {
     auto pending = pendingTask();
-    auto task = manager()->dataTaskWithRequest(custom, completionFor(pending));
+    task = manager()->dataTaskWithRequest(custom, completionFor(pending));
     if (task) pending->identifier = task->taskIdentifier();
-    request->setRequestTask(task);
   } else {
-    request->setRequestTask(sessionTaskForRequest(request, &error));
+    task = sessionTaskForRequest(request, &error);
   }
+  request->setRequestTask(task);
   if (error) {
     // Not in the table yet: no clean-up on this path.
-    requestDidFailWithRequest(request, error, false);
+    requestDidFailWithRequest(request, error, nullptr);
     return;
   }
-  const auto task = request->requestTask();
   ZRBAssertNamed(task != nullptr, "requestTask should not be nil");
   if (!task) return;
   task->setPriority(taskPriority(request->requestPriority()));
   request->toggleAccessoriesWillStartCallBack();
   ZRBNetworkLog("ZRBNetwork Add request:  %@", request);  // described only when logged
-  addRequestToRecord(request);
+  addRequestToRecord(request, task);
   task->resume();
 }
 
-void ZRBRQ_NetworkAgent::addRequestToRecord(const ZRBRQ_BaseRequestPtr& request) {
-  const auto task = request->requestTask();
+void ZRBRQ_NetworkAgent::addRequestToRecord(const ZRBRQ_BaseRequestPtr& request,
+                                            const ZRBURLSessionTaskPtr& task) {
   if (!task) return;
+  const unsigned long identifier = task->taskIdentifier();
   std::lock_guard lock(lock_);
-  requestsRecord_[task->taskIdentifier()] = request;
+  if (spareRecords_.empty()) {
+    requestsRecord_[identifier] = Record{request, task};
+    return;
+  }
+  RecordTable::node_type node = std::move(spareRecords_.back());
+  spareRecords_.pop_back();
+  node.key() = identifier;
+  node.mapped() = Record{request, task};
+  auto inserted = requestsRecord_.insert(std::move(node));
+  if (!inserted.inserted) inserted.position->second = std::move(inserted.node.mapped());
 }
 
 void ZRBRQ_NetworkAgent::removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request) {
@@ -535,13 +551,15 @@ void ZRBRQ_NetworkAgent::removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& req
 
 void ZRBRQ_NetworkAgent::removeRecordOfTask(const ZRBRQ_BaseRequestPtr& request,
                                             const ZRBURLSessionTaskPtr& task) {
-  ZRBRQ_BaseRequestPtr removed;  // released outside the lock
+  Record removed;  // released outside the lock
   std::lock_guard lock(lock_);
   if (task) {
     auto found = requestsRecord_.find(task->taskIdentifier());
-    if (found != requestsRecord_.end() && found->second == request) {
-      removed = std::move(found->second);
-      requestsRecord_.erase(found);
+    if (found != requestsRecord_.end() && found->second.request == request) {
+      RecordTable::node_type node = requestsRecord_.extract(found);
+      removed = std::move(node.mapped());
+      // As many spares as requests usually run at once; beyond that entries are freed.
+      if (spareRecords_.size() < kMaxSpareRecords) spareRecords_.push_back(std::move(node));
     }
   }
   ZRBNetworkLog("Request queue size = %lu", static_cast<unsigned long>(requestsRecord_.size()));
@@ -554,45 +572,48 @@ std::size_t ZRBRQ_NetworkAgent::requestCount() const {
 
 void ZRBRQ_NetworkAgent::handleRequestResult(unsigned long taskIdentifier, const ZRBURLResponsePtr& response,
                                              const ZRBValue& responseObject, const ZRBErrorPtr& error) {
-  (void)response;  // the request reads it through its task
   ZRBRQ_BaseRequestPtr request;
+  ZRBURLSessionTaskPtr finished;
+  ZRBErrorPtr serializationError;
   {
+    // One hold over the look-up, the response fields, their log line and the decoding, so that
+    // nothing under the lock sees a request whose raw body is set but whose decoded object is not
+    // yet. `response` is the finished task's own response.
     std::lock_guard lock(lock_);
     auto found = requestsRecord_.find(taskIdentifier);
     if (found == requestsRecord_.end()) return;  // cancelled or finished already
-    request = found->second;
-  }
-  ZRBErrorPtr serializationError;
-  {
-    // One hold over the response fields, their log line and the decoding, so that nothing under
-    // the lock sees a request whose raw body is set but whose decoded object is not yet.
-    std::lock_guard lock(lock_);
-    request->setResponseObject(responseObject);  // a download's file URL stays as it is
-    if (responseObject.isData()) {
-      request->setResponseData(responseObject);
-      request->setResponseString(decodeBody(responseObject, request));
+    request = found->second.request;
+    finished = found->second.task;
+    if (!responseObject.isData()) {
+      request->setResponseObject(responseObject);  // a download's file URL stays as it is
+    } else {
+      std::optional<std::string> string = decodeBody(responseObject, response);
       const ZRBRQ_ResponseSerializerType kind = request->responseSerializerType();
       if (ZRBNetworkLogIsOn()) {
+        request->setResponseFields(responseObject, string, responseObject, nullptr);
         ZRBNetworkLog("ZRBNetwork Finished Request: %@, { URL:%@ }, \n request: %@ \n response: %@, %ld",
                       request->className(), request->requestUrl(), request, request->responseString(),
                       static_cast<long>(kind));
       }
+      ZRBValue decoded = responseObject;
+      bool json = false;
       if (kind == ZRBRQ_ResponseSerializerTypeJSON || kind == ZRBRQ_ResponseSerializerTypeXMLParser) {
-        const auto taskResponse = request->requestTask() ? request->requestTask()->response() : nullptr;
         try {
-          ZRBValue decoded = kind == ZRBRQ_ResponseSerializerTypeJSON
-                                 ? jsonResponseSerializer()->responseObjectForResponse(
-                                       taskResponse, responseObject, &serializationError)
-                                 : xmlParserResponseSerialzier()->responseObjectForResponse(
-                                       taskResponse, responseObject, &serializationError);
-          if (kind == ZRBRQ_ResponseSerializerTypeJSON) request->setResponseJSONObject(decoded);
-          request->setResponseObject(std::move(decoded));
+          decoded = kind == ZRBRQ_ResponseSerializerTypeJSON
+                        ? jsonResponseSerializer()->responseObjectForResponse(response, responseObject,
+                                                                              &serializationError)
+                        : xmlParserResponseSerialzier()->responseObjectForResponse(response, responseObject,
+                                                                                   &serializationError);
+          json = kind == ZRBRQ_ResponseSerializerTypeJSON;
         } catch (const std::exception& exception) {
-          // A decoder that throws must not leave the request without an outcome.
+          // A decoder that throws must not leave the request without an outcome; the raw body
+          // stays its response object.
+          decoded = responseObject;
           serializationError =
               ZRBError::withDescription(ZRBHS_ResponseSerializationErrorDomain, -1, exception.what());
         }
       }
+      request->setResponseFields(responseObject, std::move(string), decoded, json ? &decoded : nullptr);
     }
   }
 
@@ -607,9 +628,9 @@ void ZRBRQ_NetworkAgent::handleRequestResult(unsigned long taskIdentifier, const
   }
   // The clean-up runs on the main queue right after the callbacks.
   if (succeed) {
-    requestDidSucceedWithRequest(request, true);
+    requestDidSucceedWithRequest(request, std::move(finished));
   } else {
-    requestDidFailWithRequest(request, failure, true);
+    requestDidFailWithRequest(request, failure, std::move(finished));
   }
 }
 
@@ -630,8 +651,9 @@ bool ZRBRQ_NetworkAgent::validateResult(const ZRBRQ_BaseRequestPtr& request, ZRB
 
 void ZRBRQ_NetworkAgent::cleanUpRequest(const ZRBRQ_BaseRequestPtr& request,
                                         const ZRBURLSessionTaskPtr& finished) {
-  if (!finished || request->requestTask() == finished) {
-    removeRequestFromRecord(request);
+  const ZRBURLSessionTaskPtr current = request->requestTask();
+  if (!finished || current == finished) {
+    removeRecordOfTask(request, current);
     request->clearCompletionBlock();
     return;
   }
@@ -640,20 +662,14 @@ void ZRBRQ_NetworkAgent::cleanUpRequest(const ZRBRQ_BaseRequestPtr& request,
   removeRecordOfTask(request, finished);
 }
 
-void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request, bool cleanUp) {
+void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request,
+                                                      ZRBURLSessionTaskPtr finished) {
   request->requestCompletePreprocessor();
-  deliverOnMainQueue(request, cleanUp, [request] {
-    request->toggleAccessoriesWillStopCallBack();
-    request->requestCompleteFilter();
-    if (auto delegate = request->delegate()) delegate->requestFinished(request);
-    if (auto success = request->successCompletionBlock()) success(request);
-    // Only at log level 3 or more: successful requests skip did-stop below that on purpose.
-    if (ZRBSDKConfig::sharedInstance()->logLevel() >= 3) request->toggleAccessoriesDidStopCallBack();
-  });
+  deliverOnMainQueue(request, true, std::move(finished));
 }
 
 void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request,
-                                                   const ZRBErrorPtr& error, bool cleanUp) {
+                                                   const ZRBErrorPtr& error, ZRBURLSessionTaskPtr finished) {
   request->setError(error);
   if (ZRBNetworkLogIsOn()) {
     ZRBNetworkLog("Request %@ { URL:%@ } failed, status code = %ld, error = %@", request->className(),
@@ -670,7 +686,7 @@ void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& r
     if (url->isFileURL() && files->fileExistsAtPath(url->path())) {
       if (auto bytes = files->contentsAtPath(url->path())) {
         ZRBValue data = ZRBValue::data(std::move(*bytes));
-        request->setResponseString(decodeBody(data, request));
+        request->setResponseString(decodeBody(data, request->response()));
         request->setResponseData(std::move(data));
       }
       files->removeItemAtPath(url->path());
@@ -678,29 +694,32 @@ void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& r
     request->setResponseObject(ZRBValue());
   }
   request->requestFailedPreprocessor();
-  deliverOnMainQueue(request, cleanUp, [request] {
-    request->toggleAccessoriesWillStopCallBack();
-    request->requestFailedFilter();
-    if (auto delegate = request->delegate()) delegate->requestFailed(request);
-    if (auto failure = request->failureCompletionBlock()) failure(request);
-    request->toggleAccessoriesDidStopCallBack();
-  });
+  deliverOnMainQueue(request, false, std::move(finished));
 }
 
-void ZRBRQ_NetworkAgent::deliverOnMainQueue(const ZRBRQ_BaseRequestPtr& request, bool cleanUp,
-                                            std::function<void()> callbacks) {
+void ZRBRQ_NetworkAgent::deliverOnMainQueue(const ZRBRQ_BaseRequestPtr& request, bool succeeded,
+                                            ZRBURLSessionTaskPtr finished) {
   ZRBRQ_NetworkAgentPtr self;
-  ZRBURLSessionTaskPtr finished;
-  if (cleanUp) {
-    self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
-    finished = request->requestTask();
-  }
+  if (finished) self = std::static_pointer_cast<ZRBRQ_NetworkAgent>(shared_from_this());
   // Results finished together on one thread wake the main thread once, when that thread is done
   // with them; nothing on the processing queue waits for the callbacks.
   ZRBDispatch::mainQueue()->asyncDeferringWake(
-      [self = std::move(self), request, finished, callbacks = std::move(callbacks)] {
+      [self = std::move(self), request, finished = std::move(finished), succeeded] {
         try {
-          callbacks();
+          if (succeeded) {
+            request->toggleAccessoriesWillStopCallBack();
+            request->requestCompleteFilter();
+            if (auto delegate = request->delegate()) delegate->requestFinished(request);
+            if (auto success = request->successCompletionBlock()) success(request);
+            // Only at log level 3 or more: successful requests skip did-stop below that on purpose.
+            if (ZRBSDKConfig::sharedInstance()->logLevel() >= 3) request->toggleAccessoriesDidStopCallBack();
+          } else {
+            request->toggleAccessoriesWillStopCallBack();
+            request->requestFailedFilter();
+            if (auto delegate = request->delegate()) delegate->requestFailed(request);
+            if (auto failure = request->failureCompletionBlock()) failure(request);
+            request->toggleAccessoriesDidStopCallBack();
+          }
         } catch (...) {
           if (self) self->cleanUpRequest(request, finished);
           throw;
@@ -714,9 +733,9 @@ void ZRBRQ_NetworkAgent::cancelRequest(const ZRBRQ_BaseRequestPtr& request) {
   if (!request) return;
   // Let go of the request before cancelling: the cancelled task's completion may run on another
   // thread at once, and must find nothing to deliver to.
-  removeRequestFromRecord(request);
-  request->clearCompletionBlock();
   const auto task = request->requestTask();
+  removeRecordOfTask(request, task);
+  request->clearCompletionBlock();
   const auto downloadPath = request->resumableDownloadPath();
   auto download = std::dynamic_pointer_cast<ZRBURLSessionDownloadTask>(task);
   if (downloadPath && download) {
@@ -739,7 +758,7 @@ void ZRBRQ_NetworkAgent::cancelAllRequests() {
     {
       std::lock_guard lock(lock_);
       auto found = requestsRecord_.find(key);
-      if (found != requestsRecord_.end()) request = found->second;
+      if (found != requestsRecord_.end()) request = found->second.request;
     }
     if (request) request->stop();
   }

@@ -20,8 +20,9 @@
 // fields and no authorization share one configured serializer per (serializer kind, DELETE or not,
 // timeout, cellular access), since serializers build requests concurrently; the last request URL
 // and base URL parsed on a thread are remembered; log arguments are only gathered when the log is
-// on. Bodies are decoded outside the lock (the serializers are thread-safe), which guards only the
-// table and the writing of response fields.
+// on. The lock guards the table and is held while a result's response fields are written and its
+// body decoded (decoding of different results is serialised); a table entry also keeps its task,
+// so that the finished run is cleaned up without asking the request again.
 //
 // Resumable downloads keep partial data in the temporary directory's "Incomplete" folder, under the
 // MD5 of the download path; resume data are written there when a download fails or is cancelled
@@ -141,16 +142,18 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   static ZRBHS_HTTPRequestSerializerPtr makeSerializer(const SerializerSettings& settings);
   // The serializer a task is built with: a shared one when the settings allow it.
   ZRBHS_HTTPRequestSerializerPtr taskSerializerForRequest(const ZRBRQ_BaseRequestPtr& request);
-  // `cleanUp`: the main-queue block also removes the request from the table and clears its
-  // callbacks once they have run (result handling); not for a failure before the task exists.
-  void requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request, bool cleanUp);
-  void requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBErrorPtr& error, bool cleanUp);
-  // `finished`: the task that reported (the request may run a new one by now).
+  // `finished`: the task that reported, whose run the main-queue block then cleans up (removes
+  // the request from the table and clears its callbacks once they have run); null for a failure
+  // before the task exists, which has no clean-up.
+  void requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request, ZRBURLSessionTaskPtr finished);
+  void requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBErrorPtr& error,
+                                 ZRBURLSessionTaskPtr finished);
+  // The request may run a new task by now: then only the finished task's entry goes.
   void cleanUpRequest(const ZRBRQ_BaseRequestPtr& request, const ZRBURLSessionTaskPtr& finished);
-  // Runs `callbacks` on the main queue, then, when `cleanUp` is set, the clean-up of the run that
-  // has just finished (also when a callback throws).
-  void deliverOnMainQueue(const ZRBRQ_BaseRequestPtr& request, bool cleanUp, std::function<void()> callbacks);
-  void addRequestToRecord(const ZRBRQ_BaseRequestPtr& request);
+  // Runs the success or failure callbacks on the main queue, then the clean-up of `finished`
+  // (also when a callback throws).
+  void deliverOnMainQueue(const ZRBRQ_BaseRequestPtr& request, bool succeeded, ZRBURLSessionTaskPtr finished);
+  void addRequestToRecord(const ZRBRQ_BaseRequestPtr& request, const ZRBURLSessionTaskPtr& task);
   void removeRequestFromRecord(const ZRBRQ_BaseRequestPtr& request);
   void removeRecordOfTask(const ZRBRQ_BaseRequestPtr& request, const ZRBURLSessionTaskPtr& task);
   static void writeResumeData(const ZRBValue& resumeData, const std::optional<std::string>& downloadPath);
@@ -179,7 +182,16 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   ZRBHS_JSONResponseSerializerPtr jsonResponseSerializer_;
   std::once_flag xmlOnce_;
   ZRBHS_XMLParserResponseSerializerPtr xmlParserResponseSerialzier_;
-  std::unordered_map<unsigned long, ZRBRQ_BaseRequestPtr> requestsRecord_;
+  // A request in flight and the task it was recorded with (the one whose completion finds it).
+  struct Record {
+    ZRBRQ_BaseRequestPtr request;
+    ZRBURLSessionTaskPtr task;
+  };
+  using RecordTable = std::unordered_map<unsigned long, Record>;
+  RecordTable requestsRecord_;
+  // Entries removed from the table, kept for the next requests so that recording one allocates
+  // nothing (bounded, see removeRecordOfTask).
+  std::vector<RecordTable::node_type> spareRecords_;
   ZRBDispatchQueuePtr processingQueue_;
   mutable std::mutex lock_;
   ZRBIndexSet allStatusCodes_;
