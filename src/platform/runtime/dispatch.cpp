@@ -1,15 +1,20 @@
 #include "platform/runtime/dispatch.h"
 
+#include <linux/futex.h>
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/thread_pool.hpp>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <deque>
 #include <exception>
 #include <future>
@@ -402,6 +407,43 @@ struct DeferredMainWake {
 };
 __attribute__((tls_model("initial-exec"))) thread_local DeferredMainWake deferredMainWake;
 
+// What the main queue's thread sleeps on: a counter bumped by every wake-up, waited on with a
+// futex. A condition variable hands its waiter the mutex back marked contended, so every wake-up
+// of the main thread cost a second system call (the futex wake of that mutex's next unlock); here a
+// wake-up is one futex wake, made only while somebody sleeps.
+class WakeWord {
+ public:
+  // Taken before looking for work: a wake-up after it ends the wait() that follows at once.
+  std::uint32_t ticket() const { return word_.load(std::memory_order_seq_cst); }
+
+  // Sleeps until a wake-up after `ticket`, a signal, or `timeout` (null: none).
+  void wait(std::uint32_t ticket, const std::timespec* timeout) {
+    sleepers_.fetch_add(1, std::memory_order_seq_cst);
+    // The kernel compares again, so a wake-up between this check and the sleep is not lost.
+    if (word_.load(std::memory_order_seq_cst) == ticket) {
+      syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word_), FUTEX_WAIT_PRIVATE, ticket, timeout,
+              nullptr, 0);
+    }
+    sleepers_.fetch_sub(1, std::memory_order_seq_cst);
+  }
+
+  void wakeAll() {
+    word_.fetch_add(1, std::memory_order_seq_cst);
+    // Either this sees the sleeper or the sleeper sees the new word (both are sequentially
+    // consistent), so no sleeper is missed.
+    if (sleepers_.load(std::memory_order_seq_cst) > 0) {
+      syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word_), FUTEX_WAKE_PRIVATE, INT_MAX, nullptr,
+              nullptr, 0);
+    }
+  }
+
+ private:
+  static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t) &&
+                std::atomic<std::uint32_t>::is_always_lock_free);
+  std::atomic<std::uint32_t> word_{0};
+  std::atomic<int> sleepers_{0};
+};
+
 // The main queue keeps its own list so that whoever runs it (its own thread, a host thread, a
 // host's poster) takes blocks from one place, one at a time and in order.
 class MainCore final : public DispatchQueueCore {
@@ -411,7 +453,7 @@ class MainCore final : public DispatchQueueCore {
   void submit(Job job, bool) override { push(std::move(job), false); }
   // The block is queued now; inside an inline run, the wake-up waits for the run's end.
   void submitDeferringWake(Job job) { push(std::move(job), deferredMainWake.inlineRuns > 0); }
-  void wake() { available_.notify_all(); }
+  void wake() { wake_.wakeAll(); }
 
   // Main-queue code may depend on running on the main thread, so the main thread runs the block
   // and the caller waits (from the main queue itself, sync() runs the block inline before this).
@@ -432,6 +474,7 @@ class MainCore final : public DispatchQueueCore {
       if (blocks_.empty()) return false;
       job = std::move(blocks_.front());
       blocks_.pop_front();
+      queued_.store(blocks_.size(), std::memory_order_seq_cst);
     }
     execute(job);
     return true;
@@ -462,7 +505,7 @@ class MainCore final : public DispatchQueueCore {
       mode_ = ZRBDispatch::MainQueueMode::HostDriven;
       poster_ = nullptr;
     }
-    available_.notify_all();
+    wake_.wakeAll();
   }
 
   void setPoster(std::function<void(std::function<void()>)> poster) {
@@ -483,7 +526,7 @@ class MainCore final : public DispatchQueueCore {
       poster_ = nullptr;
       startThreadLocked();
     }
-    available_.notify_all();
+    wake_.wakeAll();
   }
 
   ZRBDispatch::MainQueueMode mode() const { return mode_.load(); }
@@ -492,10 +535,14 @@ class MainCore final : public DispatchQueueCore {
            hostThread_.load() == std::this_thread::get_id();
   }
 
-  // Waits up to `timeout` for a block to be queued.
+  // Waits up to `timeout` for a block to be queued (or for any other wake-up).
   void waitForWork(std::chrono::milliseconds timeout) {
-    std::unique_lock lock(mutex_);
-    available_.wait_for(lock, timeout, [&] { return !blocks_.empty(); });
+    const std::uint32_t ticket = wake_.ticket();
+    if (queued_.load(std::memory_order_seq_cst) > 0) return;
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
+    const std::timespec relative{static_cast<std::time_t>(seconds.count()),
+                                 static_cast<long>(std::chrono::nanoseconds(timeout - seconds).count())};
+    wake_.wait(ticket, &relative);
   }
 
  private:
@@ -504,6 +551,7 @@ class MainCore final : public DispatchQueueCore {
     {
       std::lock_guard lock(mutex_);
       blocks_.push_back(std::move(job));
+      queued_.store(blocks_.size(), std::memory_order_seq_cst);
       auto mode = mode_.load();
       if (mode == ZRBDispatch::MainQueueMode::OwnThread) {
         startThreadLocked();
@@ -516,7 +564,7 @@ class MainCore final : public DispatchQueueCore {
       deferredMainWake.owed = true;
       return;
     }
-    available_.notify_all();
+    wake_.wakeAll();
     if (poster) poster(runner());
   }
 
@@ -536,18 +584,20 @@ class MainCore final : public DispatchQueueCore {
 
   void ownThreadLoop() {
     for (;;) {
-      {
-        std::unique_lock lock(mutex_);
-        available_.wait(
-            lock, [&] { return mode_.load() == ZRBDispatch::MainQueueMode::OwnThread && !blocks_.empty(); });
+      const std::uint32_t ticket = wake_.ticket();
+      if (mode_.load() == ZRBDispatch::MainQueueMode::OwnThread &&
+          queued_.load(std::memory_order_seq_cst) > 0 && runOne()) {
+        continue;
       }
-      runOne();
+      wake_.wait(ticket, nullptr);
     }
   }
 
   std::mutex mutex_;
-  std::condition_variable available_;
+  WakeWord wake_;
   std::deque<Job> blocks_;
+  // blocks_.size(), written under mutex_, so that an idle thread looks without taking the lock.
+  std::atomic<std::size_t> queued_{0};
   std::atomic<ZRBDispatch::MainQueueMode> mode_{ZRBDispatch::MainQueueMode::OwnThread};
   std::atomic<std::thread::id> hostThread_{};
   std::function<void(std::function<void()>)> poster_;
