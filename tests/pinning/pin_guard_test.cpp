@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <filesystem>
 #include <future>
 #include <string>
 #include <vector>
@@ -20,10 +19,10 @@
 #include "platform/foundation/exception.h"
 #include "platform/net/url_connection.h"
 #include "platform/runtime/method_replacement.h"
-#include "platform/system/file_manager.h"
 #include "support/raises.h"
 #include "support/recording_connection_delegate.h"
 #include "support/recording_delegate.h"
+#include "support/temporary_directory.h"
 #include "support/test_connect_proxy.h"
 #include "support/test_pki.h"
 #include "support/test_server.h"
@@ -47,8 +46,6 @@ ZRBValue configurationFor(const ZRBTestChain& chain, const std::string& domain, 
 class PinGuardTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    directory_ = ZRBTestPKI::makeTemporaryDirectory();
-    ZRBFileManager::defaultManager()->setCachesDirectory(directory_.string());
     const ZRBTestChain& shared = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
     chain_.root = shared.root;
     chain_.intermediate = shared.intermediate;
@@ -63,8 +60,6 @@ class PinGuardTest : public ::testing::Test {
     ::unsetenv("https_proxy");
     ZRBMethodReplacement::resetAll();
     server_->stop();
-    ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
-    std::filesystem::remove_all(directory_);
   }
 
   ZRBURLRequestPtr request() const {
@@ -75,7 +70,7 @@ class PinGuardTest : public ::testing::Test {
   ZRBTestChain chain_;
   ZRBTestConnectProxy proxy_;
   std::unique_ptr<ZRBTestServer> server_;
-  std::filesystem::path directory_;
+  const ZRBTestCachesDirectory caches_;
 };
 
 TEST_F(PinGuardTest, SharedInstanceIsMadeOnceAndOnlyItMaySwizzle) {

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -21,7 +20,7 @@
 #include "platform/foundation/crypto.h"
 #include "platform/net/url_session.h"
 #include "platform/security/sec_key.h"
-#include "platform/system/file_manager.h"
+#include "support/temporary_directory.h"
 #include "support/test_pki.h"
 
 namespace {
@@ -40,16 +39,10 @@ struct Observed {
 
 class PinningValidatorTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    directory_ = ZRBTestPKI::makeTemporaryDirectory();
-    ZRBFileManager::defaultManager()->setCachesDirectory(directory_.string());
-    cache_ = ZRB_PGDSPKIHashCache::initWithIdentifier("spki-hash.cache");
-  }
+  void SetUp() override { cache_ = ZRB_PGDSPKIHashCache::initWithIdentifier("spki-hash.cache"); }
   void TearDown() override {
     // Observer calls still queued would land in the next test's fixture.
     callbackQueue_->sync([] {});
-    ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
-    std::filesystem::remove_all(directory_);
   }
 
   // A policy for "localhost" pinning `pins`, trusting the chain's root as an extra anchor.
@@ -88,7 +81,7 @@ class PinningValidatorTest : public ::testing::Test {
     return observed_;
   }
 
-  std::filesystem::path directory_;
+  const ZRBTestCachesDirectory caches_;
   ZRB_PGDSPKIHashCachePtr cache_;
   ZRBDispatchQueuePtr callbackQueue_ = ZRBDispatchQueue::serial("test.pinning.observer");
   Observed observed_;

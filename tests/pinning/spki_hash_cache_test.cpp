@@ -14,25 +14,17 @@
 #include "platform/foundation/assert.h"
 #include "platform/security/sec_key.h"
 #include "platform/system/file_manager.h"
-#include "support/test_pki.h"
+#include "support/temporary_directory.h"
 
 namespace {
 
 class SPKIHashCacheTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    directory_ = ZRBTestPKI::makeTemporaryDirectory();
-    ZRBFileManager::defaultManager()->setCachesDirectory(directory_.string());
-  }
-  void TearDown() override {
-    ZRBSetAssertionHandler(nullptr);
-    ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
-    std::filesystem::remove_all(directory_);
-  }
+  void TearDown() override { ZRBSetAssertionHandler(nullptr); }
   std::filesystem::path file() const { return directory_ / "spki-hash.cache"; }
   bool logged(std::string_view line) { return log_.has(line); }
 
-  std::filesystem::path directory_;
+  const ZRBTestCachesDirectory directory_;
   PGDLogLines log_;
 };
 

@@ -11,7 +11,6 @@
 #include "platform/net/url_session_configuration.h"
 #include "platform/runtime/dispatch.h"
 #include "platform/security/sec_key.h"
-#include "platform/system/file_manager.h"
 #include "request/network_agent.h"
 #include "request/network_config.h"
 #include "request/network_pin_guard.h"
@@ -35,7 +34,6 @@ std::string pinOf(const ZRBTestCertificate& certificate) {
 class PinnedAgentTest : public testing::Test {
  protected:
   void SetUp() override {
-    ZRBFileManager::defaultManager()->setCachesDirectory(directory_.path.string());
     // The program pins RSA 2048 keys only: the shared CAs with an RSA 2048 leaf for a name with a
     // public suffix, as pinned domains need.
     const ZRBTestChain& shared = ZRBTestPKI::sharedChain(ZRBTestKeyType::ECP256);
@@ -80,14 +78,13 @@ class PinnedAgentTest : public testing::Test {
     ZRBNetworkPinGuard::setDomainPolicyAdditions(ZRBValue());
     ZRBRQ_NetworkConfig::sharedConfig()->setSessionConfiguration(nullptr);
     ZRBDispatch::mainQueue()->sync([] {});  // observer calls still queued
-    ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
   }
 
   std::string url(const std::string& path) const {
     return "https://" + std::string(kHost) + ":" + std::to_string(server_->port()) + path;
   }
 
-  ZRBTestTemporaryDirectory directory_;
+  const ZRBTestCachesDirectory caches_;
   ZRBTestChain chain_;
   std::unique_ptr<ZRBTestServer> server_;
   ZRBTestServer collector_;

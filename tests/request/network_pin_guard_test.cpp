@@ -4,13 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "platform/foundation/crypto.h"
 #include "platform/foundation/exception.h"
-#include "platform/system/file_manager.h"
 #include "request_test_support.h"
 #include "settings/setting.h"
 #include "support/temporary_directory.h"
@@ -20,7 +18,6 @@ namespace {
 
 class NetworkPinGuardTest : public ::testing::Test {
  protected:
-  void SetUp() override { ZRBFileManager::defaultManager()->setCachesDirectory(directory_.path.string()); }
   void TearDown() override {
     auto setting = ZRBSetting::sharedSetting();
     setting->setIsRealStgEnvProvider(nullptr);
@@ -28,10 +25,9 @@ class NetworkPinGuardTest : public ::testing::Test {
     setting->setIsInternationalProvider(nullptr);
     ZRBNetworkPinGuard::setPublicKeyHashes({});
     ZRBNetworkPinGuard::setDomainPolicyAdditions(ZRBValue());
-    ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt);
   }
 
-  const ZRBTestTemporaryDirectory directory_;
+  const ZRBTestCachesDirectory caches_;
   ZRBTestLogCatcher log_;
 };
 

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -18,6 +17,7 @@
 #include "request/network_agent.h"
 #include "request/request.h"
 #include "settings/app_sdk_log_manager.h"
+#include "support/inbox.h"
 
 template <class Base>
 class ZRBTestConfiguredRequest : public Base {
@@ -83,36 +83,24 @@ std::shared_ptr<Request> ZRBTestMakeRequest(const std::string& url) {
 class ZRBTestEventLog {
  public:
   void put(const std::string& event) {
-    std::lock_guard lock(mutex_);
-    events_.push_back(event);
-    if (!ZRBDispatch::isMainQueue()) offMain_.push_back(event);
-    changed_.notify_all();
+    if (!ZRBDispatch::isMainQueue()) offMain_.put(event);
+    events_.put(event);
   }
   // Waits until one of `events` has arrived; returns every event so far.
   std::vector<std::string> waitForAny(const std::vector<std::string>& events) {
-    std::unique_lock lock(mutex_);
-    EXPECT_TRUE(changed_.wait_for(lock, std::chrono::seconds(30),
-                                  [&] {
-                                    return std::find_first_of(events_.begin(), events_.end(), events.begin(),
-                                                              events.end()) != events_.end();
-                                  }))
+    auto arrived = [&](const std::vector<std::string>& got) {
+      return std::find_first_of(got.begin(), got.end(), events.begin(), events.end()) != got.end();
+    };
+    EXPECT_TRUE(events_.waitUntil(arrived, std::chrono::seconds(30)))
         << "none of " << testing::PrintToString(events);
-    return events_;
+    return events_.now();
   }
   std::vector<std::string> waitFor(const std::string& event) { return waitForAny({event}); }
-  std::vector<std::string> events() {
-    std::lock_guard lock(mutex_);
-    return events_;
-  }
-  std::vector<std::string> offMain() {
-    std::lock_guard lock(mutex_);
-    return offMain_;
-  }
+  std::vector<std::string> events() const { return events_.now(); }
+  std::vector<std::string> offMain() const { return offMain_.now(); }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> events_, offMain_;
+  ZRBTestInbox<std::string> events_, offMain_;
 };
 
 // Everything that reaches a request as its delegate and accessory; `prefix` tells accessories apart.

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/system/file_manager.h"
 #include "support/test_pki.h"
 
 inline std::string ZRBTestReadFile(const std::filesystem::path& path) {
@@ -25,4 +26,10 @@ struct ZRBTestTemporaryDirectory {
     std::ofstream(path / name, std::ios::binary) << bytes;
     return *this / name;
   }
+};
+
+// A temporary directory that is the process's Caches directory while it lives.
+struct ZRBTestCachesDirectory : ZRBTestTemporaryDirectory {
+  ZRBTestCachesDirectory() { ZRBFileManager::defaultManager()->setCachesDirectory(path.string()); }
+  ~ZRBTestCachesDirectory() { ZRBFileManager::defaultManager()->setCachesDirectory(std::nullopt); }
 };
