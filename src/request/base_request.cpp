@@ -5,6 +5,7 @@
 #include "platform/foundation/string_format.h"
 #include "request/network_agent.h"
 #include "request/network_log.h"
+#include "request/network_utils.h"
 
 // ---- stored fields ----
 
@@ -20,7 +21,6 @@
 
 ZRBRQ_FIELD(ZRBURLSessionTaskPtr, requestTask, setRequestTask, requestTask_)
 ZRBRQ_FIELD(ZRBValue, responseData, setResponseData, responseData_)
-ZRBRQ_FIELD(std::optional<std::string>, responseString, setResponseString, responseString_)
 ZRBRQ_FIELD(ZRBValue, responseObject, setResponseObject, responseObject_)
 ZRBRQ_FIELD(ZRBValue, responseJSONObject, setResponseJSONObject, responseJSONObject_)
 ZRBRQ_FIELD(ZRBErrorPtr, error, setError, error_)
@@ -55,11 +55,30 @@ void ZRBRQ_BaseRequest::setRequestAccessories(
   hasAccessories_.store(requestAccessories_ && !requestAccessories_->empty(), std::memory_order_release);
 }
 
-void ZRBRQ_BaseRequest::setResponseFields(ZRBValue data, std::optional<std::string> string, ZRBValue object,
+std::optional<std::string> ZRBRQ_BaseRequest::responseString() const {
+  std::lock_guard lock(mutex_);
+  if (responseStringPending_) {
+    responseString_ = ZRBRQ_NetworkUtils::stringFromResponseData(responseData_, responseStringSource_);
+    responseStringSource_.reset();
+    responseStringPending_ = false;
+  }
+  return responseString_;
+}
+
+void ZRBRQ_BaseRequest::setResponseString(std::optional<std::string> string) {
+  std::lock_guard lock(mutex_);
+  responseString_ = std::move(string);
+  responseStringSource_.reset();
+  responseStringPending_ = false;
+}
+
+void ZRBRQ_BaseRequest::setResponseFields(ZRBValue data, ZRBURLResponsePtr response, ZRBValue object,
                                           const ZRBValue* json) {
   std::lock_guard lock(mutex_);
   responseData_ = std::move(data);
-  responseString_ = std::move(string);
+  responseString_.reset();
+  responseStringSource_ = std::move(response);
+  responseStringPending_ = true;
   if (json) responseJSONObject_ = *json;
   responseObject_ = std::move(object);
 }

@@ -217,16 +217,19 @@ class ZRBRQ_BaseRequest : public ZRBObject {
  private:
   friend class ZRBRQ_NetworkAgent;
   // The response fields of one result in one hold of the lock; `json` null leaves
-  // responseJSONObject as it is.
-  void setResponseFields(ZRBValue data, std::optional<std::string> string, ZRBValue object,
-                         const ZRBValue* json);
+  // responseJSONObject as it is. responseString is `data` decoded in the charset that `response`
+  // names (UTF-8 when none), decoded when first read: most callers never read it.
+  void setResponseFields(ZRBValue data, ZRBURLResponsePtr response, ZRBValue object, const ZRBValue* json);
   // Calls `operation` on every accessory, in insertion order, outside the lock.
   void forEachAccessory(void (ZRBRQ_RequestAccessory::*operation)(const ZRBRQ_BaseRequestPtr&));
 
   mutable std::mutex mutex_;
   ZRBURLSessionTaskPtr requestTask_;
   ZRBValue responseData_;
-  std::optional<std::string> responseString_;
+  mutable std::optional<std::string> responseString_;
+  // Set while responseString_ still has to be decoded from responseData_ (see setResponseFields).
+  mutable ZRBURLResponsePtr responseStringSource_;
+  mutable bool responseStringPending_ = false;
   ZRBValue responseObject_;
   ZRBValue responseJSONObject_;
   ZRBErrorPtr error_;

@@ -7,7 +7,6 @@
 #include "http/response_serializer.h"
 #include "platform/foundation/assert.h"
 #include "platform/foundation/exception.h"
-#include "platform/foundation/text_encoding.h"
 #include "platform/foundation/url.h"
 #include "platform/net/url_authentication.h"
 #include "platform/runtime/notification_center.h"
@@ -39,13 +38,6 @@ float taskPriority(ZRBRQ_RequestPriority priority) {
     case ZRBRQ_RequestPriorityHigh: return ZRBURLSessionTaskPriorityHigh;
     default: return ZRBURLSessionTaskPriorityDefault;
   }
-}
-
-// `response`: the request's task's response, whose HTTP text encoding names the body's charset.
-std::optional<std::string> decodeBody(const ZRBValue& data, const ZRBURLResponsePtr& response) {
-  const auto bytes = data.bytes();
-  const auto http = std::dynamic_pointer_cast<const ZRBHTTPURLResponse>(response);
-  return ZRBStringFromBytes(bytes, ZRBRQ_NetworkUtils::stringEncodingWithResponse(http));
 }
 
 // The session layer completes a download whose file could not be moved into place as a success and
@@ -587,10 +579,9 @@ void ZRBRQ_NetworkAgent::handleRequestResult(unsigned long taskIdentifier, const
     if (!responseObject.isData()) {
       request->setResponseObject(responseObject);  // a download's file URL stays as it is
     } else {
-      std::optional<std::string> string = decodeBody(responseObject, response);
       const ZRBRQ_ResponseSerializerType kind = request->responseSerializerType();
       if (ZRBNetworkLogIsOn()) {
-        request->setResponseFields(responseObject, string, responseObject, nullptr);
+        request->setResponseFields(responseObject, response, responseObject, nullptr);
         ZRBNetworkLog("ZRBNetwork Finished Request: %@, { URL:%@ }, \n request: %@ \n response: %@, %ld",
                       request->className(), request->requestUrl(), request, request->responseString(),
                       static_cast<long>(kind));
@@ -613,7 +604,7 @@ void ZRBRQ_NetworkAgent::handleRequestResult(unsigned long taskIdentifier, const
               ZRBError::withDescription(ZRBHS_ResponseSerializationErrorDomain, -1, exception.what());
         }
       }
-      request->setResponseFields(responseObject, std::move(string), decoded, json ? &decoded : nullptr);
+      request->setResponseFields(responseObject, response, decoded, json ? &decoded : nullptr);
     }
   }
 
@@ -686,7 +677,7 @@ void ZRBRQ_NetworkAgent::requestDidFailWithRequest(const ZRBRQ_BaseRequestPtr& r
     if (url->isFileURL() && files->fileExistsAtPath(url->path())) {
       if (auto bytes = files->contentsAtPath(url->path())) {
         ZRBValue data = ZRBValue::data(std::move(*bytes));
-        request->setResponseString(decodeBody(data, request->response()));
+        request->setResponseString(ZRBRQ_NetworkUtils::stringFromResponseData(data, request->response()));
         request->setResponseData(std::move(data));
       }
       files->removeItemAtPath(url->path());

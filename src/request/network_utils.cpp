@@ -132,6 +132,12 @@ ZRBStringEncoding ZRBRQ_NetworkUtils::stringEncodingWithResponse(const ZRBURLRes
   return stringEncoding;
 }
 
+std::optional<std::string> ZRBRQ_NetworkUtils::stringFromResponseData(const ZRBValue& data,
+                                                                      const ZRBURLResponsePtr& response) {
+  const auto http = std::dynamic_pointer_cast<const ZRBHTTPURLResponse>(response);
+  return ZRBStringFromBytes(data.bytes(), stringEncodingWithResponse(http));
+}
+
 bool ZRBRQ_NetworkUtils::validateResumeData(const ZRBValue& data) {
   if (!data.isData()) return false;
   return validateResumeData(data.bytes());

@@ -24,6 +24,9 @@
 //   or not a string.
 // - stringEncodingWithResponse(response): the encoding of the response's charset
 //   (textEncodingName) when it names a known encoding; UTF-8 otherwise, also for no response.
+// - stringFromResponseData(data, response): the bytes of `data` decoded in the encoding of
+//   stringEncodingWithResponse (the response counts only when it is an HTTP response); nullopt when
+//   they do not decode.
 // - validateResumeData(data): false for anything but non-empty data; true when the bytes parse as a
 //   property list (any format) without error.
 // - filterUrlHost(url) / filterUrl(url): the whole first match of
@@ -67,6 +70,9 @@ class ZRBRQ_NetworkUtils {
   // stringEncodingWithRequest: works on the request's response. The overload taking a
   // ZRBRQ_BaseRequest comes with the request class and hands the request's response to this one.
   static ZRBStringEncoding stringEncodingWithResponse(const ZRBURLResponsePtr& response);
+
+  static std::optional<std::string> stringFromResponseData(const ZRBValue& data,
+                                                           const ZRBURLResponsePtr& response);
 
   // validateResumeData: the value must be data; anything else (absent included) is invalid.
   static bool validateResumeData(const ZRBValue& data);
