@@ -96,7 +96,7 @@ struct RequestUrlFacts {
 };
 
 const RequestUrlFacts& requestUrlFacts(const std::string& url) {
-  thread_local RequestUrlFacts last;
+  __attribute__((tls_model("initial-exec"))) thread_local RequestUrlFacts last;
   if (!last.known || last.url != url) {
     const ZRBURLPtr parsed = ZRBURL::URLWithString(url);
     last.url = url;
@@ -107,22 +107,36 @@ const RequestUrlFacts& requestUrlFacts(const std::string& url) {
   return last;
 }
 
-// The base URL relative request URLs resolve against, remembered per thread for the last base
-// string. Without the trailing "/" the base's last path segment would be replaced, not extended.
+// The base URL relative request URLs resolve against. Without the trailing "/" the base's last
+// path segment would be replaced, not extended.
 ZRBURLPtr resolutionBase(const std::string& base) {
-  thread_local std::string lastBase;
-  thread_local ZRBURLPtr lastURL;
-  thread_local bool known = false;
-  if (!known || lastBase != base) {
-    ZRBURLPtr url = ZRBURL::URLWithString(base);
-    if (url && !base.empty() && base.back() != '/') {
-      if (auto extended = url->URLByAppendingPathComponent("")) url = std::move(extended);
-    }
-    lastBase = base;
-    lastURL = std::move(url);
-    known = true;
+  ZRBURLPtr url = ZRBURL::URLWithString(base);
+  if (url && !base.empty() && base.back() != '/') {
+    if (auto extended = url->URLByAppendingPathComponent("")) url = std::move(extended);
   }
-  return lastURL;
+  return url;
+}
+
+// The absolute string of `detail` resolved against `base`, remembered per thread for the last pair
+// (resolving costs far more than the rest of a request's URL building): callers send many requests
+// to one path under one base. An unresolvable URL string goes on as it is; the serializer rejects
+// it.
+std::string resolveAgainstBase(const std::string& detail, const std::string& base) {
+  struct Last {
+    std::string detail;
+    std::string base;
+    std::string result;
+    bool known = false;
+  };
+  __attribute__((tls_model("initial-exec"))) thread_local Last last;
+  if (!last.known || last.detail != detail || last.base != base) {
+    const ZRBURLPtr resolved = ZRBURL::URLWithString(detail, resolutionBase(base));
+    last.result = resolved ? resolved->absoluteString() : detail;
+    last.detail = detail;
+    last.base = base;
+    last.known = true;
+  }
+  return last.result;
 }
 
 // Requests that share a serializer: more distinct combinations get their own each time.
@@ -256,20 +270,15 @@ std::string ZRBRQ_NetworkAgent::buildRequestUrl(const ZRBRQ_BaseRequestPtr& requ
   // Absolute URLs bypass the filters and the base URLs.
   if (absolute) return detailUrl;
 
-  for (const auto& filter : config_->urlFilters()) {
+  // The configuration is set up before requests run: one look serves the whole building.
+  const ZRBRQ_NetworkConfig::UrlSettings settings = config_->urlSettings();
+  for (const auto& filter : *settings.urlFilters) {
     if (filter) detailUrl = filter->filterUrl(detailUrl, request);
   }
-  std::string base;
-  if (request->useCDN()) {
-    base = request->cdnUrl();
-    if (base.empty()) base = config_->cdnUrl();
-  } else {
-    base = request->baseUrl();
-    if (base.empty()) base = config_->baseUrl();
-  }
-  const ZRBURLPtr resolved = ZRBURL::URLWithString(detailUrl, resolutionBase(base));
-  // An unresolvable URL string goes on as it is; the serializer rejects it.
-  return resolved ? resolved->absoluteString() : detailUrl;
+  const bool cdn = request->useCDN();
+  const std::string own = cdn ? request->cdnUrl() : request->baseUrl();
+  if (!own.empty()) return resolveAgainstBase(detailUrl, own);
+  return resolveAgainstBase(detailUrl, cdn ? *settings.cdnUrl : *settings.baseUrl);
 }
 
 ZRBRQ_NetworkAgent::SerializerSettings ZRBRQ_NetworkAgent::serializerSettings(

@@ -79,6 +79,15 @@ class ZRBRQ_NetworkConfig final : public ZRBObject {
   std::vector<ZRBRQ_UrlFilterPtr> urlFilters() const;
   std::vector<ZRBRQ_CacheDirPathFilterPtr> cacheDirPathFilters() const;
 
+  // What building a relative request URL reads, in one hold of the lock and without copying: the
+  // URL filters and the two base URLs as they are now (never null; later changes replace them).
+  struct UrlSettings {
+    std::shared_ptr<const std::vector<ZRBRQ_UrlFilterPtr>> urlFilters;
+    std::shared_ptr<const std::string> baseUrl;
+    std::shared_ptr<const std::string> cdnUrl;
+  };
+  UrlSettings urlSettings() const;
+
   // ---- fields ----
 
   std::string baseUrl() const;
@@ -99,11 +108,12 @@ class ZRBRQ_NetworkConfig final : public ZRBObject {
 
  private:
   mutable std::mutex mutex_;
-  std::vector<ZRBRQ_UrlFilterPtr> urlFilters_;
+  // Replaced, never changed in place, so that urlSettings() hands them out without copies.
+  std::shared_ptr<const std::vector<ZRBRQ_UrlFilterPtr>> urlFilters_;
   std::vector<ZRBRQ_CacheDirPathFilterPtr> cacheDirPathFilters_;
   std::atomic<bool> debugLogEnabled_{false};
-  std::string baseUrl_;
-  std::string cdnUrl_;
+  std::shared_ptr<const std::string> baseUrl_;
+  std::shared_ptr<const std::string> cdnUrl_;
   ZRBHS_SecurityPolicyPtr securityPolicy_;
   ZRBURLSessionConfigurationPtr sessionConfiguration_;
 };
