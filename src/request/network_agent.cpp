@@ -139,9 +139,6 @@ std::string resolveAgainstBase(const std::string& detail, const std::string& bas
   return last.result;
 }
 
-// Requests that share a serializer: more distinct combinations get their own each time.
-constexpr std::size_t kMaxSharedSerializers = 16;
-
 // Table entries kept for reuse once their requests are done.
 constexpr std::size_t kMaxSpareRecords = 64;
 
@@ -157,11 +154,12 @@ ZRBRQ_NetworkAgentPtr ZRBRQ_NetworkAgent::init() {
   agent->pinGuard_ = ZRBNetworkPinGuard::trustDomains(ZRBSetting::sharedSetting()->allDomains());
   agent->pinGuardDomains_ = ZRBSetting::sharedSetting()->allDomains();
   agent->config_ = ZRBRQ_NetworkConfig::sharedConfig();
-  agent->manager_ =
+  const ZRBHS_HTTPSessionManagerPtr manager =
       ZRBHS_HTTPSessionManager::initWithSessionConfiguration(agent->config_->sessionConfiguration());
+  agent->manager_.store(manager);
   std::weak_ptr<ZRBRQ_NetworkAgent> weak = agent;
   // Runs on the transport thread inside the handshake.
-  agent->manager_->setSessionDidReceiveAuthenticationChallengeBlock(
+  manager->setSessionDidReceiveAuthenticationChallengeBlock(
       [weak](const ZRBURLSessionPtr&, const ZRBURLAuthenticationChallengePtr& challenge,
              ZRBURLCredentialPtr* credential) {
         const auto& space = challenge ? challenge->protectionSpace() : nullptr;
@@ -173,11 +171,11 @@ ZRBRQ_NetworkAgentPtr ZRBRQ_NetworkAgent::init() {
       });
   agent->processingQueue_ = ZRBDispatchQueue::concurrent("com.velkit.networkagent.processing");
   agent->allStatusCodes_ = ZRBIndexSet::indexSetWithIndexesInRange(100, 500);
-  agent->manager_->setSecurityPolicy(agent->config_->securityPolicy());
+  manager->setSecurityPolicy(agent->config_->securityPolicy());
   auto responseSerializer = ZRBHS_HTTPResponseSerializer::serializer();
   responseSerializer->setAcceptableStatusCodes(agent->allStatusCodes_);
-  agent->manager_->setResponseSerializer(responseSerializer);
-  agent->manager_->setCompletionQueue(agent->processingQueue_);
+  manager->setResponseSerializer(responseSerializer);
+  manager->setCompletionQueue(agent->processingQueue_);
   return agent;
 }
 
@@ -216,22 +214,13 @@ void ZRBRQ_NetworkAgent::widenPinGuardDomains(const std::string& host) {
   pinGuardDomains_ = std::move(domains);
 }
 
-ZRBHS_HTTPSessionManagerPtr ZRBRQ_NetworkAgent::manager() const {
-  std::lock_guard lock(managerMutex_);
-  return manager_;
-}
+ZRBHS_HTTPSessionManagerPtr ZRBRQ_NetworkAgent::manager() const { return manager_.load(); }
 
-void ZRBRQ_NetworkAgent::resetURLSessionManager() {
-  auto fresh = ZRBHS_HTTPSessionManager::manager();
-  std::lock_guard lock(managerMutex_);
-  manager_ = std::move(fresh);
-}
+void ZRBRQ_NetworkAgent::resetURLSessionManager() { manager_.store(ZRBHS_HTTPSessionManager::manager()); }
 
 void ZRBRQ_NetworkAgent::resetURLSessionManagerWithConfiguration(
     ZRBURLSessionConfigurationPtr configuration) {
-  auto fresh = ZRBHS_HTTPSessionManager::initWithSessionConfiguration(std::move(configuration));
-  std::lock_guard lock(managerMutex_);
-  manager_ = std::move(fresh);
+  manager_.store(ZRBHS_HTTPSessionManager::initWithSessionConfiguration(std::move(configuration)));
 }
 
 const ZRBHS_JSONResponseSerializerPtr& ZRBRQ_NetworkAgent::jsonResponseSerializer() {
@@ -325,21 +314,22 @@ ZRBHS_HTTPRequestSerializerPtr ZRBRQ_NetworkAgent::taskSerializerForRequest(
     return shared.kind == settings.kind && shared.isDelete == settings.isDelete &&
            shared.timeout == settings.timeout && shared.cellular == settings.cellular;
   };
-  {
-    std::lock_guard lock(serializersMutex_);
-    for (const auto& shared : sharedSerializers_) {
-      if (matches(shared)) return shared.serializer;
-    }
+  // Published entries never change, so looking needs no lock.
+  const std::size_t published = sharedSerializerCount_.load(std::memory_order_acquire);
+  for (std::size_t i = 0; i < published; ++i) {
+    if (matches(sharedSerializers_[i])) return sharedSerializers_[i].serializer;
   }
   auto serializer = makeSerializer(settings);
   if (!serializer) return nullptr;
   std::lock_guard lock(serializersMutex_);
-  for (const auto& shared : sharedSerializers_) {
-    if (matches(shared)) return shared.serializer;  // another thread was first
+  const std::size_t count = sharedSerializerCount_.load(std::memory_order_relaxed);
+  for (std::size_t i = published; i < count; ++i) {
+    if (matches(sharedSerializers_[i])) return sharedSerializers_[i].serializer;  // another thread was first
   }
-  if (sharedSerializers_.size() < kMaxSharedSerializers) {
-    sharedSerializers_.push_back(
-        {settings.kind, settings.isDelete, settings.timeout, settings.cellular, serializer});
+  if (count < sharedSerializers_.size()) {
+    sharedSerializers_[count] = {settings.kind, settings.isDelete, settings.timeout, settings.cellular,
+                                 serializer};
+    sharedSerializerCount_.store(count + 1, std::memory_order_release);
   }
   return serializer;
 }

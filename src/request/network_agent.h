@@ -41,6 +41,8 @@
 // out to request callbacks or stop(). A null request is a programming error ("request != nil").
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -166,8 +168,8 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
   mutable std::mutex pinMutex_;  // over the pin guard and its domains, held through a rebuild
   ZRB_PinGuardPtr pinGuard_;
   std::vector<std::string> pinGuardDomains_;
-  mutable std::mutex managerMutex_;
-  ZRBHS_HTTPSessionManagerPtr manager_;
+  // Replaced only by the reset operations; read for every task.
+  std::atomic<ZRBHS_HTTPSessionManagerPtr> manager_;
   ZRBRQ_NetworkConfigPtr config_;
   struct SharedSerializer {
     ZRBRQ_RequestSerializerType kind;
@@ -176,8 +178,11 @@ class ZRBRQ_NetworkAgent final : public ZRBObject {
     bool cellular;
     ZRBHS_HTTPRequestSerializerPtr serializer;
   };
-  std::mutex serializersMutex_;
-  std::vector<SharedSerializer> sharedSerializers_;  // bounded, see taskSerializerForRequest
+  // Requests that share a serializer: more distinct combinations get their own each time. Entries
+  // below the count are published (written before the count's release) and never change again.
+  std::mutex serializersMutex_;  // over adding entries
+  std::array<SharedSerializer, 16> sharedSerializers_;
+  std::atomic<std::size_t> sharedSerializerCount_{0};
   std::once_flag jsonOnce_;
   ZRBHS_JSONResponseSerializerPtr jsonResponseSerializer_;
   std::once_flag xmlOnce_;
