@@ -3,53 +3,43 @@
 #pragma once
 
 #include <algorithm>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "pinning/pgd_log.h"
+#include "support/inbox.h"
 
 class PGDLogLines {
  public:
   PGDLogLines() {
-    ZRB_PGDSetLoggerBlock([this](const std::string& line) {
-      std::lock_guard lock(mutex_);
-      lines_.push_back(line);
-    });
+    ZRB_PGDSetLoggerBlock([this](const std::string& line) { lines_.put(line); });
   }
   ~PGDLogLines() { ZRB_PGDSetLoggerBlock(nullptr); }
   PGDLogLines(const PGDLogLines&) = delete;
   PGDLogLines& operator=(const PGDLogLines&) = delete;
 
-  std::vector<std::string> lines() {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-  void clear() {
-    std::lock_guard lock(mutex_);
-    lines_.clear();
-  }
+  std::vector<std::string> lines() const { return lines_.now(); }
+  void clear() { lines_.clear(); }
   // Index of the first line starting with `prefix` at or after `from`; -1 when none.
-  long find(std::string_view prefix, long from = 0) {
-    std::lock_guard lock(mutex_);
-    for (auto i = static_cast<std::size_t>(from); i < lines_.size(); ++i) {
-      if (lines_[i].starts_with(prefix)) return static_cast<long>(i);
+  long find(std::string_view prefix, long from = 0) const {
+    const auto lines = lines_.now();
+    for (auto i = static_cast<std::size_t>(from); i < lines.size(); ++i) {
+      if (lines[i].starts_with(prefix)) return static_cast<long>(i);
     }
     return -1;
   }
-  long count(std::string_view prefix) {
-    std::lock_guard lock(mutex_);
-    return std::count_if(lines_.begin(), lines_.end(),
+  long count(std::string_view prefix) const {
+    const auto lines = lines_.now();
+    return std::count_if(lines.begin(), lines.end(),
                          [&](const auto& line) { return line.starts_with(prefix); });
   }
   // Whether exactly `line` was logged.
-  bool has(std::string_view line) {
-    std::lock_guard lock(mutex_);
-    return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
+  bool has(std::string_view line) const {
+    const auto lines = lines_.now();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
   }
 
  private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
+  ZRBTestInbox<std::string> lines_;
 };

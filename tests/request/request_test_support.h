@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -152,10 +151,7 @@ inline std::vector<std::string> ZRBTestRun(const ZRBRQ_BaseRequestPtr& request) 
 class ZRBTestLogCatcher {
  public:
   ZRBTestLogCatcher() {
-    manager_->setCollector([this](long, const std::string&, const std::string& line) {
-      std::lock_guard lock(mutex_);
-      lines_.push_back(line);
-    });
+    manager_->setCollector([this](long, const std::string&, const std::string& line) { lines_.put(line); });
     manager_->setCollectAppSdkLogEnable(true);
   }
   ~ZRBTestLogCatcher() {
@@ -163,20 +159,16 @@ class ZRBTestLogCatcher {
     manager_->setCollector(nullptr);
   }
   // The lines so far that start with `prefix`.
-  std::vector<std::string> lines(std::string_view prefix = "") {
-    std::lock_guard lock(mutex_);
+  std::vector<std::string> lines(std::string_view prefix = "") const {
     std::vector<std::string> found;
-    std::copy_if(lines_.begin(), lines_.end(), std::back_inserter(found),
-                 [&](const std::string& line) { return line.starts_with(prefix); });
+    for (auto& line : lines_.now()) {
+      if (line.starts_with(prefix)) found.push_back(std::move(line));
+    }
     return found;
   }
-  void clear() {
-    std::lock_guard lock(mutex_);
-    lines_.clear();
-  }
+  void clear() { lines_.clear(); }
 
  private:
   const std::shared_ptr<ZRBAppSdkLogManager> manager_ = ZRBAppSdkLogManager::sharedInstance();
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
+  ZRBTestInbox<std::string> lines_;
 };

@@ -30,6 +30,10 @@ class ZRBTestInbox {
     std::lock_guard lock(mutex_);
     return items_;
   }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    items_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;
