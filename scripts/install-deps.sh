@@ -7,6 +7,8 @@ set -euo pipefail
 packages=(
   # toolchain
   g++ make cmake ninja-build pkg-config ccache
+  # lld: links the library with the request path's functions side by side
+  lld
   # library dependencies
   libssl-dev ca-certificates libsimdjson-dev libplist-dev libboost1.81-dev libboost-url1.81-dev
   media-types gettext libpcre2-dev
