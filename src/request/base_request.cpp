@@ -171,6 +171,17 @@ void ZRBRQ_BaseRequest::clearCompletionBlock() {
   // The callbacks (and whatever they capture) are released here, outside the lock.
 }
 
+void ZRBRQ_BaseRequest::clearCompletionBlockOfTask(const ZRBURLSessionTaskPtr& task) {
+  CompletionBlock success;
+  CompletionBlock failure;
+  {
+    std::lock_guard lock(mutex_);
+    if (requestTask_ != task) return;
+    success.swap(successCompletionBlock_);
+    failure.swap(failureCompletionBlock_);
+  }
+}
+
 void ZRBRQ_BaseRequest::addAccessory(ZRBRQ_RequestAccessoryPtr accessory) {
   std::lock_guard lock(mutex_);
   if (!requestAccessories_) requestAccessories_.emplace();

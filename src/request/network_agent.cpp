@@ -641,15 +641,15 @@ bool ZRBRQ_NetworkAgent::validateResult(const ZRBRQ_BaseRequestPtr& request, ZRB
 
 void ZRBRQ_NetworkAgent::cleanUpRequest(const ZRBRQ_BaseRequestPtr& request,
                                         const ZRBURLSessionTaskPtr& finished) {
-  const ZRBURLSessionTaskPtr current = request->requestTask();
-  if (!finished || current == finished) {
-    removeRecordOfTask(request, current);
+  if (!finished) {
+    removeRequestFromRecord(request);
     request->clearCompletionBlock();
     return;
   }
   // Started again from its callbacks or right after them: only the finished task's entry goes, the
   // new run keeps its own entry and callbacks.
   removeRecordOfTask(request, finished);
+  request->clearCompletionBlockOfTask(finished);
 }
 
 void ZRBRQ_NetworkAgent::requestDidSucceedWithRequest(const ZRBRQ_BaseRequestPtr& request,
