@@ -92,20 +92,25 @@ std::string ZRBHS_DefaultUserAgent() {
   return userAgent;
 }
 
-namespace {
+ZRBHS_HTTPRequestSerializer::Headers::Headers(HeaderFields fields) : list(std::move(fields)) {
+  // What applyDefaultHeaders' loop would make of a request without fields.
+  for (const auto& [field, value] : list) {
+    if (!forBareRequest.contains(field)) forBareRequest.set(field, value);
+  }
+}
 
 // The default headers of a fresh serializer, shared by all of them (a serializer replaces its
 // headers whole when they change). Derived once per process and again only after the language
 // override, a bundle's information map or the device facts changed: serializers are made per
 // request, and deriving the two values costs more than the rest of building a request.
-std::shared_ptr<const ZRBHS_HTTPRequestSerializer::HeaderFields> defaultHeaderFields() {
+std::shared_ptr<const ZRBHS_HTTPRequestSerializer::Headers> ZRBHS_HTTPRequestSerializer::defaultHeaders() {
   struct Generations {
     std::uint64_t locale, bundle, device;
     bool operator==(const Generations&) const = default;
   };
   static std::mutex mutex;
   static std::optional<Generations> derivedAt;
-  static std::shared_ptr<const ZRBHS_HTTPRequestSerializer::HeaderFields> fields;
+  static std::shared_ptr<const Headers> fields;
 
   // Read before the values: a change that lands while they are derived leaves an older mark, so
   // the next serializer derives them again.
@@ -115,15 +120,16 @@ std::shared_ptr<const ZRBHS_HTTPRequestSerializer::HeaderFields> defaultHeaderFi
     std::lock_guard lock(mutex);
     if (derivedAt == now) return fields;
   }
-  auto derived = std::make_shared<const ZRBHS_HTTPRequestSerializer::HeaderFields>(
-      ZRBHS_HTTPRequestSerializer::HeaderFields{
-          {"Accept-Language", ZRBHS_AcceptLanguageHeaderValue(ZRBLocale::preferredLanguages())},
-          {"User-Agent", ZRBHS_DefaultUserAgent()}});
+  auto derived = std::make_shared<const Headers>(
+      HeaderFields{{"Accept-Language", ZRBHS_AcceptLanguageHeaderValue(ZRBLocale::preferredLanguages())},
+                   {"User-Agent", ZRBHS_DefaultUserAgent()}});
   std::lock_guard lock(mutex);
   derivedAt = now;
   fields = derived;
   return derived;
 }
+
+namespace {
 
 const std::shared_ptr<const std::set<std::string>>& defaultMethodsInURI() {
   static const auto methods =
@@ -136,7 +142,7 @@ const std::shared_ptr<const std::set<std::string>>& defaultMethodsInURI() {
 // ---- ZRBHS_HTTPRequestSerializer ----
 
 ZRBHS_HTTPRequestSerializer::ZRBHS_HTTPRequestSerializer()
-    : methodsInURI_(defaultMethodsInURI()), headers_(defaultHeaderFields()) {}
+    : methodsInURI_(defaultMethodsInURI()), headers_(defaultHeaders()) {}
 
 ZRBHS_HTTPRequestSerializerPtr ZRBHS_HTTPRequestSerializer::serializer() {
   return std::make_shared<ZRBHS_HTTPRequestSerializer>();
@@ -259,8 +265,8 @@ void ZRBHS_HTTPRequestSerializer::setQueryStringSerializationWithBlock(QueryStri
   queryStringSerialization_ = std::move(replacement);
 }
 
-std::shared_ptr<const ZRBHS_HTTPRequestSerializer::HeaderFields>
-ZRBHS_HTTPRequestSerializer::headersSnapshot() const {
+std::shared_ptr<const ZRBHS_HTTPRequestSerializer::Headers> ZRBHS_HTTPRequestSerializer::headersSnapshot()
+    const {
   std::lock_guard lock(mutex_);
   return headers_;
 }
@@ -271,38 +277,38 @@ std::shared_ptr<const std::set<std::string>> ZRBHS_HTTPRequestSerializer::method
 }
 
 ZRBHS_HTTPRequestSerializer::HeaderFields ZRBHS_HTTPRequestSerializer::mutableHTTPRequestHeaders() const {
-  return *headersSnapshot();
+  return headersSnapshot()->list;
 }
 
 ZRBValue ZRBHS_HTTPRequestSerializer::HTTPRequestHeaders() const {
   auto headers = headersSnapshot();
   ZRBDictionaryBuilder builder;
-  builder.reserve(headers->size());
-  for (const auto& [field, value] : *headers) builder.set(field, ZRBValue(value));
+  builder.reserve(headers->list.size());
+  for (const auto& [field, value] : headers->list) builder.set(field, ZRBValue(value));
   return builder.build();
 }
 
 void ZRBHS_HTTPRequestSerializer::setValueForHTTPHeaderField(std::optional<std::string> value,
                                                              std::string_view field) {
   std::lock_guard lock(mutex_);
-  auto headers = std::make_shared<HeaderFields>(*headers_);
+  HeaderFields list = headers_->list;
   auto found =
-      std::find_if(headers->begin(), headers->end(), [&](const auto& entry) { return entry.first == field; });
+      std::find_if(list.begin(), list.end(), [&](const auto& entry) { return entry.first == field; });
   if (!value) {
-    if (found == headers->end()) return;
-    headers->erase(found);
-  } else if (found != headers->end()) {
+    if (found == list.end()) return;
+    list.erase(found);
+  } else if (found != list.end()) {
     found->second = std::move(*value);
   } else {
-    headers->emplace_back(std::string(field), std::move(*value));
+    list.emplace_back(std::string(field), std::move(*value));
   }
-  headers_ = std::move(headers);
+  headers_ = std::make_shared<const Headers>(std::move(list));
 }
 
 std::optional<std::string> ZRBHS_HTTPRequestSerializer::valueForHTTPHeaderField(
     std::string_view field) const {
   auto headers = headersSnapshot();  // kept alive for the loop
-  for (const auto& [name, value] : *headers) {
+  for (const auto& [name, value] : headers->list) {
     if (name == field) return value;
   }
   return std::nullopt;
@@ -323,8 +329,13 @@ void ZRBHS_HTTPRequestSerializer::clearAuthorizationHeader() {
 
 void ZRBHS_HTTPRequestSerializer::applyDefaultHeaders(ZRBMutableURLRequest& request) const {
   auto headers = headersSnapshot();  // kept alive for the loop
-  for (const auto& [field, value] : *headers) {
-    if (!request.valueForHTTPHeaderField(field)) request.setValue(value, field);
+  // Usually the request has no fields yet: it gets the ones made for that case, shared.
+  if (request.headerFields().empty()) {
+    request.setHeaderFields(headers->forBareRequest);
+    return;
+  }
+  for (const auto& [field, value] : headers->list) {
+    if (!request.headerFields().contains(field)) request.setValue(value, field);
   }
 }
 
@@ -539,11 +550,12 @@ void ZRBHS_HTTPRequestSerializer::encodeWithCoder(ZRBKeyedArchiver& coder) const
 }
 
 void ZRBHS_HTTPRequestSerializer::decodeStateFrom(ZRBKeyedUnarchiver& coder) {
-  auto decoded = std::make_shared<HeaderFields>();
+  HeaderFields list;
   ZRBValue headers = coder.decodeValue(kHeadersKey, ZRBValueClass::Dictionary);
   for (const auto& [field, value] : headers.entries()) {
-    if (value.isString()) decoded->emplace_back(field.string(), value.string());
+    if (value.isString()) list.emplace_back(field.string(), value.string());
   }
+  auto decoded = std::make_shared<const Headers>(std::move(list));
   ZRBValue style = coder.decodeValue(kStyleKey, ZRBValueClass::Number);
   std::lock_guard lock(mutex_);
   headers_ = std::move(decoded);

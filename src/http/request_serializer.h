@@ -232,9 +232,18 @@ class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
   // Called with mutex_ held.
   void markSet(ObservedProperty property) { explicitlySet_ |= 1u << property; }
   bool isSet(ObservedProperty property) const { return explicitlySet_ >> property & 1u; }
+  // The default headers as set, and the fields they give a request that has none of its own: made
+  // once per change and shared by every such request, so that applying them copies no string.
+  struct Headers {
+    explicit Headers(HeaderFields fields);
+    HeaderFields list;
+    ZRBHTTPHeaderFields forBareRequest;
+  };
+  // A fresh serializer's headers (see defaultHeaders in the .cpp).
+  static std::shared_ptr<const Headers> defaultHeaders();
   // The header fields and the method set are replaced whole on every change, so a reader keeps a
   // consistent snapshot without holding the lock while it uses it.
-  std::shared_ptr<const HeaderFields> headersSnapshot() const;
+  std::shared_ptr<const Headers> headersSnapshot() const;
   std::shared_ptr<const std::set<std::string>> methodsSnapshot() const;
 
   mutable std::mutex mutex_;  // guards every field below except stringEncoding_
@@ -246,7 +255,7 @@ class ZRBHS_HTTPRequestSerializer : public ZRBObject, public ZRBCoding {
   double timeoutInterval_ = 0;
   std::shared_ptr<const std::set<std::string>> methodsInURI_;
   unsigned explicitlySet_ = 0;  // one bit per ObservedProperty
-  std::shared_ptr<const HeaderFields> headers_;
+  std::shared_ptr<const Headers> headers_;
   ZRBHS_QueryStringSerializationStyle style_ = ZRBHS_QueryStringStyleDefault;
   std::shared_ptr<const QueryStringSerialization> queryStringSerialization_;  // null when none
   std::atomic<ZRBStringEncoding> stringEncoding_{ZRBUTF8StringEncoding};

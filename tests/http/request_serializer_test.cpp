@@ -131,6 +131,40 @@ TEST_F(RequestSerializer, DefaultHeadersLoseToTheRequestsOwn) {
   EXPECT_FALSE(request->HTTPBody()) << "the given request is left alone";
 }
 
+// A request without fields gets the defaults made once and shared; one with fields gets them one
+// by one. Both must come out as if added one by one: first spelling wins among names that differ
+// only in case, and the request's own fields stay first.
+TEST_F(RequestSerializer, DefaultHeadersReachBareAndFilledRequestsAlike) {
+  auto serializer = ZRBHS_HTTPRequestSerializer::serializer();
+  serializer->setValueForHTTPHeaderField(std::nullopt, "Accept-Language");
+  serializer->setValueForHTTPHeaderField("1", "X-Dup");
+  serializer->setValueForHTTPHeaderField("2", "x-dup");
+  serializer->setValueForHTTPHeaderField("", "X-Empty");
+  const std::string userAgent = ZRBHS_DefaultUserAgent();
+  using Fields = std::vector<ZRBHTTPHeaderFields::Field>;
+
+  auto bare = build(serializer, "GET", "http://h/");
+  auto second = build(serializer, "GET", "http://h/other");
+  const Fields expected{{"User-Agent", userAgent}, {"X-Dup", "1"}, {"X-Empty", ""}};
+  EXPECT_EQ(bare->headerFields().fields(), expected);
+  EXPECT_EQ(second->headerFields().fields(), expected);
+
+  auto own = std::make_shared<ZRBMutableURLRequest>(ZRBURL::URLWithString("http://h/"));
+  own->setValue("mine", "x-DUP");
+  own->setValue("0", "A");
+  auto filled = serializer->requestBySerializingRequest(own, ZRBValue());
+  EXPECT_EQ(filled->headerFields().fields(),
+            (Fields{{"x-DUP", "mine"}, {"A", "0"}, {"User-Agent", userAgent}, {"X-Empty", ""}}));
+
+  // A change to one request, or to the serializer, reaches no other request.
+  auto changed = std::dynamic_pointer_cast<ZRBMutableURLRequest>(bare);
+  ASSERT_TRUE(changed);
+  changed->setValue("changed", "X-Dup");
+  serializer->setValueForHTTPHeaderField("3", "X-Dup");
+  EXPECT_EQ(second->headerFields().fields(), expected);
+  EXPECT_EQ(header(build(serializer, "GET", "http://h/"), "X-Dup"), "3");
+}
+
 TEST_F(RequestSerializer, ParametersGoIntoTheURLOrAFormBodyByMethod) {
   auto serializer = ZRBHS_HTTPRequestSerializer::serializer();
   ZRBValue a1 = ZRBValue::dictionary({{"a", 1}});

@@ -15,14 +15,34 @@ ZRBHTTPHeaderFields ZRBHTTPHeaderFields::fromDictionary(const ZRBValue& dictiona
   return result;
 }
 
-const ZRBHTTPHeaderFields::Field* ZRBHTTPHeaderFields::find(std::string_view name) const {
-  auto it = std::find_if(fields_.begin(), fields_.end(),
-                         [name](const Field& f) { return ZRBHTTPHeaderNameEquals(f.first, name); });
-  return it == fields_.end() ? nullptr : &*it;
+const std::vector<ZRBHTTPHeaderFields::Field>& ZRBHTTPHeaderFields::noFields() {
+  static const std::vector<Field> none;
+  return none;
 }
 
-ZRBHTTPHeaderFields::Field* ZRBHTTPHeaderFields::find(std::string_view name) {
-  return const_cast<Field*>(std::as_const(*this).find(name));
+ZRBHTTPHeaderFields::Storage& ZRBHTTPHeaderFields::writable() {
+  if (!storage_) {
+    storage_ = new Storage;
+  } else if (storage_->use_count() > 1) {
+    boost::intrusive_ptr<Storage> own(new Storage);
+    own->fields = storage_->fields;
+    storage_ = std::move(own);
+  }
+  return *storage_;
+}
+
+const ZRBHTTPHeaderFields::Field* ZRBHTTPHeaderFields::find(std::string_view name) const {
+  const std::vector<Field>& all = fields();
+  auto it = std::find_if(all.begin(), all.end(),
+                         [name](const Field& f) { return ZRBHTTPHeaderNameEquals(f.first, name); });
+  return it == all.end() ? nullptr : &*it;
+}
+
+ZRBHTTPHeaderFields::Field* ZRBHTTPHeaderFields::findWritable(std::string_view name) {
+  const Field* field = find(name);
+  if (!field) return nullptr;
+  const std::size_t index = static_cast<std::size_t>(field - fields().data());
+  return &writable().fields[index];
 }
 
 std::optional<std::string> ZRBHTTPHeaderFields::value(std::string_view name) const {
@@ -34,39 +54,41 @@ std::optional<std::string> ZRBHTTPHeaderFields::value(std::string_view name) con
 void ZRBHTTPHeaderFields::set(std::string_view name, std::optional<std::string> value) {
   if (!value) {
     remove(name);
-  } else if (Field* field = find(name)) {
+  } else if (Field* field = findWritable(name)) {
     field->second = std::move(*value);
   } else {
-    fields_.emplace_back(std::string(name), std::move(*value));
+    writable().fields.emplace_back(std::string(name), std::move(*value));
   }
 }
 
 void ZRBHTTPHeaderFields::add(std::string_view name, std::string_view value) {
-  if (Field* field = find(name)) {
+  if (Field* field = findWritable(name)) {
     field->second.append(", ").append(value);
   } else {
-    fields_.emplace_back(std::string(name), std::string(value));
+    writable().fields.emplace_back(std::string(name), std::string(value));
   }
 }
 
 bool ZRBHTTPHeaderFields::remove(std::string_view name) {
-  auto it = std::find_if(fields_.begin(), fields_.end(),
-                         [name](const Field& f) { return ZRBHTTPHeaderNameEquals(f.first, name); });
-  if (it == fields_.end()) return false;
-  fields_.erase(it);
+  const Field* field = find(name);
+  if (!field) return false;
+  const std::size_t index = static_cast<std::size_t>(field - fields().data());
+  std::vector<Field>& all = writable().fields;
+  all.erase(all.begin() + static_cast<std::ptrdiff_t>(index));
   return true;
 }
 
 ZRBValue ZRBHTTPHeaderFields::dictionary() const {
   std::vector<ZRBDictionaryEntry> entries;
-  entries.reserve(fields_.size());
-  for (const auto& [name, value] : fields_) entries.emplace_back(ZRBValue(name), ZRBValue(value));
+  entries.reserve(size());
+  for (const auto& [name, value] : fields()) entries.emplace_back(ZRBValue(name), ZRBValue(value));
   return ZRBValue::dictionary(std::move(entries));
 }
 
 bool operator==(const ZRBHTTPHeaderFields& a, const ZRBHTTPHeaderFields& b) {
+  if (a.sharesFieldsWith(b)) return true;
   if (a.size() != b.size()) return false;
-  return std::all_of(a.fields_.begin(), a.fields_.end(), [&b](const ZRBHTTPHeaderFields::Field& f) {
+  return std::all_of(a.fields().begin(), a.fields().end(), [&b](const ZRBHTTPHeaderFields::Field& f) {
     const auto* other = b.find(f.first);
     return other && other->second == f.second;
   });

@@ -3,8 +3,14 @@
 //
 // A name keeps the spelling it was first set with; later writes under another case change the
 // value, not the name. Used by URL requests and HTTP responses alike.
+//
+// Copies share the fields until one of them changes (the change copies them first), so a request
+// copied on its way to the wire, or handed the same default fields as every other request, costs
+// no string copies. Copies of one object may be used from any threads, as with any value type.
 #pragma once
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+#include <boost/smart_ptr/intrusive_ref_counter.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,6 +40,10 @@ class ZRBHTTPHeaderFields {
   ZRBHTTPHeaderFields() = default;
   // From (name, value) pairs; repeated names are joined as add() joins them.
   ZRBHTTPHeaderFields(std::initializer_list<Field> fields);
+  ZRBHTTPHeaderFields(const ZRBHTTPHeaderFields&) = default;
+  ZRBHTTPHeaderFields(ZRBHTTPHeaderFields&&) noexcept = default;
+  ZRBHTTPHeaderFields& operator=(const ZRBHTTPHeaderFields&) = default;
+  ZRBHTTPHeaderFields& operator=(ZRBHTTPHeaderFields&&) noexcept = default;
   // From a dictionary value: string keys; string values are taken as they are, numbers and other
   // values by their description, absent and null entries are skipped. Anything else gives none.
   static ZRBHTTPHeaderFields fromDictionary(const ZRBValue& dictionary);
@@ -50,23 +60,35 @@ class ZRBHTTPHeaderFields {
   // Appends to an existing value after ", ", or sets it when the name is new.
   void add(std::string_view name, std::string_view value);
   bool remove(std::string_view name);
-  void clear() { fields_.clear(); }
-  void reserve(std::size_t count) { fields_.reserve(count); }
+  void clear() { storage_.reset(); }
+  void reserve(std::size_t count) { writable().fields.reserve(count); }
 
-  const std::vector<Field>& fields() const { return fields_; }
-  std::size_t size() const { return fields_.size(); }
-  bool empty() const { return fields_.empty(); }
+  const std::vector<Field>& fields() const { return storage_ ? storage_->fields : noFields(); }
+  std::size_t size() const { return fields().size(); }
+  bool empty() const { return fields().empty(); }
   // The fields as a dictionary value of strings, in order.
   ZRBValue dictionary() const;
+
+  // Whether the two share their fields: then they are equal, field for field and in order.
+  bool sharesFieldsWith(const ZRBHTTPHeaderFields& other) const { return storage_ == other.storage_; }
 
   // Same names (ignoring case) with the same values, in any order.
   friend bool operator==(const ZRBHTTPHeaderFields& a, const ZRBHTTPHeaderFields& b);
 
  private:
-  const Field* find(std::string_view name) const;
-  Field* find(std::string_view name);
+  // The counter's reads are acquire loads, so a copy that finds itself alone may change the fields
+  // after another thread's last read of them.
+  struct Storage : boost::intrusive_ref_counter<Storage, boost::thread_safe_counter> {
+    std::vector<Field> fields;
+  };
 
-  std::vector<Field> fields_;
+  static const std::vector<Field>& noFields();
+  // The fields, made this object's own first when they are shared.
+  Storage& writable();
+  const Field* find(std::string_view name) const;
+  Field* findWritable(std::string_view name);
+
+  boost::intrusive_ptr<Storage> storage_;  // null when there are no fields
 };
 
 // Header fields the way a transport collects them off the wire, without a map: one line

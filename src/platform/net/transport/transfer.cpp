@@ -249,28 +249,48 @@ ZRBErrorPtr ZRBTransfer::prepare(const ZRBTransferSetup& setup) {
 }
 
 void ZRBTransfer::applyHeaders(const ZRBTransferSetup& setup, bool hasBody) {
-  const ZRBURLRequest& request = *setup.request;
-  ZRBHTTPHeaderFields fields = request.headerFields();
-  if (setup.additionalHeaders.isDictionary()) {
-    for (const auto& entry : setup.additionalHeaders.entries()) {
-      if (!fields.contains(entry.first.stringView()) && entry.second.isString()) {
-        fields.set(entry.first.stringView(), entry.second.string());
+  const ZRBHTTPHeaderFields& own = setup.request->headerFields();
+  // Most requests go out with their own fields as they are, and most share them with the requests
+  // before them (the serializer's defaults): those take the merging copy only when it changes them.
+  const bool additional = setup.additionalHeaders.isDictionary() && setup.additionalHeaders.count() > 0;
+  const bool chunked = hasBody && bodyLength_ < 0;
+  const bool merged = additional || !setup.overrideHeaders.empty() || setup.cookieHeader ||
+                      own.contains("Content-Length") || (chunked && !own.contains("Transfer-Encoding"));
+  ZRBHTTPHeaderFields mergedFields;
+  if (merged) {
+    mergedFields = own;
+    if (additional) {
+      for (const auto& entry : setup.additionalHeaders.entries()) {
+        if (!mergedFields.contains(entry.first.stringView()) && entry.second.isString()) {
+          mergedFields.set(entry.first.stringView(), entry.second.string());
+        }
       }
     }
+    for (const auto& [name, value] : setup.overrideHeaders.fields()) mergedFields.set(name, value);
+    // Stored cookies join a Cookie field of the request's own.
+    if (setup.cookieHeader) {
+      auto cookie = mergedFields.value("Cookie");
+      mergedFields.set("Cookie", cookie ? *cookie + "; " + *setup.cookieHeader : *setup.cookieHeader);
+    }
+    // The body's length is the transfer's business: a Content-Length of the request was read in
+    // prepare() and libcurl writes the header itself.
+    mergedFields.remove("Content-Length");
+    if (chunked && !mergedFields.contains("Transfer-Encoding"))
+      mergedFields.set("Transfer-Encoding", "chunked");
   }
-  for (const auto& [name, value] : setup.overrideHeaders.fields()) fields.set(name, value);
-  // Stored cookies join a Cookie field of the request's own.
-  if (setup.cookieHeader) {
-    auto own = fields.value("Cookie");
-    fields.set("Cookie", own ? *own + "; " + *setup.cookieHeader : *setup.cookieHeader);
-  }
-  // The body's length is the transfer's business: a Content-Length of the request was read in
-  // prepare() and libcurl writes the header itself.
-  fields.remove("Content-Length");
-  if (hasBody && bodyLength_ < 0 && !fields.contains("Transfer-Encoding"))
-    fields.set("Transfer-Encoding", "chunked");
+  const ZRBHTTPHeaderFields& fields = merged ? mergedFields : own;
 
-  std::string& text = handle_->headerText;
+  ZRBEasyHandle& handle = *handle_;
+  // The lines this handle sent last time, when they came from the same fields under the same rules.
+  const unsigned rules = (setup.decodeContent ? 1u : 0u) | (hasBody ? 2u : 0u);
+  if (!merged && handle.headerLinesValid && handle.headerRules == rules &&
+      handle.headerSource.sharesFieldsWith(own)) {
+    curl_easy_setopt(handle.easy, CURLOPT_HTTPHEADER,
+                     handle.headerList.empty() ? nullptr : handle.headerList.data());
+    return;
+  }
+
+  std::string& text = handle.headerText;
   text.clear();
   std::size_t lines = 0;
   auto addLine = [&](std::string_view name, std::string_view separator, std::string_view value) {
@@ -294,7 +314,7 @@ void ZRBTransfer::applyHeaders(const ZRBTransferSetup& setup, bool hasBody) {
   if (hasBody && !fields.contains("Expect")) addFixedLine("Expect:");
   if (hasBody && !fields.contains("Content-Type")) addFixedLine("Content-Type:");
 
-  std::vector<curl_slist>& list = handle_->headerList;
+  std::vector<curl_slist>& list = handle.headerList;
   list.resize(lines);
   const char* line = text.data();
   for (std::size_t i = 0; i < lines; ++i) {
@@ -302,7 +322,11 @@ void ZRBTransfer::applyHeaders(const ZRBTransferSetup& setup, bool hasBody) {
     list[i].next = i + 1 < lines ? &list[i + 1] : nullptr;
     line += std::strlen(line) + 1;
   }
-  curl_easy_setopt(handle_->easy, CURLOPT_HTTPHEADER, lines ? list.data() : nullptr);
+  curl_easy_setopt(handle.easy, CURLOPT_HTTPHEADER, lines ? list.data() : nullptr);
+  // Kept, so that the fields cannot go and their place be taken by other ones.
+  handle.headerSource = merged ? ZRBHTTPHeaderFields() : own;
+  handle.headerRules = rules;
+  handle.headerLinesValid = !merged;
 }
 
 void ZRBTransfer::start() {

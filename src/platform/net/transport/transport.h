@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/net/http_header_fields.h"
 #include "platform/net/transport/transport_work.h"
 #include "platform/runtime/dispatch.h"
 #include "platform/runtime/inline_budget.h"
@@ -53,6 +54,11 @@ struct ZRBEasyHandle {
   // reads them through: nodes of our own, kept with the handle so that no transfer allocates them.
   std::string headerText;
   std::vector<curl_slist> headerList;
+  // The fields those lines were made from, unmerged, and the rules (encodings, body) they followed:
+  // a next request sharing the same fields under the same rules sends the same lines as they are.
+  ZRBHTTPHeaderFields headerSource;
+  unsigned headerRules = 0;
+  bool headerLinesValid = false;
   // The resolve list of the current transfer (libcurl reads it when the transfer starts); freed
   // when the handle is reset. `resolveEntries` are its texts, as last set.
   curl_slist* resolveList = nullptr;
