@@ -264,7 +264,9 @@ TEST_F(OrvelGet, RequestsCarryTheirBodiesAndTheUserAgentNamesTheProgram) {
       {{"-F", "title=Holiday", "-F", "photo=@" + photo}, "POST", "name=\"title\"\r\n\r\nHoliday\r\n"},
       {{"-o", answer, "-d", "a=b"}, "POST", "a=b"},
       {{"-X", "PUT", "-d", "x", "-o", answer}, "PUT", "x"},
-      {{"-X", "PROPFIND", "-H", "Accept-Language:", "-d", "a=b", "-o", answer}, "PROPFIND", "a=b"},
+      {{"-X", "PROPFIND", "-H", "Accept-Language:", "-H", "User-Agent:", "-d", "a=b", "-o", answer},
+       "PROPFIND",
+       "a=b"},
   };
   for (const auto& c : cases) {
     auto words = c.words;
@@ -280,7 +282,9 @@ TEST_F(OrvelGet, RequestsCarryTheirBodiesAndTheUserAgentNamesTheProgram) {
     EXPECT_EQ(requests[i].method, cases[i].method);
     EXPECT_NE(requests[i].body.find(cases[i].body), std::string::npos) << requests[i].body;
     EXPECT_TRUE(requests[i].bodyComplete);
+    // "Name:" removes the field, also the one the transport would add itself.
     EXPECT_EQ(requests[i].header("Accept-Language").has_value(), cases[i].method != "PROPFIND");
+    EXPECT_EQ(requests[i].header("User-Agent").has_value(), cases[i].method != "PROPFIND");
   }
   EXPECT_EQ(requests[0].header("Authorization"), "Basic YW5uOnB3");
   EXPECT_NE(requests[1].body.find(std::string(200000, '\xff')), std::string::npos);

@@ -194,6 +194,10 @@ ZRBMutableURLRequestPtr OrvelGetRequest::sessionRequest(ZRBRQ_NetworkAgent& agen
         serializationError ? serializationError->localizedDescription() : "the request could not be built";
     return nullptr;
   }
-  for (const auto& name : removedHeaders_) request->setValue(std::nullopt, name);
+  for (const auto& name : removedHeaders_) {
+    request->setValue(std::nullopt, name);
+    // Also the transport's own field of that name, as curl's "Name:" does.
+    request->setOmitsHTTPHeaderField(name, true);
+  }
   return request;
 }

@@ -1,5 +1,6 @@
 #include "platform/net/url_request.h"
 
+#include <algorithm>
 #include <functional>
 #include <typeinfo>
 
@@ -36,12 +37,26 @@ void ZRBURLRequest::copyStateFrom(const ZRBURLRequest& other) {
   HTTPShouldHandleCookies_ = other.HTTPShouldHandleCookies_;
   HTTPShouldUsePipelining_ = other.HTTPShouldUsePipelining_;
   headers_ = other.headers_;
+  omittedFields_ = other.omittedFields_;
   body_ = other.body_;
   bodyStream_ = other.bodyStream_;
 }
 
 std::optional<std::string> ZRBURLRequest::valueForHTTPHeaderField(std::string_view field) const {
   return headers_.value(field);
+}
+
+bool ZRBURLRequest::omitsHTTPHeaderField(std::string_view field) const {
+  return std::any_of(omittedFields_.begin(), omittedFields_.end(),
+                     [field](const std::string& name) { return ZRBHTTPHeaderNameEquals(name, field); });
+}
+
+void ZRBMutableURLRequest::setOmitsHTTPHeaderField(std::string_view field, bool omits) {
+  auto found = std::find_if(omittedFields_.begin(), omittedFields_.end(), [field](const std::string& name) {
+    return ZRBHTTPHeaderNameEquals(name, field);
+  });
+  if (omits && found == omittedFields_.end()) omittedFields_.emplace_back(field);
+  if (!omits && found != omittedFields_.end()) omittedFields_.erase(found);
 }
 
 ZRBValue ZRBURLRequest::allHTTPHeaderFields() const {
@@ -72,6 +87,12 @@ std::string ZRBURLRequest::description() const {
          " }";
 }
 
+bool ZRBURLRequest::sameOmissions(const ZRBURLRequest& other) const {
+  return omittedFields_.size() == other.omittedFields_.size() &&
+         std::all_of(omittedFields_.begin(), omittedFields_.end(),
+                     [&other](const std::string& name) { return other.omitsHTTPHeaderField(name); });
+}
+
 bool ZRBURLRequest::isEqual(const ZRBObject& other) const {
   auto* r = dynamic_cast<const ZRBURLRequest*>(&other);
   if (!r) return false;
@@ -81,7 +102,7 @@ bool ZRBURLRequest::isEqual(const ZRBObject& other) const {
          networkServiceType_ == r->networkServiceType_ && allowsCellularAccess_ == r->allowsCellularAccess_ &&
          HTTPShouldHandleCookies_ == r->HTTPShouldHandleCookies_ &&
          HTTPShouldUsePipelining_ == r->HTTPShouldUsePipelining_ && headers_ == r->headers_ &&
-         body_ == r->body_ && bodyStream_ == r->bodyStream_;
+         sameOmissions(*r) && body_ == r->body_ && bodyStream_ == r->bodyStream_;
 }
 
 std::size_t ZRBURLRequest::hash() const {

@@ -81,6 +81,11 @@ class ZRBURLRequest : public ZRBObject {
   // spelling; absent when the request has no header fields.
   ZRBValue allHTTPHeaderFields() const;
   const ZRBHTTPHeaderFields& headerFields() const { return headers_; }
+  // Whether the request goes without a field that the transport adds on its own to a request
+  // without it (User-Agent, Accept-Encoding): curl's "Name:" for a field nobody set. Names ignore
+  // case. A field the request has is sent all the same.
+  bool omitsHTTPHeaderField(std::string_view field) const;
+  const std::vector<std::string>& omittedHTTPHeaderFields() const { return omittedFields_; }
 
   // The body bytes as a data value, absent when there is none (an empty body is not absent).
   const ZRBValue& HTTPBody() const { return body_; }
@@ -92,7 +97,8 @@ class ZRBURLRequest : public ZRBObject {
   std::string className() const override { return "ZRBURLRequest"; }
   // "<ZRBURLRequest: 0x...> { URL: http://... }".
   std::string description() const override;
-  // Same URL, method, options, header fields, body bytes and body stream (by identity).
+  // Same URL, method, options, header fields and omitted ones, body bytes and body stream (by
+  // identity).
   bool isEqual(const ZRBObject& other) const override;
   std::size_t hash() const override;
 
@@ -107,10 +113,12 @@ class ZRBURLRequest : public ZRBObject {
   bool HTTPShouldHandleCookies_ = true;
   bool HTTPShouldUsePipelining_ = false;
   ZRBHTTPHeaderFields headers_;
+  std::vector<std::string> omittedFields_;  // first spelling of each name
   ZRBValue body_;
   std::shared_ptr<ZRBInputStream> bodyStream_;
 
   void copyStateFrom(const ZRBURLRequest& other);
+  bool sameOmissions(const ZRBURLRequest& other) const;
 };
 
 class ZRBMutableURLRequest final : public ZRBURLRequest {
@@ -142,6 +150,8 @@ class ZRBMutableURLRequest final : public ZRBURLRequest {
     headers_ = ZRBHTTPHeaderFields::fromDictionary(fields);
   }
   void setHeaderFields(ZRBHTTPHeaderFields fields) { headers_ = std::move(fields); }
+  // See omitsHTTPHeaderField.
+  void setOmitsHTTPHeaderField(std::string_view field, bool omits);
 
   // A data value (a string value stands for its UTF-8 bytes) or absent. A body removes any body
   // stream; absent just removes the body.

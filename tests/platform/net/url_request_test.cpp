@@ -78,6 +78,15 @@ TEST(URLRequestTest, CopiesAreIndependentAndEqual) {
   EXPECT_EQ(mutableCopy->cachePolicy(), ZRBURLRequestReturnCacheDataElseLoad);
   EXPECT_EQ(mutableCopy->timeoutInterval(), 5);
 
+  auto omitting = original->mutableCopy();
+  omitting->setOmitsHTTPHeaderField("User-Agent", true);
+  EXPECT_FALSE(omitting->isEqual(*original));
+  EXPECT_TRUE(omitting->copy()->omitsHTTPHeaderField("user-agent"));
+  EXPECT_TRUE(omitting->mutableCopy()->isEqual(*omitting));
+  EXPECT_FALSE(original->omitsHTTPHeaderField("User-Agent"));
+  omitting->setOmitsHTTPHeaderField("USER-AGENT", false);
+  EXPECT_TRUE(omitting->isEqual(*original));
+
   mutableCopy->setValue("2", "x-a");
   mutableCopy->setHTTPMethod("");
   EXPECT_EQ(original->valueForHTTPHeaderField("X-A"), "1");

@@ -280,9 +280,13 @@ void ZRBTransfer::applyHeaders(const ZRBTransferSetup& setup, bool hasBody) {
   }
   const ZRBHTTPHeaderFields& fields = merged ? mergedFields : own;
 
+  // Our own User-Agent and Accept-Encoding go unless the request omits them.
+  const bool ownAgent = !setup.request->omitsHTTPHeaderField("User-Agent");
+  const bool ownEncodings = !setup.request->omitsHTTPHeaderField("Accept-Encoding");
   ZRBEasyHandle& handle = *handle_;
   // The lines this handle sent last time, when they came from the same fields under the same rules.
-  const unsigned rules = (setup.decodeContent ? 1u : 0u) | (hasBody ? 2u : 0u);
+  const unsigned rules =
+      (setup.decodeContent ? 1u : 0u) | (hasBody ? 2u : 0u) | (ownAgent ? 4u : 0u) | (ownEncodings ? 8u : 0u);
   if (!merged && handle.headerLinesValid && handle.headerRules == rules &&
       handle.headerSource.sharesFieldsWith(own)) {
     curl_easy_setopt(handle.easy, CURLOPT_HTTPHEADER,
@@ -306,10 +310,12 @@ void ZRBTransfer::applyHeaders(const ZRBTransferSetup& setup, bool hasBody) {
     // "Name;" is libcurl's way of sending a field with an empty value.
     addLine(name, value.empty() ? ";" : ": ", value);
   }
-  if (!fields.contains("User-Agent")) addFixedLine("User-Agent: ORVELKIT/" ORVELKIT_VERSION_STRING);
-  // Sent by us rather than by libcurl, which would format the line anew for every request.
+  if (ownAgent && !fields.contains("User-Agent"))
+    addFixedLine("User-Agent: ORVELKIT/" ORVELKIT_VERSION_STRING);
+  // Sent by us rather than by libcurl, which would format the line anew for every request; "Name:"
+  // keeps libcurl from sending its own.
   if (setup.decodeContent && !fields.contains("Accept-Encoding"))
-    addFixedLine("Accept-Encoding: gzip, deflate, br");
+    addFixedLine(ownEncodings ? "Accept-Encoding: gzip, deflate, br" : "Accept-Encoding:");
   // Fields libcurl would add on its own that a request here does not send unless it asks.
   if (hasBody && !fields.contains("Expect")) addFixedLine("Expect:");
   if (hasBody && !fields.contains("Content-Type")) addFixedLine("Content-Type:");

@@ -1,6 +1,7 @@
 // The header lines a transfer sends, request after request on one reused handle: requests that
 // share their fields, a changed copy of them, a body, fields the transfer has to merge, an empty
-// value and none at all. Each request must carry its own lines and nothing of the one before.
+// value, none at all, and the transport's own fields omitted. Each request must carry its own lines and
+// nothing of the one before.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -51,6 +52,7 @@ TEST(TransferHeadersTest, EachRequestOnAReusedHandleSendsItsOwnLines) {
     bool body;
     ZRBHTTPHeaderFields fields;
     Lines expected;
+    std::vector<const char*> omitted = {};
   };
   const std::vector<Row> rows = {
       {"shared", "GET", false, shared, sharedLines},
@@ -73,6 +75,14 @@ TEST(TransferHeadersTest, EachRequestOnAReusedHandleSendsItsOwnLines) {
        blank,
        {{"X-Blank", ""}, {"User-Agent", "ORVELKIT/*"}, {"Accept-Encoding", "gzip, deflate, br"}}},
       {"none", "GET", false, {}, {{"User-Agent", "ORVELKIT/*"}, {"Accept-Encoding", "gzip, deflate, br"}}},
+      // Omitting the transport's own fields drops them, not the request's own.
+      {"omitting",
+       "GET",
+       false,
+       shared,
+       {{"X-Trace", "1"}, {"User-Agent", "tester"}},
+       {"user-agent", "ACCEPT-ENCODING"}},
+      {"omitting with no fields", "GET", false, {}, {}, {"User-Agent", "Accept-Encoding"}},
       {"shared at the end", "GET", false, shared, sharedLines},
   };
   // One after another, so that each transfer takes the handle the one before gave back.
@@ -80,6 +90,7 @@ TEST(TransferHeadersTest, EachRequestOnAReusedHandleSendsItsOwnLines) {
     const Row& row = rows[i];
     auto request = requestFor(server.url("/echo/" + std::to_string(i)), row.method);
     request->setHeaderFields(row.fields);
+    for (const char* name : row.omitted) request->setOmitsHTTPHeaderField(name, true);
     std::promise<ZRBErrorPtr> done;
     auto completion = [&done](ZRBValue, ZRBURLResponsePtr, ZRBErrorPtr error) { done.set_value(error); };
     auto task = row.body ? session->uploadTaskWithRequest(request, ZRBValue::data("body"), completion)
