@@ -20,7 +20,6 @@
   }
 
 ZRBRQ_FIELD(ZRBURLSessionTaskPtr, requestTask, setRequestTask, requestTask_)
-ZRBRQ_FIELD(ZRBValue, responseData, setResponseData, responseData_)
 ZRBRQ_FIELD(ZRBValue, responseObject, setResponseObject, responseObject_)
 ZRBRQ_FIELD(ZRBValue, responseJSONObject, setResponseJSONObject, responseJSONObject_)
 ZRBRQ_FIELD(ZRBErrorPtr, error, setError, error_)
@@ -55,13 +54,27 @@ void ZRBRQ_BaseRequest::setRequestAccessories(
   hasAccessories_.store(requestAccessories_ && !requestAccessories_->empty(), std::memory_order_release);
 }
 
+ZRBValue ZRBRQ_BaseRequest::responseData() const {
+  std::lock_guard lock(mutex_);
+  return responseData_;
+}
+
+void ZRBRQ_BaseRequest::setResponseData(ZRBValue data) {
+  std::lock_guard lock(mutex_);
+  decodePendingResponseString();  // the string stays that of the body it came with
+  responseData_ = std::move(data);
+}
+
+void ZRBRQ_BaseRequest::decodePendingResponseString() const {
+  if (!responseStringPending_) return;
+  responseString_ = ZRBRQ_NetworkUtils::stringFromResponseData(responseData_, responseStringSource_);
+  responseStringSource_.reset();
+  responseStringPending_ = false;
+}
+
 std::optional<std::string> ZRBRQ_BaseRequest::responseString() const {
   std::lock_guard lock(mutex_);
-  if (responseStringPending_) {
-    responseString_ = ZRBRQ_NetworkUtils::stringFromResponseData(responseData_, responseStringSource_);
-    responseStringSource_.reset();
-    responseStringPending_ = false;
-  }
+  decodePendingResponseString();
   return responseString_;
 }
 

@@ -220,6 +220,8 @@ class ZRBRQ_BaseRequest : public ZRBObject {
   // responseJSONObject as it is. responseString is `data` decoded in the charset that `response`
   // names (UTF-8 when none), decoded when first read: most callers never read it.
   void setResponseFields(ZRBValue data, ZRBURLResponsePtr response, ZRBValue object, const ZRBValue* json);
+  // With mutex_ held: a responseString still owed by setResponseFields is decoded now.
+  void decodePendingResponseString() const;
   // clearCompletionBlock when the request's task is still `task` (a request started again keeps
   // the callbacks of its new run).
   void clearCompletionBlockOfTask(const ZRBURLSessionTaskPtr& task);
