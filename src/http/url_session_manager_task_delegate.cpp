@@ -30,8 +30,9 @@ ZRBInlineBudget completionBudget(std::chrono::milliseconds(2), std::chrono::seco
 struct Completion {
   ZRBDispatchQueuePtr queue;
   ZRBDispatchGroupPtr group;
-  // The delegate queue this thread holds while it decodes, or null.
-  ZRBDispatchQueuePtr delegateQueue;
+  // The delegate queue this thread holds while it decodes, or null. Only read while the decoding
+  // runs on this thread, under the manager that owns the queue.
+  const ZRBDispatchQueue* delegateQueue = nullptr;
   ZRBURLSessionTaskPtr task;
   ZRBURLResponsePtr response;
   ZRBHS_TaskCompletionHandler handler;
@@ -62,7 +63,7 @@ struct Completion {
     if (inlineRun.allowed() && queue->runNowIfIdle([this] {
           // The task lists must not wait for the delegate queue that this thread may be holding.
           const ZRBDispatchQueue* outer = ZRBHS_URLSessionManager::heldDelegateQueue;
-          ZRBHS_URLSessionManager::heldDelegateQueue = delegateQueue.get();
+          ZRBHS_URLSessionManager::heldDelegateQueue = delegateQueue;
           struct Restore {
             const ZRBDispatchQueue* outer;
             ~Restore() { ZRBHS_URLSessionManager::heldDelegateQueue = outer; }
@@ -308,7 +309,7 @@ void ZRBHS_URLSessionManagerTaskDelegate::URLSessionTaskDidCompleteWithError(con
   completion.queue = std::move(queue);
   completion.group = std::move(group);
   // Set when decoding runs here, on the delegate queue; a completion run from there holds it.
-  if (size <= kDecodeHereLimit && manager) completion.delegateQueue = manager->operationQueue();
+  if (size <= kDecodeHereLimit && manager) completion.delegateQueue = manager->operationQueue().get();
   completion.task = task;
   completion.response = task->response();
   completion.handler = std::move(completionHandler);
