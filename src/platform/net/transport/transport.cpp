@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <openssl/crypto.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -43,6 +44,9 @@ std::shared_ptr<ZRBTransport> ZRBTransport::make(const ZRBTransportOptions& opti
   // The thread reads its own id and handle only after taking the lock.
   std::lock_guard lock(transport->mutex_);
   transport->thread_ = std::thread([self = transport]() mutable {
+    // Named for profilers and debuggers; otherwise it carries the name of whichever thread made
+    // the session (often the main queue's).
+    pthread_setname_np(pthread_self(), "zrb-transport");
     self->run();
     ZRBTransportExit::instance().threadLeaving(self.get());
     self.reset();  // the last owner may be this thread: the handles and connections go here
