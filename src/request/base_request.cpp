@@ -1,5 +1,7 @@
 #include "request/base_request.h"
 
+#include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 #include "platform/foundation/string_format.h"
@@ -120,7 +122,13 @@ ZRBURLRequestPtr ZRBRQ_BaseRequest::originalRequest() const {
 
 ZRBHTTPURLResponsePtr ZRBRQ_BaseRequest::response() const {
   auto task = requestTask();
-  return task ? std::dynamic_pointer_cast<const ZRBHTTPURLResponse>(task->response()) : nullptr;
+  if (!task) return nullptr;
+  ZRBURLResponsePtr response = task->response();
+  // The HTTP class is final, so its exact type is the whole cast; the library's dynamic cast walks
+  // the class tree and costs several times more on every validation.
+  static_assert(std::is_final_v<ZRBHTTPURLResponse>);
+  if (!response || typeid(*response) != typeid(ZRBHTTPURLResponse)) return nullptr;
+  return std::static_pointer_cast<const ZRBHTTPURLResponse>(std::move(response));
 }
 
 long ZRBRQ_BaseRequest::responseStatusCode() const {
