@@ -157,24 +157,43 @@ struct ThreadParser {
   }
 };
 
+// Children of the containers being built wait on one stack per thread, so a container's
+// elements are allocated once, together with the container, and never through a growing vector.
+struct BuildStacks {
+  std::vector<ZRBValue> items;
+  std::vector<ZRBDictionaryEntry> entries;
+};
+thread_local BuildStacks buildStacks;
+
+// Drops what a container pushed, also when building a child throws.
+template <typename Element>
+struct StackMark {
+  std::vector<Element>& stack;
+  std::size_t base = stack.size();
+  ~StackMark() { stack.resize(base); }
+  std::span<Element> pushed() { return {stack.data() + base, stack.size() - base}; }
+};
+
 ZRBValue build(simdjson::dom::element element) {
   using simdjson::dom::element_type;
   switch (element.type()) {
     case element_type::ARRAY: {
+      StackMark<ZRBValue> mark{buildStacks.items};
       simdjson::dom::array array = element.get_array().value_unsafe();
-      std::vector<ZRBValue> items;
-      items.reserve(array.size());
-      for (simdjson::dom::element child : array) items.push_back(build(child));
-      return ZRBValue::array(std::move(items));
+      for (simdjson::dom::element child : array) {
+        ZRBValue item = build(child);
+        mark.stack.push_back(std::move(item));
+      }
+      return ZRBValue::arrayMovingFrom(mark.pushed());
     }
     case element_type::OBJECT: {
+      StackMark<ZRBDictionaryEntry> mark{buildStacks.entries};
       simdjson::dom::object object = element.get_object().value_unsafe();
-      std::vector<ZRBDictionaryEntry> entries;
-      entries.reserve(object.size());
       for (simdjson::dom::key_value_pair field : object) {
-        entries.emplace_back(field.key, build(field.value));
+        ZRBValue value = build(field.value);
+        mark.stack.emplace_back(field.key, std::move(value));
       }
-      return ZRBValue::dictionary(std::move(entries));
+      return ZRBValue::dictionaryMovingFrom(mark.pushed());
     }
     case element_type::STRING: return ZRBValue(element.get_string().value_unsafe());
     case element_type::INT64: return ZRBValue(static_cast<long long>(element.get_int64().value_unsafe()));
@@ -759,7 +778,10 @@ ZRBValue readJSON(std::string_view text, ZRBJSONReadingOptions options, ZRBError
     failure = parsed.error();
     if (!failure) {
       ZRBValue value = build(parsed.value_unsafe());
-      if (text.size() > kRetainedInputSize) threadParser.parser.reset();
+      if (text.size() > kRetainedInputSize) {
+        threadParser.parser.reset();
+        buildStacks = {};
+      }
       return value;
     }
     if (text.size() > kRetainedInputSize) threadParser.parser.reset();

@@ -60,8 +60,25 @@ struct DataNode : ValueNode {
   }
 };
 
+// Arrays and dictionaries: the elements follow the header in the same allocation.
+template <typename Node, typename Element>
+Node* makeMovingFrom(std::span<Element> source) {
+  auto* node = makeWithTrailing<Node>(source.size() * sizeof(Element));
+  Element* out = node->begin();
+  for (Element& element : source) new (out++) Element(std::move(element));
+  node->count = source.size();
+  return node;
+}
+template <typename Node>
+void destroyElements(Node* node) {
+  std::destroy_n(node->begin(), node->count);
+  destroyWithTrailing(node);
+}
+
 struct ArrayNode : ValueNode {
-  std::vector<ZRBValue> items;
+  std::size_t count = 0;
+  ZRBValue* begin() { return reinterpret_cast<ZRBValue*>(this + 1); }
+  std::span<ZRBValue> items() { return {begin(), count}; }
 };
 
 struct SetNode : ValueNode {
@@ -72,10 +89,13 @@ struct SetNode : ValueNode {
 // open-addressing index of entry positions built once at construction.
 struct DictionaryNode : ValueNode {
   static constexpr std::size_t kLinearLimit = 8;
-  std::vector<ZRBDictionaryEntry> entries;
+  std::size_t count = 0;
   std::vector<std::uint32_t> index;  // slot -> entry position + 1; 0 is empty
   std::size_t mask = 0;
+  ZRBDictionaryEntry* begin() { return reinterpret_cast<ZRBDictionaryEntry*>(this + 1); }
+  std::span<ZRBDictionaryEntry> entries() { return {begin(), count}; }
 };
+static_assert(sizeof(ArrayNode) % alignof(ZRBValue) == 0 && sizeof(DictionaryNode) % alignof(ZRBValue) == 0);
 
 struct ObjectNode : ValueNode {
   ZRBObjectPtr object;
@@ -193,11 +213,11 @@ const char* className(ZRBValueClass cls) {
 // is met while inserting, so the caller can resolve duplicates.
 void buildIndex(DictionaryNode& node) {
   std::size_t capacity = 16;
-  while (capacity < node.entries.size() * 2) capacity <<= 1;
+  while (capacity < node.count * 2) capacity <<= 1;
   node.index.assign(capacity, 0);
   node.mask = capacity - 1;
-  for (std::size_t i = 0; i < node.entries.size(); ++i) {
-    std::size_t slot = hashString(node.entries[i].first.stringView()) & node.mask;
+  for (std::size_t i = 0; i < node.count; ++i) {
+    std::size_t slot = hashString(node.begin()[i].first.stringView()) & node.mask;
     while (node.index[slot] != 0) slot = (slot + 1) & node.mask;
     node.index[slot] = static_cast<std::uint32_t>(i + 1);
   }
@@ -232,8 +252,8 @@ void ZRBValue::releaseNode() noexcept {
   switch (kind_) {
     case ZRBValueKind::String: destroyWithTrailing(static_cast<StringNode*>(n)); break;
     case ZRBValueKind::Data: destroyWithTrailing(static_cast<DataNode*>(n)); break;
-    case ZRBValueKind::Array: delete static_cast<ArrayNode*>(n); break;
-    case ZRBValueKind::Dictionary: delete static_cast<DictionaryNode*>(n); break;
+    case ZRBValueKind::Array: destroyElements(static_cast<ArrayNode*>(n)); break;
+    case ZRBValueKind::Dictionary: destroyElements(static_cast<DictionaryNode*>(n)); break;
     case ZRBValueKind::Set: delete static_cast<SetNode*>(n); break;
     case ZRBValueKind::Object: delete static_cast<ObjectNode*>(n); break;
     default: break;
@@ -317,10 +337,10 @@ ZRBValue ZRBValue::data(const void* bytes, std::size_t length) {
   return fromNode(ZRBValueKind::Data, DataNode::copying(bytes, length));
 }
 
-ZRBValue ZRBValue::array(std::vector<ZRBValue> items) {
-  auto* n = new ArrayNode;
-  n->items = std::move(items);
-  return fromNode(ZRBValueKind::Array, n);
+ZRBValue ZRBValue::array(std::vector<ZRBValue> items) { return arrayMovingFrom(items); }
+
+ZRBValue ZRBValue::arrayMovingFrom(std::span<ZRBValue> items) {
+  return fromNode(ZRBValueKind::Array, makeMovingFrom<ArrayNode>(items));
 }
 
 ZRBValue ZRBValue::array(std::initializer_list<ZRBValue> items) {
@@ -328,13 +348,18 @@ ZRBValue ZRBValue::array(std::initializer_list<ZRBValue> items) {
 }
 
 ZRBValue ZRBValue::dictionary(std::vector<ZRBDictionaryEntry> entries) {
+  return dictionaryMovingFrom(entries);
+}
+
+ZRBValue ZRBValue::dictionaryMovingFrom(std::span<ZRBDictionaryEntry> entries) {
   // Keys are strings; any other key stands for its description.
   for (auto& entry : entries) {
     if (!entry.first.isString()) entry.first = ZRBValue(entry.first.description());
   }
-  auto* n = new DictionaryNode;
-  n->entries = std::move(entries);
-  auto& list = n->entries;
+  auto* n = makeMovingFrom<DictionaryNode>(entries);
+  // Owned from here on, so a failure building the index releases it.
+  ZRBValue result = fromNode(ZRBValueKind::Dictionary, n);
+  std::span<ZRBDictionaryEntry> list = n->entries();
   bool removed = false;
   if (list.size() <= DictionaryNode::kLinearLimit) {
     // Every key is a string by now (a dropped one is absent, whose view is empty), so the keys'
@@ -372,14 +397,17 @@ ZRBValue ZRBValue::dictionary(std::vector<ZRBDictionaryEntry> entries) {
     }
   }
   if (removed) {
-    std::erase_if(list, [](const ZRBDictionaryEntry& e) { return e.first.isAbsent(); });
-    if (list.size() > DictionaryNode::kLinearLimit) {
+    auto kept = std::remove_if(list.begin(), list.end(),
+                               [](const ZRBDictionaryEntry& e) { return e.first.isAbsent(); });
+    std::destroy(kept, list.end());
+    n->count = static_cast<std::size_t>(kept - list.begin());
+    if (n->count > DictionaryNode::kLinearLimit) {
       buildIndex(*n);
     } else {
       n->index.clear();
     }
   }
-  return fromNode(ZRBValueKind::Dictionary, n);
+  return result;
 }
 
 ZRBValue ZRBValue::dictionary(std::initializer_list<std::pair<std::string_view, ZRBValue>> entries) {
@@ -515,42 +543,42 @@ std::span<const std::uint8_t> ZRBValue::bytes() const noexcept {
 
 std::size_t ZRBValue::count() const noexcept {
   switch (kind_) {
-    case ZRBValueKind::Array: return static_cast<ArrayNode*>(node())->items.size();
+    case ZRBValueKind::Array: return static_cast<ArrayNode*>(node())->count;
     case ZRBValueKind::Set: return static_cast<SetNode*>(node())->items.size();
-    case ZRBValueKind::Dictionary: return static_cast<DictionaryNode*>(node())->entries.size();
+    case ZRBValueKind::Dictionary: return static_cast<DictionaryNode*>(node())->count;
     default: return 0;
   }
 }
 
 std::span<const ZRBValue> ZRBValue::items() const noexcept {
-  if (kind_ == ZRBValueKind::Array) return static_cast<ArrayNode*>(node())->items;
+  if (kind_ == ZRBValueKind::Array) return static_cast<ArrayNode*>(node())->items();
   if (kind_ == ZRBValueKind::Set) return static_cast<SetNode*>(node())->items;
   return {};
 }
 
 std::span<const ZRBDictionaryEntry> ZRBValue::entries() const noexcept {
   if (kind_ != ZRBValueKind::Dictionary) return {};
-  return static_cast<DictionaryNode*>(node())->entries;
+  return static_cast<DictionaryNode*>(node())->entries();
 }
 
 const ZRBValue& ZRBValue::operator[](std::size_t index) const noexcept {
   if (kind_ != ZRBValueKind::Array) return kAbsent;
-  const auto& items = static_cast<ArrayNode*>(node())->items;
-  return index < items.size() ? items[index] : kAbsent;
+  auto* n = static_cast<ArrayNode*>(node());
+  return index < n->count ? n->items()[index] : kAbsent;
 }
 
 const ZRBValue& ZRBValue::operator[](std::string_view key) const noexcept {
   if (kind_ != ZRBValueKind::Dictionary) return kAbsent;
-  const auto* n = static_cast<const DictionaryNode*>(node());
+  auto* n = static_cast<DictionaryNode*>(node());
   if (n->index.empty()) {
-    for (const auto& entry : n->entries) {
+    for (const auto& entry : n->entries()) {
       if (entry.first.stringView() == key) return entry.second;
     }
     return kAbsent;
   }
   std::size_t slot = hashString(key) & n->mask;
   while (std::uint32_t at = n->index[slot]) {
-    const auto& entry = n->entries[at - 1];
+    const auto& entry = n->begin()[at - 1];
     if (entry.first.stringView() == key) return entry.second;
     slot = (slot + 1) & n->mask;
   }

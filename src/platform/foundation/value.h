@@ -152,9 +152,14 @@ class ZRBValue {
   static ZRBValue data(std::string_view bytes) { return data(bytes.data(), bytes.size()); }
   static ZRBValue array(std::vector<ZRBValue> items);
   static ZRBValue array(std::initializer_list<ZRBValue> items);
+  // The items are moved out of `items` (left absent) into the value's single allocation.
+  static ZRBValue arrayMovingFrom(std::span<ZRBValue> items);
   // Later duplicates of a key replace earlier ones in place; insertion order is kept otherwise.
   static ZRBValue dictionary(std::vector<ZRBDictionaryEntry> entries);
   static ZRBValue dictionary(std::initializer_list<std::pair<std::string_view, ZRBValue>> entries);
+  // As dictionary(), moving the entries out of `entries` (left absent) into the value's single
+  // allocation.
+  static ZRBValue dictionaryMovingFrom(std::span<ZRBDictionaryEntry> entries);
   // Duplicates (by equality) are dropped; the first one stays.
   static ZRBValue set(std::vector<ZRBValue> items);
   static ZRBValue set(std::initializer_list<ZRBValue> items);
