@@ -114,6 +114,35 @@ TEST(JSONSerializationTest, ReadsStructureEscapesAndEncodings) {
   }
 }
 
+// Siblings at every depth, small and indexed objects, repeated keys at depth: each container must
+// take exactly its own children however the reader gathers them.
+TEST(JSONSerializationTest, NestedContainersKeepTheirOwnChildren) {
+  std::string text = "[";
+  std::vector<ZRBValue> expected;
+  for (int i = 0; i < 60; ++i) {
+    const int keys = i % 2 ? 12 : 3;
+    std::vector<ZRBDictionaryEntry> entries;
+    text += i ? ",{" : "{";
+    for (int k = 0; k < keys; ++k) {
+      const std::string key = "key number " + std::to_string(k);
+      text += (k ? ",\"" : "\"") + key + "\":[" + std::to_string(i) + ",{\"x\":" + std::to_string(k) + "}]";
+      entries.emplace_back(ZRBValue(key), ZRBValue::array({i, ZRBValue::dictionary({{"x", k}})}));
+    }
+    text += ",\"key number 1\":\"last\"}";
+    entries.emplace_back(ZRBValue("key number 1"), ZRBValue("last"));
+    expected.push_back(ZRBValue::dictionary(std::move(entries)));
+  }
+  text += "]";
+  const ZRBValue want = ZRBValue::array(std::move(expected));
+  for (int round = 0; round < 2; ++round) {
+    const ZRBValue v = read(text);
+    ASSERT_EQ(v, want);
+    EXPECT_EQ(v[1].count(), 12u);
+    EXPECT_EQ(v[1]["key number 1"], ZRBValue("last"));
+    EXPECT_EQ(v[1].entries()[1].first.string(), "key number 1");
+  }
+}
+
 TEST(JSONSerializationTest, FragmentsNeedTheOption) {
   for (const char* text : {"1", "\"s\"", " null "}) {
     EXPECT_NE(refusal(text, {}).find("option to allow fragments not set"), std::string::npos) << text;
