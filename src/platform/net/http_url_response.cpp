@@ -15,6 +15,21 @@ std::string_view trim(std::string_view s) {
   return s;
 }
 
+// The shared copy of a common MIME type that `value` names in any case, or null.
+const std::optional<std::string>* knownMIMEType(std::string_view value) {
+  static const std::optional<std::string> known[] = {
+      "application/json", "text/html", "text/plain", "application/octet-stream", "text/json",
+      "text/javascript",  "image/png", "image/jpeg", "application/xml",          "text/xml"};
+  for (const auto& type : known) {
+    if (type->size() != value.size()) continue;
+    if (std::equal(value.begin(), value.end(), type->begin(), [](unsigned char c, char t) {
+          return static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c) == t;
+        }))
+      return &type;
+  }
+  return nullptr;
+}
+
 std::string lower(std::string_view s) {
   std::string out(s);
   std::transform(out.begin(), out.end(), out.begin(),
@@ -187,7 +202,10 @@ ZRBHTTPURLResponse::ZRBHTTPURLResponse(ZRBURLPtr url, long statusCode, std::opti
     if (const std::string* value = headers_.lookup("Content-Type")) contentType = *value;
     if (const std::string* value = headers_.lookup("Content-Length")) contentLength = *value;
   }
-  if (contentType) {
+  if (contentType && contentType->find(';') == std::string_view::npos) {
+    knownMIMEType_ = knownMIMEType(trim(*contentType));
+  }
+  if (contentType && !knownMIMEType_) {
     ZRBContentType parsed = ZRBParseContentType(*contentType);
     mimeType_ = std::move(parsed.MIMEType);
     textEncodingName_ = std::move(parsed.charset);

@@ -31,7 +31,7 @@ class ZRBURLResponse : public ZRBObject {
                  std::optional<std::string> textEncodingName);
 
   const ZRBURLPtr& URL() const { return url_; }
-  const std::optional<std::string>& MIMEType() const { return mimeType_; }
+  const std::optional<std::string>& MIMEType() const { return knownMIMEType_ ? *knownMIMEType_ : mimeType_; }
   long long expectedContentLength() const { return expectedContentLength_; }
   const std::optional<std::string>& textEncodingName() const { return textEncodingName_; }
   // A file name to save the body under: the Content-Disposition's filename* or filename (HTTP
@@ -46,6 +46,8 @@ class ZRBURLResponse : public ZRBObject {
  protected:
   ZRBURLPtr url_;
   std::optional<std::string> mimeType_;
+  // A common type is shared rather than built per response; it stands in for mimeType_ when set.
+  const std::optional<std::string>* knownMIMEType_ = nullptr;
   long long expectedContentLength_;
   std::optional<std::string> textEncodingName_;
 };

@@ -19,6 +19,10 @@ TEST(HTTPURLResponseTest, ContentTypeGivesMIMETypeAndCharset) {
   };
   const Case cases[] = {
       {"application/json", "application/json", std::nullopt},
+      {" Application/JSON\t", "application/json", std::nullopt},
+      {"IMAGE/png", "image/png", std::nullopt},
+      {"application/jsonx", "application/jsonx", std::nullopt},
+      {"Text/JSON; charset=UTF-8", "text/json", "utf-8"},
       {"Text/HTML; Charset=UTF-8", "text/html", "utf-8"},
       {"text/plain;charset=\"ISO-8859-1\";format=flowed", "text/plain", "iso-8859-1"},
       {"text/plain; format=\"a;charset=x\"; charset = Shift_JIS ", "text/plain", "shift_jis"},
