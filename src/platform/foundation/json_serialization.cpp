@@ -163,7 +163,7 @@ struct BuildStacks {
   std::vector<ZRBValue> items;
   std::vector<ZRBDictionaryEntry> entries;
 };
-thread_local BuildStacks buildStacks;
+thread_local BuildStacks threadBuildStacks;
 
 // Drops what a container pushed, also when building a child throws.
 template <typename Element>
@@ -174,23 +174,23 @@ struct StackMark {
   std::span<Element> pushed() { return {stack.data() + base, stack.size() - base}; }
 };
 
-ZRBValue build(simdjson::dom::element element) {
+ZRBValue build(simdjson::dom::element element, BuildStacks& stacks) {
   using simdjson::dom::element_type;
   switch (element.type()) {
     case element_type::ARRAY: {
-      StackMark<ZRBValue> mark{buildStacks.items};
+      StackMark<ZRBValue> mark{stacks.items};
       simdjson::dom::array array = element.get_array().value_unsafe();
       for (simdjson::dom::element child : array) {
-        ZRBValue item = build(child);
+        ZRBValue item = build(child, stacks);
         mark.stack.push_back(std::move(item));
       }
       return ZRBValue::arrayMovingFrom(mark.pushed());
     }
     case element_type::OBJECT: {
-      StackMark<ZRBDictionaryEntry> mark{buildStacks.entries};
+      StackMark<ZRBDictionaryEntry> mark{stacks.entries};
       simdjson::dom::object object = element.get_object().value_unsafe();
       for (simdjson::dom::key_value_pair field : object) {
-        ZRBValue value = build(field.value);
+        ZRBValue value = build(field.value, stacks);
         mark.stack.emplace_back(field.key, std::move(value));
       }
       return ZRBValue::dictionaryMovingFrom(mark.pushed());
@@ -777,10 +777,10 @@ ZRBValue readJSON(std::string_view text, ZRBJSONReadingOptions options, ZRBError
     auto parsed = parser->parse(text.data(), text.size(), true);
     failure = parsed.error();
     if (!failure) {
-      ZRBValue value = build(parsed.value_unsafe());
+      ZRBValue value = build(parsed.value_unsafe(), threadBuildStacks);
       if (text.size() > kRetainedInputSize) {
         threadParser.parser.reset();
-        buildStacks = {};
+        threadBuildStacks = {};
       }
       return value;
     }
