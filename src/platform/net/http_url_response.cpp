@@ -20,12 +20,9 @@ const std::optional<std::string>* knownMIMEType(std::string_view value) {
   static const std::optional<std::string> known[] = {
       "application/json", "text/html", "text/plain", "application/octet-stream", "text/json",
       "text/javascript",  "image/png", "image/jpeg", "application/xml",          "text/xml"};
+  // The same ASCII case-insensitive comparison as header names.
   for (const auto& type : known) {
-    if (type->size() != value.size()) continue;
-    if (std::equal(value.begin(), value.end(), type->begin(), [](unsigned char c, char t) {
-          return static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c) == t;
-        }))
-      return &type;
+    if (ZRBHTTPHeaderNameEquals(value, *type)) return &type;
   }
   return nullptr;
 }
